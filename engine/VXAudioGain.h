@@ -1,0 +1,134 @@
+#pragma once
+
+#include <QImage>
+#include <QMutex>
+#include <QObject>
+#include <QString>
+#include <atomic>
+#include <functional>
+#include <memory>
+
+#include "engine/codec/VXError.h"
+
+class VXTranscoding;
+
+// The report callback of a job: (state, retCode), called on the main thread
+// after the item's state and retCode were set.
+using VXGainBlock = std::function<void(qint32 state, qint64 retCode)>;
+
+// One audio item: an input file, where its result goes, its target loudness
+// and the state of its two-pass job. States: 0 idle, 1 started, 2 running
+// (retCode = progress), 3 finished (retCode 0 success, -1 failure,
+// -2 cancelled).
+class VXAudioGain : public QObject, public std::enable_shared_from_this<VXAudioGain> {
+    Q_OBJECT
+    Q_PROPERTY(float targetLoudness READ targetLoudness WRITE setTargetLoudness NOTIFY targetLoudnessChanged)
+    Q_PROPERTY(QString inputFile READ inputFile CONSTANT)
+    Q_PROPERTY(QString outFolder READ outFolder WRITE setOutFolder NOTIFY outFolderChanged)
+    Q_PROPERTY(QString outFileName READ outFileName WRITE setOutFileName NOTIFY outFileNameChanged)
+    Q_PROPERTY(QString outPathFile READ outPathFile WRITE setOutPathFile NOTIFY outPathFileChanged)
+    Q_PROPERTY(qint32 state READ state WRITE setState NOTIFY stateChanged)
+    Q_PROPERTY(qint64 retCode READ retCode WRITE setRetCode NOTIFY retCodeChanged)
+    Q_PROPERTY(quint64 duration READ duration CONSTANT)
+    Q_PROPERTY(QImage face READ face CONSTANT)
+    Q_PROPERTY(bool replaceOriginalFile READ replaceOriginalFile WRITE setReplaceOriginalFile NOTIFY replaceOriginalFileChanged)
+    Q_PROPERTY(QString inputFileName READ inputFileName CONSTANT)
+    Q_PROPERTY(quint64 inputFileSize READ inputFileSize)
+    Q_PROPERTY(QString formatInputFileSize READ formatInputFileSize)
+    Q_PROPERTY(QString formatDuration READ formatDuration CONSTANT)
+    Q_PROPERTY(QString formatTargetLoudness READ formatTargetLoudness NOTIFY formatTargetLoudnessChanged)
+    Q_PROPERTY(bool allowedTargetLoudnessEdit READ allowedTargetLoudnessEdit NOTIFY allowedTargetLoudnessEditChanged)
+    Q_PROPERTY(float loudnormValue READ loudnormValue NOTIFY loudnormValueChanged)
+    Q_PROPERTY(QImage stateImage READ stateImage NOTIFY stateImageChanged)
+
+public:
+    static constexpr float kDefaultTargetLoudness = 70.77f;
+
+    // Probes the file; nullptr (and the codec's error in *error) when it
+    // cannot be opened. The item is destroyed on its own thread whichever
+    // thread drops the last reference.
+    static std::shared_ptr<VXAudioGain> initWithFile(const QString &path, const QString &outFolder,
+                                                     VXError *error);
+    ~VXAudioGain() override;
+
+    float targetLoudness() const;
+    void setTargetLoudness(float value);
+    QString inputFile() const;
+    QString outFolder() const;  // a null QString stands for "no folder"
+    void setOutFolder(const QString &folder);
+    QString outFileName() const;
+    void setOutFileName(const QString &name);
+    QString outPathFile() const;
+    void setOutPathFile(const QString &path);
+    qint32 state() const;
+    void setState(qint32 state);
+    qint64 retCode() const;
+    void setRetCode(qint64 retCode);
+    quint64 duration() const;
+    QImage face() const;
+    bool replaceOriginalFile() const;
+    void setReplaceOriginalFile(bool replace);
+
+    QString inputFileName() const;
+    quint64 inputFileSize() const;
+    QString formatInputFileSize() const;
+    QString formatDuration() const;
+    QString formatTargetLoudness() const;
+    bool allowedTargetLoudnessEdit() const;
+    float loudnormValue() const;
+    bool isRunning() const { return state() == 1 || state() == 2; }
+
+    static QString formatSize(quint64 bytes);
+    static QString formatDuration(quint64 ticks);
+
+    // The job: returns at once; the work runs on jobPool().
+    void gainWithBlock(VXGainBlock block);
+    void cancelGain();
+    void sendMessage(qint32 state, qint64 retCode, const VXGainBlock &block);
+    QString tempOutFile() const;
+
+    // Output placement.
+    bool moveTempFileToFinalOut(const QString &tempPath);
+    // Removes this process's private temporary directory with its content.
+    static void cleanCache();
+    // This process's private temporary directory (mode 0700), created on demand.
+    static QString temporaryDirectory();
+
+    // State image: nothing, a progress disc, or the success/failure mark.
+    QImage stateImage() const;
+    // A new 32 x 32 point image (at devicePixelRatio, for HiDPI screens).
+    static QImage makeImageWithPrg(qint64 progress, qreal devicePixelRatio = 2.0);
+
+signals:
+    void targetLoudnessChanged();
+    void outFolderChanged();
+    void outFileNameChanged();
+    void outPathFileChanged();
+    void stateChanged();
+    void retCodeChanged();
+    void replaceOriginalFileChanged();
+    void formatTargetLoudnessChanged();
+    void allowedTargetLoudnessEditChanged();
+    void loudnormValueChanged();
+    void stateImageChanged();
+
+private:
+    VXAudioGain(const QString &path, const QString &outFolder);
+    void runJob(VXGainBlock block);
+
+    mutable QMutex m_lock;  // guards the atomic properties and m_transCoding
+    float m_targetLoudness = kDefaultTargetLoudness;
+    QString m_inputFile;
+    QString m_outFolder;
+    QString m_outFileName;
+    std::atomic<qint32> m_state{0};
+    std::atomic<qint64> m_retCode{0};
+    QString m_tempOutFile;
+    std::shared_ptr<VXTranscoding> m_transCoding;
+    std::atomic<bool> m_cancelGain{false};
+    quint64 m_duration = 0;
+    QImage m_face;
+    std::atomic<bool> m_replaceOriginalFile{false};
+};
+
+using VXAudioGainPtr = std::shared_ptr<VXAudioGain>;

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QtGlobal>
+
+// Names and values of the codec layer's public constants. Attribute keys are
+// loudnorm's own option names, so a filter's attributes become its option
+// string without a translation table.
+
+inline constexpr const char VXALoudnormName[] = "loudnorm";
+
+inline constexpr const char kVXAIntegratedLoudnessTarget[] = "I";
+inline constexpr const char kVXPrintFormat[] = "print_format";
+inline constexpr const char VXPrintFormatJSON[] = "json";
+inline constexpr const char VXPrintFormatNone[] = "none";
+inline constexpr const char kVXAMeasuredIntegratedLoudness[] = "measured_I";
+inline constexpr const char kVXAMeasuredTruePeak[] = "measured_TP";
+inline constexpr const char kVXAMeasuredLoudnessRange[] = "measured_LRA";
+inline constexpr const char kVXAMeasuredThresh[] = "measured_thresh";
+inline constexpr const char kVXAGainOffset[] = "offset";
+inline constexpr const char kVXALinearGain[] = "linear";
+
+// loudnorm's accepted range for I.
+inline constexpr float VXMinIntegratedLoudnessTarget = -70.0f;
+inline constexpr float VXMaxIntegratedLoudnessTarget = -5.0f;
+
+// Durations are reported in microseconds (FFmpeg's AV_TIME_BASE).
+inline constexpr quint64 VXTimebase = 1000000;
+
+// Key of VXError::userInfo set when a file's audio is DRM-protected.
+inline constexpr const char VXTranscodingDRMProtected[] = "VXTranscodingDRMProtected";
+
+// The "not found" location of rangeOfDataFind.
+inline constexpr qint64 VXNotFound = 0x7FFFFFFFFFFFFFFFLL;

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QString>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+class VXFilter;
+
+// The transcoding callback: (state, value). State 2 reports progress 0..100;
+// state 3 is the one end report: 0 completed, 1 failed, 2 cancelled.
+using VXTranscodingBlock = std::function<void(int32_t state, int64_t value)>;
+
+inline constexpr int32_t VXTranscodingStateProgress = 2;
+inline constexpr int32_t VXTranscodingStateEnd = 3;
+inline constexpr int64_t VXTranscodingCompleted = 0;
+inline constexpr int64_t VXTranscodingFailed = 1;
+inline constexpr int64_t VXTranscodingCancelled = 2;
+
+// Decodes the input's audio, runs it through the added filters, resamples it
+// back to the input's rate and encodes it with the input's codec into a file
+// of the same format at the output path (overwritten if present). Cover art,
+// video and subtitle streams, tags and chapters are copied unchanged.
+class VXTranscoding : public std::enable_shared_from_this<VXTranscoding> {
+public:
+    // nullptr when the input cannot be read or no encoder exists for it.
+    static std::shared_ptr<VXTranscoding> initWithInput(const QString &input, const QString &output);
+    // Joins the worker threads, then frees the filter graph; that is when a
+    // loudnorm filter prints its measurement record.
+    ~VXTranscoding();
+
+    void addAudioFilter(std::shared_ptr<VXFilter> filter);
+    // Starts the work on threads of its own and returns at once. Progress is
+    // monotonic, at most about one report per percent, and exactly one end
+    // report follows, after which nothing more is reported.
+    void transcodingWithBlock(VXTranscodingBlock block);
+    // Asks the work to stop; returns at once from any thread.
+    void cancelTranscoding();
+
+    VXTranscoding(const VXTranscoding &) = delete;
+    VXTranscoding &operator=(const VXTranscoding &) = delete;
+
+private:
+    VXTranscoding();
+    struct Private;
+    std::unique_ptr<Private> d;
+};

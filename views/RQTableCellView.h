@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QStyledItemDelegate>
+
+// The controller's answer to a row that asks whether it is selected.
+class RQTableCellViewDelegate {
+public:
+    virtual ~RQTableCellViewDelegate() = default;
+    virtual bool RQTableCellViewIsSelected(int row) const = 0;
+};
+
+// Paints one row of the audio list: background by selection, separator,
+// cover art, name, size, duration, the target-loudness button and the state
+// image. Reads the row's data through VXAudioGainList roles.
+class RQTableCellView : public QStyledItemDelegate {
+    Q_OBJECT
+public:
+    explicit RQTableCellView(QObject *parent = nullptr);
+
+    void setDelegate(RQTableCellViewDelegate *delegate) { m_delegate = delegate; }
+    RQTableCellViewDelegate *delegate() const { return m_delegate; }
+
+    void paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const override;
+    QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const override;
+    bool editorEvent(QEvent *event, QAbstractItemModel *model, const QStyleOptionViewItem &option,
+                     const QModelIndex &index) override;
+
+signals:
+    // The row's target-loudness button was pressed; anchor is the loudness
+    // image's rectangle in the list's viewport coordinates.
+    void targetLoudnessClicked(int row, const QRect &anchor);
+
+private:
+    RQTableCellViewDelegate *m_delegate = nullptr;
+};
