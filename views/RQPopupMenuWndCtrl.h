@@ -1,0 +1,57 @@
+#pragma once
+
+#include <QObject>
+#include <QPoint>
+#include <QPointer>
+
+class QWidget;
+
+// Name of the notification the popup posts on every change of its value.
+inline constexpr char kRQTargetLoudnessChaned[] = "RQTargetLoudnessChaned";
+
+// The default notification centre: named notifications with a sender, for
+// observers that listen "from any object".
+class RQNotificationCenter : public QObject {
+    Q_OBJECT
+public:
+    static RQNotificationCenter *defaultCenter();
+    void postNotificationName(const QString &name, QObject *sender);
+signals:
+    void notificationPosted(const QString &name, QObject *sender);
+};
+
+// The shared target-loudness popup: one instance for the application's life.
+// Observers read applyToAll, row and targetLoudness from it when notified.
+class RQPopupMenuWndCtrl : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(bool applyToAll READ applyToAll WRITE setApplyToAll NOTIFY applyToAllChanged)
+    Q_PROPERTY(float targetLoudness READ targetLoudness WRITE setTargetLoudness NOTIFY targetLoudnessValueChanged)
+    Q_PROPERTY(qint64 row READ row WRITE setRow NOTIFY rowChanged)
+
+public:
+    static RQPopupMenuWndCtrl *sharePopupMenuWndCtrl();
+
+    bool applyToAll() const;
+    void setApplyToAll(bool applyToAll);
+    float targetLoudness() const;
+    void setTargetLoudness(float value);
+    qint64 row() const;
+    void setRow(qint64 row);
+
+    // The popup window, loaded from RQPopupMenuWndCtrl.ui on first use.
+    QWidget *window();
+    // Top-left corner at the global point; shown and activated.
+    void popupMenuWndWithLocation(const QPoint &globalPoint);
+    // Posts kRQTargetLoudnessChaned, unconditionally.
+    void targetLoudnessChanged(QObject *sender = nullptr);
+
+signals:
+    void applyToAllChanged();
+    void targetLoudnessValueChanged();
+    void rowChanged();
+
+private:
+    RQPopupMenuWndCtrl();
+    struct Private;
+    Private *d;
+};
