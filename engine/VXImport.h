@@ -18,10 +18,15 @@ QStringList supportAudioGainExts();
 // The whole extension after the last dot of the last component, lower-cased,
 // is one of the eleven.
 bool passesExtensionTest(const QString &path);
+// The part after the last dot of the last component, as spelled; empty if none.
+QString pathExtension(const QString &path);
 
 // Two input paths are the same item when equal once lower-cased (no link or
 // relative-component resolving).
 bool isSameInput(const QString &a, const QString &b);
+// A key with isSameInput(a, b) == (inputKey(a) == inputKey(b)), for sets of
+// inputs that would otherwise be compared pairwise.
+QString inputKey(const QString &path);
 
 // Walks paths in order on the calling thread: existing files that pass the
 // extension test go to onFile; folders are listed (one level, or depth-first

@@ -1,0 +1,185 @@
+#include "engine/VXImport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+namespace {
+
+void touch(const QString &path)
+{
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly)) << path.toStdString();
+}
+
+// The file system's own order, which the walk must follow (not a sorted one).
+QStringList readdirOrder(const QString &folder)
+{
+    QStringList names;
+    DIR *dir = opendir(QFile::encodeName(folder).constData());
+    if (!dir)
+        return names;
+    while (const dirent *e = readdir(dir)) {
+        const QString name = QFile::decodeName(e->d_name);
+        if (name != QLatin1String(".") && name != QLatin1String(".."))
+            names << name;
+    }
+    closedir(dir);
+    return names;
+}
+
+// What a depth-first walk in listing order should yield, computed
+// independently of the code under test.
+void expectedWalk(const QString &folder, bool recursive, QStringList &out)
+{
+    for (const QString &name : readdirOrder(folder)) {
+        const QString path = folder + QLatin1Char('/') + name;
+        if (QFileInfo(path).isDir()) {
+            if (recursive)
+                expectedWalk(path, recursive, out);
+        } else if (VXImport::passesExtensionTest(path)) {
+            out << path;
+        }
+    }
+}
+
+QStringList walkAll(const QStringList &paths, bool recursive)
+{
+    std::atomic<bool> cancel{false};
+    QStringList files;
+    VXImport::walk(paths, recursive, cancel, [&](const QString &f) { files << f; });
+    return files;
+}
+
+class ImportWalk : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(tmp.isValid());
+        root = tmp.path();
+        // Enough names that a file system's hash order differs from sorted.
+        const QStringList names = {"zeta.mp3", "alpha.wav", "Mid.FLAC", "notes.txt", "noext",
+                                   ".hidden.mp3", "b.ogg", "c.m4a", "k.mp3x", "q.wma"};
+        for (const QString &n : names)
+            touch(root + "/" + n);
+        QDir(root).mkpath("sub/deeper");
+        QDir(root).mkpath("another");
+        touch(root + "/sub/s1.mp3");
+        touch(root + "/sub/s2.ac3");
+        touch(root + "/sub/deeper/d.mp2");
+        touch(root + "/another/a.mov");
+    }
+    QTemporaryDir tmp;
+    QString root;
+};
+
+} // namespace
+
+TEST(ImportRules, ExtensionsInOrder)
+{
+    const QStringList expected = {"mp3", "m4a", "mp4", "mov", "m4v", "wma",
+                                  "wav", "ac3", "flac", "mp2", "ogg"};
+    EXPECT_EQ(VXImport::supportAudioGainExts(), expected);
+    EXPECT_EQ(VXImport::supportExtenalFormats(), expected.mid(5));
+}
+
+TEST(ImportRules, ExtensionTest)
+{
+    struct Case {
+        const char *path;
+        bool passes;
+    } cases[] = {
+        {"/a/song.mp3", true},         {"/a/SONG.MP3", true},      {"/a/x.Mp3", true},
+        {"/a/song.mp3x", false},       {"/a/song.xmp3", false},    {"/a/song", false},
+        {"/a/song.", false},           {"/a/.hidden.mp3", true},   {"/a/.mp3", true},
+        {"/a.mp3/song", false},        {"/a/b.tar.flac", true},    {"/a/b.flac.txt", false},
+        {"relative.OGG", true},        {"", false},                {"/a/b.wav ", false},
+        {"/a/ünïcødé.m4v", true},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(VXImport::passesExtensionTest(QString::fromUtf8(c.path)), c.passes) << c.path;
+}
+
+TEST(ImportRules, DuplicatesByCaseOnly)
+{
+    EXPECT_TRUE(VXImport::isSameInput("/Music/Song.MP3", "/music/song.mp3"));
+    EXPECT_TRUE(VXImport::isSameInput("/a/Ä.mp3", "/a/ä.mp3"));
+    // Paths are compared as given: no resolving of "..", "./" or a trailing slash.
+    EXPECT_FALSE(VXImport::isSameInput("/a/../a/s.mp3", "/a/s.mp3"));
+    EXPECT_FALSE(VXImport::isSameInput("/a/./s.mp3", "/a/s.mp3"));
+    EXPECT_FALSE(VXImport::isSameInput("/a/s.mp3/", "/a/s.mp3"));
+    EXPECT_EQ(VXImport::inputKey("/Music/Song.MP3"), VXImport::inputKey("/music/song.mp3"));
+}
+
+TEST_F(ImportWalk, ListingOrderOneLevelAndDepthFirst)
+{
+    QStringList flat;
+    expectedWalk(root, false, flat);
+    QStringList deep;
+    expectedWalk(root, true, deep);
+
+    EXPECT_EQ(walkAll({root}, false), flat);
+    EXPECT_EQ(walkAll({root}, true), deep);
+    EXPECT_EQ(flat.size(), 7); // hidden .mp3 included, .txt/.mp3x/no extension not
+    EXPECT_EQ(deep.size(), 11);
+    EXPECT_TRUE(flat.contains(root + "/.hidden.mp3"));
+    EXPECT_TRUE(deep.contains(root + "/sub/deeper/d.mp2"));
+
+    // A trailing slash does not double the separator.
+    EXPECT_EQ(walkAll({root + "/"}, false), flat);
+}
+
+TEST_F(ImportWalk, TopLevelPathsInGivenOrderMissingSkipped)
+{
+    const QStringList got = walkAll({root + "/zeta.mp3", root + "/gone.mp3", root + "/notes.txt",
+                                     root + "/sub", root + "/alpha.wav"},
+                                    false);
+    QStringList sub;
+    expectedWalk(root + "/sub", false, sub);
+    EXPECT_EQ(got, QStringList{root + "/zeta.mp3"} + sub + QStringList{root + "/alpha.wav"});
+}
+
+TEST_F(ImportWalk, LinksFollowedAndLoopsEnd)
+{
+    // A link back to the root and a link to a sibling folder: every file once.
+    ASSERT_TRUE(QFile::link(root, root + "/sub/deeper/loop"));
+    ASSERT_TRUE(QFile::link(root + "/alpha.wav", root + "/another/linked.wav"));
+    ASSERT_TRUE(QFile::link(root + "/nowhere", root + "/dangling.mp3"));
+    const QStringList got = walkAll({root}, true);
+    EXPECT_EQ(got.size(), 12); // the 11 files plus the file link; the dangling one skipped
+    EXPECT_EQ(QSet<QString>(got.begin(), got.end()).size(), got.size());
+    EXPECT_TRUE(got.contains(root + "/another/linked.wav"));
+    for (const QString &f : got)
+        EXPECT_FALSE(f.contains("/loop/")) << f.toStdString();
+}
+
+TEST_F(ImportWalk, CancelStopsAtEveryLevel)
+{
+    // Cancel from inside the callback on the first file of the deepest folder:
+    // nothing more is handed on, not even the rest of the top-level list.
+    std::atomic<bool> cancel{false};
+    QStringList files;
+    VXImport::walk({root + "/sub", root + "/zeta.mp3"}, true, cancel, [&](const QString &f) {
+        files << f;
+        if (f.contains("/deeper/"))
+            cancel = true;
+    });
+    ASSERT_FALSE(files.isEmpty());
+    EXPECT_TRUE(files.last().endsWith("/deeper/d.mp2"));
+    EXPECT_FALSE(files.contains(root + "/zeta.mp3"));
+
+    // Cancelled before starting: the first top-level file is still handed on
+    // (the check comes after each path), folders yield nothing.
+    files.clear();
+    VXImport::walk({root + "/zeta.mp3", root + "/alpha.wav"}, true, cancel,
+                   [&](const QString &f) { files << f; });
+    EXPECT_EQ(files, QStringList{root + "/zeta.mp3"});
+    files.clear();
+    VXImport::walk({root}, true, cancel, [&](const QString &f) { files << f; });
+    EXPECT_TRUE(files.isEmpty());
+}
