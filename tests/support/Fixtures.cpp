@@ -1,0 +1,207 @@
+#include "tests/support/Fixtures.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QtEndian>
+
+#include <limits>
+
+namespace fixtures {
+
+bool run(const QString &program, const QStringList &args, QString *out)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.start(program, args);
+    if (!process.waitForStarted(-1))
+        return false;
+    process.waitForFinished(-1);
+    if (out)
+        *out = QString::fromUtf8(process.readAll());
+    return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+}
+
+namespace {
+
+QString ffmpeg() { return QStringLiteral("ffmpeg"); }
+
+QStringList quiet() { return {"-nostdin", "-hide_banner", "-loglevel", "error", "-y"}; }
+
+// Chords under a slow swell with a little noise: enough dynamics for a
+// loudness range above 1 LU, and no exact repetition a codec could exploit.
+QString musicSource(double seconds)
+{
+    const QString env = "(0.6+0.3*sin(2*PI*0.35*t))";
+    const QString left = env + "*(0.22*sin(2*PI*220*t)+0.14*sin(2*PI*277.2*t)+0.1*sin(2*PI*329.6*t*(1+0.003*sin(2*PI*5*t))))"
+                               "+0.02*(2*random(0)-1)";
+    const QString right = env + "*(0.2*sin(2*PI*164.8*t)+0.14*sin(2*PI*246.9*t)+0.1*sin(2*PI*440*t*(1+0.003*sin(2*PI*4*t))))"
+                                "+0.02*(2*random(1)-1)";
+    return QStringLiteral("aevalsrc=exprs='%1|%2':s=44100:c=stereo:d=%3").arg(left, right).arg(seconds);
+}
+
+QByteArray be32(quint32 v)
+{
+    QByteArray b(4, '\0');
+    qToBigEndian(v, b.data());
+    return b;
+}
+
+// A picture in the block layout Ogg streams carry in METADATA_BLOCK_PICTURE.
+QByteArray pictureBlock(const QByteArray &image, const QByteArray &mime, int w, int h)
+{
+    QByteArray block = be32(3) + be32(quint32(mime.size())) + mime + be32(0);
+    block += be32(quint32(w)) + be32(quint32(h)) + be32(24) + be32(0);
+    block += be32(quint32(image.size())) + image;
+    return block;
+}
+
+QStringList tagArgs(const QString &variant)
+{
+    return {"-metadata", "title=Evenloud " + variant, "-metadata", "artist=Fixture Artist",
+            "-metadata", "album=Fixture Album"};
+}
+
+} // namespace
+
+QString makeAudio(const QString &dir, const QString &name, double seconds,
+                  const QStringList &ffmpegOutputArgs, double gainDb)
+{
+    const QString path = QDir(dir).filePath(name);
+    QStringList args = quiet();
+    args << "-f" << "lavfi" << "-i" << musicSource(seconds)
+         << "-af" << QStringLiteral("volume=%1dB").arg(gainDb) << ffmpegOutputArgs << path;
+    return run(ffmpeg(), args) ? path : QString();
+}
+
+QString makeCover(const QString &dir, const QString &ext)
+{
+    const QString path = QDir(dir).filePath("cover." + ext);
+    if (QFile::exists(path))
+        return path;
+    QStringList args = quiet();
+    args << "-f" << "lavfi" << "-i" << "testsrc=size=64x48:rate=1" << "-frames:v" << "1" << path;
+    return run(ffmpeg(), args) ? path : QString();
+}
+
+QList<Format> formats()
+{
+    // variant, ext, codec, rate, channels, bits, tags, cover, video
+    return {
+        {"mp3", "mp3", "mp3", 44100, 2, 0, true, true, false},
+        {"m4a-aac", "m4a", "aac", 44100, 2, 0, true, true, false},
+        {"m4a-alac", "m4a", "alac", 44100, 2, 16, true, true, false},
+        {"mp4-h264", "mp4", "aac", 44100, 2, 0, true, false, true},
+        {"m4v-h264", "m4v", "aac", 44100, 2, 0, true, false, true},
+        {"mov-pcm", "mov", "pcm_s16le", 48000, 2, 16, true, false, false},
+        {"mov-aac", "mov", "aac", 48000, 2, 0, true, false, false},
+        {"wma", "wma", "wmav2", 44100, 2, 0, true, false, false},
+        {"wav16", "wav", "pcm_s16le", 44100, 2, 16, true, false, false},
+        {"wav24", "wav", "pcm_s24le", 48000, 2, 24, true, false, false},
+        {"wavf32", "wav", "pcm_f32le", 44100, 2, 32, true, false, false},
+        {"ac3-51", "ac3", "ac3", 48000, 6, 0, false, false, false},
+        {"flac16", "flac", "flac", 44100, 2, 16, true, true, false},
+        {"flac24", "flac", "flac", 96000, 2, 24, true, true, false},
+        {"mp2", "mp2", "mp2", 48000, 2, 0, true, false, false},
+        {"ogg-vorbis", "ogg", "vorbis", 44100, 2, 0, true, true, false},
+        {"ogg-opus", "ogg", "opus", 48000, 2, 0, true, true, false},
+    };
+}
+
+Format format(const QString &variant)
+{
+    const QList<Format> all = formats();
+    for (const Format &f : all)
+        if (f.variant == variant)
+            return f;
+    return {};
+}
+
+QString makeFormat(const QString &dir, const QString &variant, double seconds)
+{
+    const Format f = format(variant);
+    if (f.variant.isEmpty())
+        return {};
+    const QString path = QDir(dir).filePath(variant + "." + f.ext);
+    const QString rate = QString::number(f.sampleRate);
+    const QString ch = QString::number(f.channels);
+
+    // Audio encoding arguments per variant.
+    QStringList codec;
+    if (variant == "mp3") codec = {"-c:a", "libmp3lame", "-b:a", "192k", "-id3v2_version", "3"};
+    else if (variant == "m4a-aac" || variant == "mov-aac") codec = {"-c:a", "aac", "-b:a", "160k"};
+    else if (variant == "m4a-alac") codec = {"-c:a", "alac", "-sample_fmt", "s16p"};
+    else if (variant == "mp4-h264" || variant == "m4v-h264") codec = {"-c:a", "aac", "-b:a", "128k"};
+    else if (variant == "mov-pcm" || variant == "wav16") codec = {"-c:a", "pcm_s16le"};
+    else if (variant == "wma") codec = {"-c:a", "wmav2", "-b:a", "128k"};
+    else if (variant == "wav24") codec = {"-c:a", "pcm_s24le"};
+    else if (variant == "wavf32") codec = {"-c:a", "pcm_f32le"};
+    else if (variant == "ac3-51") codec = {"-c:a", "ac3", "-b:a", "448k"};
+    else if (variant == "flac16") codec = {"-c:a", "flac", "-sample_fmt", "s16"};
+    else if (variant == "flac24") codec = {"-c:a", "flac", "-sample_fmt", "s32", "-bits_per_raw_sample", "24"};
+    else if (variant == "mp2") codec = {"-c:a", "mp2", "-b:a", "256k"};
+    else if (variant == "ogg-vorbis") codec = {"-c:a", "libvorbis", "-q:a", "4"};
+    else if (variant == "ogg-opus") codec = {"-c:a", "libopus", "-b:a", "96k"};
+    codec << "-ar" << rate << "-ac" << ch;
+    if (f.hasTags)
+        codec << tagArgs(variant);
+
+    QStringList args = quiet();
+    args << "-f" << "lavfi" << "-i" << musicSource(seconds);
+    if (f.hasVideo) {
+        args << "-f" << "lavfi" << "-i" << QStringLiteral("testsrc=size=160x120:rate=25:duration=%1").arg(seconds)
+             << "-map" << "0:a" << "-map" << "1:v" << "-c:v" << "libx264" << "-preset" << "ultrafast"
+             << "-pix_fmt" << "yuv420p";
+    } else if (f.hasCover && f.ext != "ogg") {
+        const QString cover = makeCover(dir, "jpg");
+        if (cover.isEmpty())
+            return {};
+        args << "-i" << cover << "-map" << "0:a" << "-map" << "1:v" << "-c:v" << "copy"
+             << "-disposition:v" << "attached_pic" << "-metadata:s:v" << "comment=Cover (front)";
+    } else if (f.hasCover) {
+        // The ogg muxer cannot take a picture stream; the picture travels as
+        // a comment instead, as taggers write it.
+        const QString cover = makeCover(dir, "png");
+        QFile file(cover);
+        if (cover.isEmpty() || !file.open(QIODevice::ReadOnly))
+            return {};
+        const QByteArray block = pictureBlock(file.readAll(), "image/png", 64, 48);
+        args << "-metadata:s:a:0" << "METADATA_BLOCK_PICTURE=" + QString::fromLatin1(block.toBase64());
+    }
+    args << codec << path;
+    return run(ffmpeg(), args) ? path : QString();
+}
+
+Loudness measureLoudness(const QString &path)
+{
+    QString out;
+    const QStringList args = {"-nostdin", "-hide_banner", "-nostats", "-i", path, "-map", "0:a:0",
+                              "-af", "ebur128=peak=true", "-f", "null", "-"};
+    Loudness result;
+    if (!run(ffmpeg(), args, &out))
+        return result;
+    // Only the summary at the end: the per-block lines use the same labels.
+    const qsizetype summary = out.lastIndexOf("Summary:");
+    if (summary < 0)
+        return result;
+    const QString tail = out.mid(summary);
+    const auto number = [&](const QString &label, bool *ok) {
+        const QRegularExpression re(label + R"(:\s*(-?inf|-?[0-9.]+))");
+        const auto m = re.match(tail);
+        *ok = m.hasMatch();
+        return m.hasMatch() ? m.captured(1).toDouble() : 0.0;
+    };
+    bool okI = false, okLra = false, okPeak = false;
+    result.integrated = number("I", &okI);
+    result.range = number("LRA", &okLra);
+    result.truePeak = number("Peak", &okPeak);
+    // "-inf" does not parse with toDouble; report it as such for silence.
+    if (tail.contains(QRegularExpression(R"(I:\s*-inf)")))
+        result.integrated = -std::numeric_limits<double>::infinity();
+    result.ok = okI && okLra && okPeak;
+    return result;
+}
+
+} // namespace fixtures

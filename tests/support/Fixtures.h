@@ -1,0 +1,55 @@
+#pragma once
+
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+// Test material made at test time with the ffmpeg command-line tool. Every
+// function returns an empty string / invalid result on failure rather than
+// aborting, so a test can assert with its own message.
+namespace fixtures {
+
+// Runs program to its end; true when it exited with 0. Standard output and
+// error, merged, go to *out when given.
+bool run(const QString &program, const QStringList &args, QString *out = nullptr);
+
+// Writes dir/name: seconds of music-like stereo material at 44.1 kHz (sines
+// under a slow envelope over pink noise, loudness range well above 1 LU),
+// about -15 LUFS shifted by gainDb, encoded with ffmpegOutputArgs (codec,
+// rate, channels, ...). Returns the full path, or "" on failure.
+QString makeAudio(const QString &dir, const QString &name, double seconds,
+                  const QStringList &ffmpegOutputArgs, double gainDb = 0.0);
+
+// A small cover picture (64x48, "png" or "jpg"); full path or "".
+QString makeCover(const QString &dir, const QString &ext = QStringLiteral("jpg"));
+
+// One entry of the corpus: the eleven extensions in their usual codecs.
+struct Format {
+    QString variant;     // unique id, also the file's base name, e.g. "flac24"
+    QString ext;         // file-name extension without dot
+    QString codec;       // FFmpeg codec name of the audio stream
+    int sampleRate = 44100;
+    int channels = 2;
+    int bitsPerSample = 0; // 16/24/32 for lossless codecs, 0 for lossy ones
+    bool hasTags = true;   // title/artist/album written
+    bool hasCover = false; // attached picture written
+    bool hasVideo = false; // a real video stream besides the audio
+};
+QList<Format> formats();
+Format format(const QString &variant);
+
+// Writes dir/<variant>.<ext> (3 s unless told) with tags title "Evenloud
+// <variant>", artist "Fixture Artist", album "Fixture Album" and cover art
+// where the format carries them. Returns the full path, or "".
+QString makeFormat(const QString &dir, const QString &variant, double seconds = 3.0);
+
+struct Loudness {
+    bool ok = false;
+    double integrated = 0; // LUFS
+    double range = 0;      // LU
+    double truePeak = 0;   // dBTP
+};
+// Measures the first audio stream with FFmpeg's ebur128 scanner.
+Loudness measureLoudness(const QString &path);
+
+} // namespace fixtures
