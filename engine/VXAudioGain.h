@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QImage>
 #include <QMutex>
 #include <QObject>
@@ -10,6 +11,7 @@
 
 #include "engine/codec/VXError.h"
 
+class QThreadPool;
 class VXTranscoding;
 
 // The report callback of a job: (state, retCode), called on the main thread
@@ -81,15 +83,28 @@ public:
     static QString formatSize(quint64 bytes);
     static QString formatDuration(quint64 ticks);
 
-    // The job: returns at once; the work runs on jobPool().
+    // The job: returns at once; the work runs on jobPool(). Called on the
+    // main thread, the item reports (1, 0) before returning, so a job that
+    // waits for a free pool thread already counts as running and can be
+    // cancelled.
     void gainWithBlock(VXGainBlock block);
+    // Stops the running pass; a cancel between passes stops the job before
+    // its next pass.
     void cancelGain();
     void sendMessage(qint32 state, qint64 retCode, const VXGainBlock &block);
     QString tempOutFile() const;
 
+    // The pool every job runs on: idealThreadCount() threads, at least 2.
+    static QThreadPool *jobPool();
+    // For shutdown: releases every report waiting for the main thread (and
+    // refuses later ones), cancels every running job and waits up to msecs
+    // for the pool to drain. True when no job is left. Main thread only.
+    static bool cancelAllJobsAndWait(int msecs);
+
     // Output placement.
     bool moveTempFileToFinalOut(const QString &tempPath);
-    // Removes this process's private temporary directory with its content.
+    // Removes this process's private temporary directory with its content,
+    // and those left behind by processes that have died.
     static void cleanCache();
     // This process's private temporary directory (mode 0700), created on demand.
     static QString temporaryDirectory();
@@ -98,6 +113,15 @@ public:
     QImage stateImage() const;
     // A new 32 x 32 point image (at devicePixelRatio, for HiDPI screens).
     static QImage makeImageWithPrg(qint64 progress, qreal devicePixelRatio = 2.0);
+    // The marks of a finished job and the artwork of a file without cover.
+    static QImage successImage();
+    static QImage failureImage();
+    static QImage defaultArtwork();
+
+    // Test seam: when set, every job passes the captured pass-1 log through
+    // it before looking for the measurement record.
+    using LogHook = std::function<QByteArray(const QByteArray &log)>;
+    static void setCapturedLogHookForTesting(LogHook hook);
 
 signals:
     void targetLoudnessChanged();
@@ -113,11 +137,19 @@ signals:
     void stateImageChanged();
 
 private:
+    struct Job;
     VXAudioGain(const QString &path, const QString &outFolder);
-    void runJob(VXGainBlock block);
+    void runJob(const VXGainBlock &block);
+    bool deliver(qint32 state, qint64 retCode, const VXGainBlock &block);
+    void applyReport(qint32 state, qint64 retCode, const VXGainBlock &block);
+    bool chooseTempOutFile();
+    void runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, bool secondPass);
+    void releaseTransCoding();
+    void finishWithPlacement(const VXGainBlock &block);
+    void setOutPathFileFromJob(const QString &path);
 
-    mutable QMutex m_lock;  // guards the atomic properties and m_transCoding
-    float m_targetLoudness = kDefaultTargetLoudness;
+    mutable QMutex m_lock;  // guards the strings, m_tempOutFile and m_transCoding
+    std::atomic<float> m_targetLoudness{kDefaultTargetLoudness};
     QString m_inputFile;
     QString m_outFolder;
     QString m_outFileName;
@@ -125,7 +157,7 @@ private:
     std::atomic<qint64> m_retCode{0};
     QString m_tempOutFile;
     std::shared_ptr<VXTranscoding> m_transCoding;
-    std::atomic<bool> m_cancelGain{false};
+    bool m_cancelGain = false;  // under m_lock, read with m_transCoding
     quint64 m_duration = 0;
     QImage m_face;
     std::atomic<bool> m_replaceOriginalFile{false};

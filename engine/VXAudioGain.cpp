@@ -1,0 +1,215 @@
+#include "engine/VXAudioGain.h"
+
+#include "engine/VXPathUtil.h"
+#include "engine/codec/VXCodecConstants.h"
+#include "engine/codec/VXDemuxerContext.h"
+
+#include <QFileInfo>
+#include <QThread>
+#include <cmath>
+
+VXAudioGain::VXAudioGain(const QString &path, const QString &outFolder)
+    : m_inputFile(path), m_outFolder(outFolder), m_outFileName(VXPath::lastComponent(path))
+{
+}
+
+VXAudioGain::~VXAudioGain() = default;
+
+std::shared_ptr<VXAudioGain> VXAudioGain::initWithFile(const QString &path, const QString &outFolder,
+                                                        VXError *error)
+{
+    auto context = VXDemuxerContext::initWithFilename(path, error);
+    if (!context)
+        return nullptr;
+
+    // A QObject must die on the thread it lives on: the list's connections
+    // and any queued signal for it belong there. A job's thread may hold the
+    // last reference, so from there the deletion is posted back.
+    std::shared_ptr<VXAudioGain> item(new VXAudioGain(path, outFolder), [](VXAudioGain *p) {
+        if (QThread::currentThread() == p->thread())
+            delete p;
+        else
+            p->deleteLater();
+    });
+    item->m_duration = context->audioStreamLength();
+    if (auto picture = context->attachPicture())
+        item->m_face = picture->cgImage();
+    if (item->m_face.isNull())
+        item->m_face = defaultArtwork();
+    return item;
+}
+
+float VXAudioGain::targetLoudness() const { return m_targetLoudness.load(); }
+
+void VXAudioGain::setTargetLoudness(float value)
+{
+    if (isRunning())
+        return;
+    // Written so that NaN fails the test too.
+    if (!(value >= 0.0f && value <= 100.0f))
+        return;
+    if (m_targetLoudness.exchange(value) != value) {
+        emit targetLoudnessChanged();
+        emit loudnormValueChanged();
+        emit formatTargetLoudnessChanged();
+    }
+    // Even an equal value makes a finished item idle, and startable again.
+    setState(0);
+}
+
+QString VXAudioGain::inputFile() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_inputFile;
+}
+
+QString VXAudioGain::outFolder() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_outFolder;
+}
+
+void VXAudioGain::setOutFolder(const QString &folder)
+{
+    {
+        QMutexLocker locker(&m_lock);
+        // isNull matters: a null folder means "none", an empty one does not.
+        if (m_outFolder == folder && m_outFolder.isNull() == folder.isNull())
+            return;
+        m_outFolder = folder;
+    }
+    emit outFolderChanged();
+    emit outPathFileChanged();
+}
+
+QString VXAudioGain::outFileName() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_outFileName;
+}
+
+void VXAudioGain::setOutFileName(const QString &name)
+{
+    if (name.size() < 4)
+        return;
+    const QString inputExt = VXPath::extension(inputFile());
+    const QString stored = VXPath::extension(name).toLower() == inputExt.toLower()
+                               ? name
+                               : VXPath::appendingExtension(name, inputExt);
+    {
+        QMutexLocker locker(&m_lock);
+        if (m_outFileName == stored)
+            return;
+        m_outFileName = stored;
+    }
+    emit outFileNameChanged();
+    emit outPathFileChanged();
+}
+
+QString VXAudioGain::outPathFile() const
+{
+    QMutexLocker locker(&m_lock);
+    if (m_outFolder.isNull())
+        return {};
+    return VXPath::appendingComponent(m_outFolder, m_outFileName);
+}
+
+void VXAudioGain::setOutPathFile(const QString &path)
+{
+    setOutFolder(VXPath::deletingLastComponent(path));
+    setOutFileName(VXPath::lastComponent(path));
+}
+
+qint32 VXAudioGain::state() const { return m_state.load(); }
+
+void VXAudioGain::setState(qint32 state)
+{
+    const qint32 old = m_state.exchange(state);
+    if (old == state)
+        return;
+    emit stateChanged();
+    emit stateImageChanged();
+    const bool wasEditable = old == 0 || old == 3;
+    if (wasEditable != allowedTargetLoudnessEdit())
+        emit allowedTargetLoudnessEditChanged();
+}
+
+qint64 VXAudioGain::retCode() const { return m_retCode.load(); }
+
+void VXAudioGain::setRetCode(qint64 retCode)
+{
+    if (m_retCode.exchange(retCode) == retCode)
+        return;
+    emit retCodeChanged();
+    emit stateImageChanged();
+}
+
+quint64 VXAudioGain::duration() const { return m_duration; }
+
+QImage VXAudioGain::face() const { return m_face; }
+
+bool VXAudioGain::replaceOriginalFile() const { return m_replaceOriginalFile.load(); }
+
+void VXAudioGain::setReplaceOriginalFile(bool replace)
+{
+    if (m_replaceOriginalFile.exchange(replace) != replace)
+        emit replaceOriginalFileChanged();
+}
+
+QString VXAudioGain::inputFileName() const { return VXPath::lastComponent(inputFile()); }
+
+quint64 VXAudioGain::inputFileSize() const
+{
+    // A fresh QFileInfo: the size follows the file on disk at every read.
+    const QFileInfo info(inputFile());
+    return info.exists() ? quint64(info.size()) : 0;
+}
+
+QString VXAudioGain::formatInputFileSize() const { return formatSize(inputFileSize()); }
+
+QString VXAudioGain::formatDuration() const { return formatDuration(m_duration); }
+
+QString VXAudioGain::formatTargetLoudness() const
+{
+    return QString::asprintf("%.1f", double(targetLoudness()));
+}
+
+bool VXAudioGain::allowedTargetLoudnessEdit() const
+{
+    const qint32 s = state();
+    return s == 0 || s == 3;
+}
+
+float VXAudioGain::loudnormValue() const
+{
+    // Single precision on purpose: the filter's default target comes out as
+    // -23.9995 at the default position, and the list shows that value.
+    const float min = VXMinIntegratedLoudnessTarget;
+    const float max = VXMaxIntegratedLoudnessTarget;
+    const float d = max - min;
+    return (targetLoudness() * d) / 100.0f + min;
+}
+
+QString VXAudioGain::formatSize(quint64 bytes)
+{
+    if (bytes < 1024)
+        return QString::asprintf("%lluB", static_cast<unsigned long long>(bytes));
+    const float value = float(bytes);
+    if (bytes < 1048576)
+        return QString::asprintf("%.2fKB", double(value * (1.0f / 1024.0f)));
+    return QString::asprintf("%.2fMB", double(value * (1.0f / 1048576.0f)));
+}
+
+QString VXAudioGain::formatDuration(quint64 ticks)
+{
+    const unsigned long long s = ticks / VXTimebase;
+    if (s < 3600)
+        return QString::asprintf("%02llu:%02llu", s / 60, s % 60);
+    return QString::asprintf("%02llu:%02llu:%02llu", s / 3600, (s % 3600) / 60, s % 60);
+}
+
+QString VXAudioGain::tempOutFile() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_tempOutFile;
+}

@@ -1,0 +1,301 @@
+// The two-pass job: measure with loudnorm printing JSON, catch the record,
+// normalise again with the measured values and linear gain, place the result.
+#include "engine/VXAudioGain.h"
+
+#include "engine/VXMainThread.h"
+#include "engine/VXPathUtil.h"
+#include "engine/VXTempDir.h"
+#include "engine/codec/VXCodecConstants.h"
+#include "engine/codec/VXFilter.h"
+#include "engine/codec/VXLog.h"
+#include "engine/codec/VXTranscoding.h"
+#include "engine/codec/VXUtilCodec.h"
+
+#include <QFile>
+#include <QHash>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSemaphore>
+#include <QThreadPool>
+#include <algorithm>
+
+struct VXAudioGain::Job {
+    VXGainBlock block;
+    QSemaphore end;  // released by the transcoding's end report
+    std::atomic<qint64> passResult{0};
+    std::shared_ptr<VXFilter> filter;
+};
+
+namespace {
+
+// The redirect of a filter's print-out may be process-wide, so one capture
+// at a time: from the redirect to the end of reading the log.
+QMutex g_captureLock;
+
+QMutex g_hookLock;
+VXAudioGain::LogHook g_logHook;
+
+// Items whose job has been submitted and has not ended, for shutdown.
+QMutex g_jobsLock;
+QHash<VXAudioGain *, std::weak_ptr<VXAudioGain>> g_jobs;
+
+qint64 progressOf(int64_t percent, bool secondPass)
+{
+    // Pass 1 fills the first half of the disc, pass 2 the second.
+    const double half = double(percent) * 0.5;
+    return qint64(secondPass ? half + 50.0 : half);
+}
+
+} // namespace
+
+QThreadPool *VXAudioGain::jobPool()
+{
+    // Jobs mostly sleep while the codec's own threads transcode, so the bound
+    // really limits how many files are decoded at once: one per core is the
+    // best throughput, and a job waiting for a thread is already reported as
+    // started and can be cancelled. Never destroyed: a static pool's
+    // destructor would wait for jobs after the application object is gone.
+    static QThreadPool *pool = [] {
+        auto *p = new QThreadPool;
+        p->setMaxThreadCount(std::max(2, QThread::idealThreadCount()));
+        return p;
+    }();
+    return pool;
+}
+
+void VXAudioGain::setCapturedLogHookForTesting(LogHook hook)
+{
+    QMutexLocker locker(&g_hookLock);
+    g_logHook = std::move(hook);
+}
+
+void VXAudioGain::gainWithBlock(VXGainBlock block)
+{
+    {
+        QMutexLocker locker(&m_lock);
+        m_cancelGain = false;  // a restart must not inherit the last cancel
+    }
+    auto self = shared_from_this();
+    {
+        QMutexLocker locker(&g_jobsLock);
+        g_jobs.insert(this, self);
+    }
+    const bool reported = VXMainThread::isMainThread() && deliver(1, 0, block);
+    jobPool()->start([self, block, reported] {
+        if (reported || self->deliver(1, 0, block))
+            self->runJob(block);
+        QMutexLocker locker(&g_jobsLock);
+        g_jobs.remove(self.get());
+    });
+}
+
+void VXAudioGain::cancelGain()
+{
+    // Cancelled under the lock so that no copy of the transcoding escapes it:
+    // the job's release must drop the last reference, since that is when the
+    // measurement record is printed into the capture.
+    QMutexLocker locker(&m_lock);
+    m_cancelGain = true;
+    if (m_transCoding)
+        m_transCoding->cancelTranscoding();
+}
+
+bool VXAudioGain::cancelAllJobsAndWait(int msecs)
+{
+    VXMainThread::shutdown();
+    QList<std::shared_ptr<VXAudioGain>> running;
+    {
+        QMutexLocker locker(&g_jobsLock);
+        for (const auto &weak : std::as_const(g_jobs)) {
+            if (auto item = weak.lock())
+                running.append(item);
+        }
+    }
+    for (const auto &item : std::as_const(running))
+        item->cancelGain();
+    running.clear();
+    return jobPool()->waitForDone(msecs);
+}
+
+void VXAudioGain::sendMessage(qint32 state, qint64 retCode, const VXGainBlock &block)
+{
+    deliver(state, retCode, block);
+}
+
+void VXAudioGain::applyReport(qint32 state, qint64 retCode, const VXGainBlock &block)
+{
+    setState(state);
+    setRetCode(retCode);
+    if (block)
+        block(this->state(), this->retCode());
+}
+
+bool VXAudioGain::deliver(qint32 state, qint64 retCode, const VXGainBlock &block)
+{
+    if (VXRunOnMainThread([&] { applyReport(state, retCode, block); }))
+        return true;
+    // The application is going away: stop at the next occasion.
+    cancelGain();
+    return false;
+}
+
+bool VXAudioGain::chooseTempOutFile()
+{
+    const QString name = outFileName();
+    const QString path = VXTempDir::reserveFile(VXPath::deletingExtension(name), VXPath::extension(name));
+    QMutexLocker locker(&m_lock);
+    m_tempOutFile = path;
+    return !path.isEmpty();
+}
+
+void VXAudioGain::runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, bool secondPass)
+{
+    job.passResult = 0;
+    Job *j = &job;  // the job outlives the pass: it waits for the end report below
+    transcoding->transcodingWithBlock([this, j, secondPass](int32_t state, int64_t value) {
+        if (state == VXTranscodingStateEnd) {
+            j->passResult = value;
+            j->end.release();
+        } else if (state == VXTranscodingStateProgress) {
+            deliver(2, progressOf(value, secondPass), j->block);
+        }
+    });
+    bool cancelled = false;
+    {
+        // Published only once started, so a cancel always meets a running
+        // pass; one that came earlier is seen here through the flag.
+        QMutexLocker locker(&m_lock);
+        m_transCoding = transcoding;
+        cancelled = m_cancelGain;
+    }
+    if (cancelled)
+        transcoding->cancelTranscoding();
+    job.end.acquire();
+}
+
+void VXAudioGain::releaseTransCoding()
+{
+    std::shared_ptr<VXTranscoding> last;
+    {
+        QMutexLocker locker(&m_lock);
+        last.swap(m_transCoding);
+    }
+    last.reset();  // outside the lock: it joins the codec's threads
+}
+
+void VXAudioGain::runJob(const VXGainBlock &block)
+{
+    Job job;
+    job.block = block;
+    auto cancelRequested = [this] {
+        QMutexLocker locker(&m_lock);
+        return m_cancelGain;
+    };
+    if (cancelRequested()) {
+        deliver(3, -2, block);
+        return;
+    }
+    if (!chooseTempOutFile()) {
+        deliver(3, -1, block);
+        return;
+    }
+    const QString input = inputFile();
+    const QString temp = tempOutFile();
+
+    {
+        auto pass1 = VXTranscoding::initWithInput(input, temp);
+        if (!pass1) {
+            deliver(3, -1, block);
+            return;
+        }
+        job.filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
+        job.filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+        job.filter->setValue(QString::fromLatin1(VXPrintFormatJSON), QString::fromLatin1(kVXPrintFormat));
+        pass1->addAudioFilter(job.filter);
+        runPass(job, pass1, false);
+    }
+
+    QByteArray log;
+    {
+        QMutexLocker capture(&g_captureLock);
+        const QString logFile = job.filter->logFile();
+        job.filter->redirectStdErrToFile(logFile);
+        releaseTransCoding();  // the filter prints its record as it is freed
+        job.filter->cancelRedirectStdErr();
+        if (job.passResult == VXTranscodingFailed || job.passResult == VXTranscodingCancelled) {
+            capture.unlock();
+            deliver(3, job.passResult == VXTranscodingFailed ? -1 : -2, block);
+            return;
+        }
+        QFile file(job.filter->logFile());
+        if (file.open(QIODevice::ReadOnly))
+            log = file.readAll();
+    }
+    {
+        QMutexLocker locker(&g_hookLock);
+        if (g_logHook)
+            log = g_logHook(log);
+    }
+
+    // The record is the one flat JSON object in the print-out; a "}" before
+    // the "{" does not count, so the closing brace is looked for after it.
+    QString reason = QStringLiteral("Unknown");
+    QJsonObject record;
+    const VXRange open = rangeOfDataFind(log, QByteArrayLiteral("{"));
+    if (open.location != VXNotFound) {
+        const QByteArray rest = log.mid(open.location);
+        const VXRange close = rangeOfDataFind(rest, QByteArrayLiteral("}"));
+        const QByteArray bytes = close.location == VXNotFound ? QByteArray() : rest.left(close.location + close.length);
+        if (!bytes.isEmpty()) {
+            QJsonParseError error{};
+            const QJsonDocument doc = QJsonDocument::fromJson(bytes, &error);
+            if (error.error != QJsonParseError::NoError)
+                reason = error.errorString();
+            else if (doc.isObject())
+                record = doc.object();
+        }
+    }
+    if (record.isEmpty()) {
+        // Pass 1 already normalised in one go: its output is still worth having.
+        VXLog(QStringLiteral("Waring: Can not using two pass gain(%1).").arg(reason));
+        finishWithPlacement(block);
+        return;
+    }
+
+    // Each measured value goes on as the record spells it.
+    const std::pair<const char *, const char *> measured[] = {
+        {kVXAMeasuredIntegratedLoudness, "input_i"}, {kVXAMeasuredTruePeak, "input_tp"},
+        {kVXAMeasuredLoudnessRange, "input_lra"},    {kVXAMeasuredThresh, "input_thresh"},
+        {kVXAGainOffset, "target_offset"},
+    };
+    for (const auto &[attribute, key] : measured)
+        job.filter->setValue(record.value(QLatin1String(key)).toVariant(), QString::fromLatin1(attribute));
+    job.filter->setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
+    job.filter->setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
+
+    {
+        auto pass2 = VXTranscoding::initWithInput(input, temp);
+        if (!pass2) {
+            deliver(3, -1, block);
+            return;
+        }
+        pass2->addAudioFilter(job.filter);
+        runPass(job, pass2, true);
+    }
+    releaseTransCoding();
+    if (job.passResult == VXTranscodingCancelled) {
+        deliver(3, -2, block);
+        return;
+    }
+    if (job.passResult == VXTranscodingFailed) {
+        deliver(3, -1, block);
+        return;
+    }
+    finishWithPlacement(block);
+}
+
+void VXAudioGain::finishWithPlacement(const VXGainBlock &block)
+{
+    const bool placed = moveTempFileToFinalOut(tempOutFile());
+    deliver(3, placed ? 0 : -1, block);
+}

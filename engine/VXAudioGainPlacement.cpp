@@ -1,0 +1,53 @@
+// Where a finished temporary file goes: into the output folder under a free
+// name, or in place of the input file.
+#include "engine/VXAudioGain.h"
+
+#include "engine/VXMainThread.h"
+#include "engine/VXPathUtil.h"
+#include "engine/VXPlacement.h"
+#include "engine/VXTempDir.h"
+#include "engine/codec/VXLog.h"
+
+#include <QDir>
+
+bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
+{
+    if (replaceOriginalFile()) {
+        const VXPlacement::Result result = VXPlacement::replaceFile(tempPath, inputFile());
+        if (result.ok)
+            return true;
+        if (result.beforeRemoval)
+            VXLog(QStringLiteral("Failed to replace original file.Can't remove original file(%1)").arg(result.error));
+        else
+            VXLog(QStringLiteral("Failed to move file to dest path(%1).").arg(result.error));
+        return false;
+    }
+
+    const QString folder = outFolder();
+    const QString name = outFileName();
+    VXPlacement::Result result;
+    // A relative folder would land the file wherever the process happens to
+    // be; the placeholder text of "no folder chosen" is one.
+    if (folder.isEmpty() || QDir::isRelativePath(folder))
+        result.error = QStringLiteral("No output folder");
+    else
+        result = VXPlacement::placeInFolder(tempPath, folder, VXPath::deletingExtension(name), VXPath::extension(name));
+    if (!result.ok) {
+        VXLog(QStringLiteral("Failed to move file to dest path(%1).").arg(result.error));
+        return false;
+    }
+    setOutPathFileFromJob(result.path);
+    return true;
+}
+
+void VXAudioGain::setOutPathFileFromJob(const QString &path)
+{
+    // Observers (the list model) expect changes on the main thread; at
+    // shutdown, when no hop is possible, the value is still stored.
+    if (!VXRunOnMainThread([&] { setOutPathFile(path); }))
+        setOutPathFile(path);
+}
+
+void VXAudioGain::cleanCache() { VXTempDir::clean(); }
+
+QString VXAudioGain::temporaryDirectory() { return VXTempDir::path(); }

@@ -1,0 +1,101 @@
+#include "engine/VXMainThread.h"
+
+#include <QCoreApplication>
+#include <QThread>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+namespace {
+
+struct Hop {
+    bool running = false;
+    bool done = false;
+    bool abandoned = false;
+};
+
+// One lock and condition for every hop: hops are short, and shutdown must
+// reach all the waiters at once.
+std::mutex &hopLock()
+{
+    static std::mutex lock;
+    return lock;
+}
+std::condition_variable &hopDone()
+{
+    static std::condition_variable cv;
+    return cv;
+}
+bool g_shutDown = false;  // under hopLock
+
+} // namespace
+
+bool VXMainThread::isMainThread()
+{
+    const QCoreApplication *app = QCoreApplication::instance();
+    return app && QThread::currentThread() == app->thread();
+}
+
+void VXMainThread::shutdown()
+{
+    std::lock_guard<std::mutex> locker(hopLock());
+    g_shutDown = true;
+    hopDone().notify_all();
+}
+
+void VXMainThread::resume()
+{
+    std::lock_guard<std::mutex> locker(hopLock());
+    g_shutDown = false;
+}
+
+bool VXMainThread::isShutDown()
+{
+    std::lock_guard<std::mutex> locker(hopLock());
+    return g_shutDown;
+}
+
+bool VXRunOnMainThread(const std::function<void()> &fn)
+{
+    QCoreApplication *app = QCoreApplication::instance();
+    if (!app)
+        return false;
+    if (QThread::currentThread() == app->thread()) {
+        fn();
+        return true;
+    }
+
+    auto hop = std::make_shared<Hop>();
+    {
+        std::lock_guard<std::mutex> locker(hopLock());
+        if (g_shutDown)
+            return false;
+    }
+    // fn is captured by reference: the waiter below outlives every run of it,
+    // because an abandoned hop never starts fn.
+    QMetaObject::invokeMethod(
+        app,
+        [hop, &fn] {
+            {
+                std::lock_guard<std::mutex> locker(hopLock());
+                if (hop->abandoned || g_shutDown) {
+                    hop->abandoned = true;
+                    hopDone().notify_all();
+                    return;
+                }
+                hop->running = true;
+            }
+            fn();
+            std::lock_guard<std::mutex> locker(hopLock());
+            hop->done = true;
+            hopDone().notify_all();
+        },
+        Qt::QueuedConnection);
+
+    std::unique_lock<std::mutex> locker(hopLock());
+    hopDone().wait(locker, [&] { return hop->done || hop->abandoned || (g_shutDown && !hop->running); });
+    if (hop->done)
+        return true;
+    hop->abandoned = true;
+    return false;
+}

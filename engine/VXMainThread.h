@@ -1,0 +1,20 @@
+#pragma once
+
+#include <functional>
+
+// Runs fn on the application's main thread and returns once it has run:
+// directly when already there, else by posting it to the QCoreApplication
+// instance and waiting. False, without running fn, when there is no
+// application or after VXMainThread::shutdown().
+bool VXRunOnMainThread(const std::function<void()> &fn);
+
+namespace VXMainThread {
+bool isMainThread();
+// From now on hops fail at once, and hops already waiting are released
+// (unless their function is running), so background work that reports to
+// the main thread cannot deadlock an application waiting for it to end.
+void shutdown();
+// Accepts hops again (tests run several shutdowns in one process).
+void resume();
+bool isShutDown();
+} // namespace VXMainThread

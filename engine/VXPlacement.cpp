@@ -1,0 +1,233 @@
+#include "engine/VXPlacement.h"
+
+#include "engine/VXPathUtil.h"
+#include "engine/codec/VXUtilCodec.h"
+
+#include <QFile>
+#include <QMutex>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace VXPlacement {
+namespace {
+
+QByteArray native(const QString &path) { return QFile::encodeName(path); }
+
+QString errnoText(int err)
+{
+    char buffer[256];
+    // The GNU strerror_r may return a static string instead of filling buffer.
+    return QString::fromLocal8Bit(strerror_r(err, buffer, sizeof buffer));
+}
+
+struct FdCloser {
+    int fd = -1;
+    ~FdCloser()
+    {
+        if (fd >= 0)
+            ::close(fd);
+    }
+};
+
+// Read without the race of umask(0)-and-restore, which would briefly give
+// other threads' new files the wrong mode.
+mode_t processUmask()
+{
+    static const mode_t mask = [] {
+        QFile status(QStringLiteral("/proc/self/status"));
+        if (status.open(QIODevice::ReadOnly)) {
+            for (const QByteArray &line : status.readAll().split('\n')) {
+                if (line.startsWith("Umask:"))
+                    return mode_t(strtoul(line.mid(6).trimmed().constData(), nullptr, 8));
+            }
+        }
+        return mode_t(022);
+    }();
+    return mask;
+}
+
+void syncFolder(const QString &folder)
+{
+    FdCloser dir{::open(native(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (dir.fd >= 0)
+        ::fsync(dir.fd);
+}
+
+bool copyContent(int from, int to)
+{
+    char buffer[1 << 16];
+    for (;;) {
+        const ssize_t got = ::read(from, buffer, sizeof buffer);
+        if (got == 0)
+            return true;
+        if (got < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        for (ssize_t done = 0; done < got;) {
+            const ssize_t put = ::write(to, buffer + done, size_t(got - done));
+            if (put < 0) {
+                if (errno == EINTR)
+                    continue;
+                return false;
+            }
+            done += put;
+        }
+    }
+}
+
+// The source brought next to its destination under a hidden name: same file
+// system, complete and on disk, so that a final rename() publishes it whole.
+struct Staged {
+    QString path;
+    bool renamed = false;  // src was moved here (else copied)
+};
+
+bool stage(const QString &src, const QString &folder, const QString &name, mode_t mode, const struct stat *owner,
+           Staged *staged, QString *error)
+{
+    QByteArray pattern = native(VXPath::appendingComponent(folder, QLatin1Char('.') + name + QStringLiteral(".evenloud-XXXXXX")));
+    FdCloser out{::mkostemp(pattern.data(), O_CLOEXEC)};
+    if (out.fd < 0) {
+        *error = QStringLiteral("Cannot create a file in %1: %2").arg(folder, errnoText(errno));
+        return false;
+    }
+    staged->path = QFile::decodeName(pattern);
+    if (::rename(native(src).constData(), pattern.constData()) == 0) {
+        staged->renamed = true;
+        ::close(out.fd);
+        out.fd = ::open(pattern.constData(), O_RDWR | O_CLOEXEC);
+    } else if (errno == EXDEV) {
+        FdCloser in{::open(native(src).constData(), O_RDONLY | O_CLOEXEC)};
+        if (in.fd < 0 || !copyContent(in.fd, out.fd)) {
+            *error = QStringLiteral("Cannot copy %1 to %2: %3").arg(src, folder, errnoText(errno));
+            ::unlink(pattern.constData());
+            return false;
+        }
+    } else {
+        *error = QStringLiteral("Cannot move %1 to %2: %3").arg(src, folder, errnoText(errno));
+        ::unlink(pattern.constData());
+        return false;
+    }
+    if (out.fd < 0 || ::fchmod(out.fd, mode) != 0 || ::fsync(out.fd) != 0) {
+        *error = QStringLiteral("Cannot write %1: %2").arg(staged->path, errnoText(errno));
+        return false;
+    }
+    if (owner)
+        (void)!::fchown(out.fd, owner->st_uid, owner->st_gid);  // allowed only for some; not worth failing
+    return true;
+}
+
+// A failure hands the temporary file back where the job left it.
+void unstage(const Staged &staged, const QString &src)
+{
+    if (staged.path.isEmpty())
+        return;
+    if (!staged.renamed || ::rename(native(staged.path).constData(), native(src).constData()) != 0)
+        ::unlink(native(staged.path).constData());
+}
+
+QMutex g_noReplaceFallbackLock;
+
+// rename() that fails with EEXIST instead of replacing. The kernel does it
+// atomically where it can; link()+unlink() where renameat2 is not supported.
+int renameNoReplace(const QString &from, const QString &to)
+{
+    const QByteArray a = native(from), b = native(to);
+#ifdef RENAME_NOREPLACE
+    if (::renameat2(AT_FDCWD, a.constData(), AT_FDCWD, b.constData(), RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP)
+        return errno;
+#endif
+    if (::link(a.constData(), b.constData()) == 0) {
+        ::unlink(a.constData());
+        return 0;
+    }
+    if (errno == EEXIST || (errno != EPERM && errno != ENOTSUP && errno != EOPNOTSUPP))
+        return errno;
+    // No hard links either (FAT, some network shares): at least our own jobs
+    // never collide.
+    QMutexLocker locker(&g_noReplaceFallbackLock);
+    struct stat st {};
+    if (::lstat(b.constData(), &st) == 0)
+        return EEXIST;
+    return ::rename(a.constData(), b.constData()) == 0 ? 0 : errno;
+}
+
+} // namespace
+
+Result placeInFolder(const QString &src, const QString &folder, const QString &base, const QString &ext)
+{
+    Result result;
+    Staged staged;
+    const QString name = VXPath::appendingExtension(base, ext);
+    if (!stage(src, folder, name, 0666 & ~processUmask(), nullptr, &staged, &result.error)) {
+        unstage(staged, src);
+        return result;
+    }
+    // Another job or program may take the free name between our look and our
+    // rename; then the next free name is chosen.
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        const QString dest = VXUtilCodec::createUniformFileName(base, ext, folder);
+        const int err = renameNoReplace(staged.path, dest);
+        if (err == EEXIST)
+            continue;
+        if (err != 0) {
+            result.error = QStringLiteral("Cannot move %1 to %2: %3").arg(src, dest, errnoText(err));
+            unstage(staged, src);
+            return result;
+        }
+        syncFolder(folder);
+        if (!staged.renamed)
+            ::unlink(native(src).constData());
+        result.ok = true;
+        result.path = dest;
+        return result;
+    }
+    result.error = QStringLiteral("No free name for %1 in %2").arg(name, folder);
+    unstage(staged, src);
+    return result;
+}
+
+Result replaceFile(const QString &src, const QString &target)
+{
+    Result result;
+    result.beforeRemoval = true;
+    // A link is followed: the file the user sees through it is the one replaced.
+    char resolved[PATH_MAX];
+    const QString real = ::realpath(native(target).constData(), resolved) ? QFile::decodeName(resolved) : target;
+    struct stat st {};
+    if (::stat(native(real).constData(), &st) != 0) {
+        result.error = QStringLiteral("Cannot read %1: %2").arg(target, errnoText(errno));
+        return result;
+    }
+    const QString folder = VXPath::deletingLastComponent(real);
+    Staged staged;
+    if (!stage(src, folder, VXPath::lastComponent(real), st.st_mode & 07777, &st, &staged, &result.error)) {
+        unstage(staged, src);
+        return result;
+    }
+    result.beforeRemoval = false;
+    if (::rename(native(staged.path).constData(), native(real).constData()) != 0) {
+        result.error = QStringLiteral("Cannot move %1 to %2: %3").arg(staged.path, real, errnoText(errno));
+        unstage(staged, src);
+        return result;
+    }
+    syncFolder(folder);
+    if (!staged.renamed)
+        ::unlink(native(src).constData());
+    result.ok = true;
+    result.path = target;
+    return result;
+}
+
+} // namespace VXPlacement

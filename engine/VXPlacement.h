@@ -1,0 +1,27 @@
+#pragma once
+
+#include <QString>
+
+// Putting a finished file in its final place without ever exposing a partial
+// file under a final name and without ever overwriting a user's file by
+// accident. Thread-safe; used by the jobs' threads side by side.
+namespace VXPlacement {
+
+struct Result {
+    bool ok = false;
+    QString path;         // where the file now is, when ok
+    QString error;        // why not, when !ok
+    bool beforeRemoval = false;  // replace mode: failed before the original could be given up
+};
+
+// Moves src into folder as "base.ext", or the next free name when that is
+// taken, never replacing an existing entry, even one that appears while we
+// work. The file gets the mode a new file of the user would get.
+Result placeInFolder(const QString &src, const QString &folder, const QString &base, const QString &ext);
+
+// Replaces target with src atomically: at every instant target holds either
+// its old content or all of src's, even if the process is killed. The result
+// keeps the target's permission bits (and owner, where allowed).
+Result replaceFile(const QString &src, const QString &target);
+
+} // namespace VXPlacement
