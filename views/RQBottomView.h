@@ -2,11 +2,19 @@
 
 #include <QWidget>
 
+// The bar along the bottom of the main window. Its controls are laid out by
+// the window; the bar paints its background and fixed lines, and frames its
+// direct child named "folderView".
 class RQBottomView : public QWidget {
     Q_OBJECT
 public:
     explicit RQBottomView(QWidget *parent = nullptr);
 
+    // The folder child's geometry moved up by one point, or an empty rect.
+    QRect frameOfFolderView() const;
+
 protected:
     void paintEvent(QPaintEvent *event) override;
+    void childEvent(QChildEvent *event) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
 };

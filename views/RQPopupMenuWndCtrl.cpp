@@ -1,6 +1,11 @@
 #include "views/RQPopupMenuWndCtrl.h"
 
-#include <QWidget>
+#include "engine/codec/VXCodecConstants.h"
+#include "ui_RQPopupMenuWndCtrl.h"
+
+#include <QApplication>
+#include <QSignalBlocker>
+#include <QWindow>
 
 RQNotificationCenter *RQNotificationCenter::defaultCenter()
 {
@@ -17,7 +22,8 @@ struct RQPopupMenuWndCtrl::Private {
     bool applyToAll = false;
     float targetLoudness = 70.77f;
     qint64 row = 0;
-    QPointer<QWidget> window;
+    QPointer<RQMeunWindow> window;
+    Ui::RQPopupMenuWndCtrl ui;
 };
 
 RQPopupMenuWndCtrl::RQPopupMenuWndCtrl() : d(new Private) {}
@@ -29,25 +35,134 @@ RQPopupMenuWndCtrl *RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()
 }
 
 bool RQPopupMenuWndCtrl::applyToAll() const { return d->applyToAll; }
-void RQPopupMenuWndCtrl::setApplyToAll(bool v) { if (d->applyToAll != v) { d->applyToAll = v; emit applyToAllChanged(); } }
+
+void RQPopupMenuWndCtrl::setApplyToAll(bool v)
+{
+    if (d->applyToAll == v)
+        return;
+    d->applyToAll = v;
+    if (d->window) {
+        const QSignalBlocker block(d->ui.btnApplyToAll);
+        d->ui.btnApplyToAll->setChecked(v);
+    }
+    emit applyToAllChanged();
+}
+
 float RQPopupMenuWndCtrl::targetLoudness() const { return d->targetLoudness; }
-void RQPopupMenuWndCtrl::setTargetLoudness(float v) { d->targetLoudness = v; emit targetLoudnessValueChanged(); }
+
+void RQPopupMenuWndCtrl::setTargetLoudness(float v)
+{
+    if (d->targetLoudness == v)
+        return;
+    d->targetLoudness = v;
+    syncControls();
+    emit targetLoudnessValueChanged();
+}
+
 qint64 RQPopupMenuWndCtrl::row() const { return d->row; }
-void RQPopupMenuWndCtrl::setRow(qint64 r) { if (d->row != r) { d->row = r; emit rowChanged(); } }
+
+void RQPopupMenuWndCtrl::setRow(qint64 r)
+{
+    if (d->row != r) {
+        d->row = r;
+        emit rowChanged();
+    }
+}
 
 QWidget *RQPopupMenuWndCtrl::window()
 {
-    if (!d->window)
-        d->window = new QWidget(nullptr, Qt::Popup);
+    if (!d->window) {
+        d->window = new RQMeunWindow;
+        d->ui.setupUi(d->window);
+        awakeFromNib();
+    }
     return d->window;
+}
+
+RQMenuView *RQPopupMenuWndCtrl::menuView()
+{
+    window();
+    return d->ui.menuView;
+}
+
+QAbstractButton *RQPopupMenuWndCtrl::btnApplyToAll()
+{
+    window();
+    return d->ui.btnApplyToAll;
+}
+
+void RQPopupMenuWndCtrl::awakeFromNib()
+{
+    setApplyToAll(false);
+    Ui::RQPopupMenuWndCtrl &ui = d->ui;
+
+    QPalette checkPalette = ui.btnApplyToAll->palette();
+    checkPalette.setColor(QPalette::WindowText, QColor(132, 128, 129));
+    checkPalette.setColor(QPalette::ButtonText, QColor(132, 128, 129));
+    ui.btnApplyToAll->setPalette(checkPalette);
+    for (QLabel *label : {ui.lblTitle, ui.lblLufs}) {
+        QPalette palette = label->palette();
+        palette.setColor(QPalette::WindowText, QColor(195, 195, 195));
+        label->setPalette(palette);
+    }
+
+    // The slider counts tenths; the spin box keeps the exact value (70.77).
+    connect(ui.sldTargetLoudness, &QSlider::valueChanged, this,
+            [this](int tenths) { userChangedValue(tenths / 10.0f, d->ui.sldTargetLoudness); });
+    connect(ui.spnTargetLoudness, &QDoubleSpinBox::valueChanged, this,
+            [this](double v) { userChangedValue(float(v), d->ui.spnTargetLoudness); });
+    connect(ui.btnApplyToAll, &QAbstractButton::toggled, this, [this](bool on) {
+        setApplyToAll(on);
+        // Ticking the box applies the shown value to every file at once;
+        // unticking changes nothing that was already applied.
+        if (on)
+            targetLoudnessChanged(d->ui.btnApplyToAll);
+    });
+    connect(d->window, &RQMeunWindow::resignedKey, d->window, &QWidget::hide);
+    connect(d->window, &RQMeunWindow::stepRequested, this, [this](int steps) {
+        userChangedValue(qBound(0.0f, d->targetLoudness + float(steps), 100.0f), d->window);
+    });
+    syncControls();
+}
+
+void RQPopupMenuWndCtrl::syncControls()
+{
+    if (!d->window)
+        return;
+    Ui::RQPopupMenuWndCtrl &ui = d->ui;
+    const float v = d->targetLoudness;
+    {
+        const QSignalBlocker blockSlider(ui.sldTargetLoudness);
+        const QSignalBlocker blockSpin(ui.spnTargetLoudness);
+        ui.sldTargetLoudness->setValue(qRound(v * 10.0f));
+        ui.spnTargetLoudness->setValue(v);
+    }
+    const float range = VXMaxIntegratedLoudnessTarget - VXMinIntegratedLoudnessTarget;
+    const float lufs = v * range / 100.0f + VXMinIntegratedLoudnessTarget;
+    ui.lblLufs->setText(QStringLiteral("%1 LUFS").arg(double(lufs), 0, 'f', 1));
+}
+
+void RQPopupMenuWndCtrl::userChangedValue(float value, QObject *sender)
+{
+    setTargetLoudness(value);
+    targetLoudnessChanged(sender);
 }
 
 void RQPopupMenuWndCtrl::popupMenuWndWithLocation(const QPoint &globalPoint)
 {
     setApplyToAll(false);
-    window()->move(globalPoint);
-    window()->show();
-    window()->activateWindow();
+    QWidget *win = window();
+    // Wayland positions a popup relative to its parent window only.
+    QWidget *active = QApplication::activeWindow();
+    if (active && active != win && active->windowHandle()) {
+        win->winId();
+        win->windowHandle()->setTransientParent(active->windowHandle());
+    }
+    win->move(globalPoint);
+    win->show();
+    win->raise();
+    win->activateWindow();
+    d->ui.sldTargetLoudness->setFocus(Qt::PopupFocusReason);
 }
 
 void RQPopupMenuWndCtrl::targetLoudnessChanged(QObject *)

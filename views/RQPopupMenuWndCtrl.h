@@ -4,7 +4,9 @@
 #include <QPoint>
 #include <QPointer>
 
+class QAbstractButton;
 class QWidget;
+class RQMenuView;
 
 // Name of the notification the popup posts on every change of its value.
 inline constexpr char kRQTargetLoudnessChaned[] = "RQTargetLoudnessChaned";
@@ -40,6 +42,8 @@ public:
 
     // The popup window, loaded from RQPopupMenuWndCtrl.ui on first use.
     QWidget *window();
+    RQMenuView *menuView();
+    QAbstractButton *btnApplyToAll();
     // Top-left corner at the global point; shown and activated.
     void popupMenuWndWithLocation(const QPoint &globalPoint);
     // Posts kRQTargetLoudnessChaned, unconditionally.
@@ -52,6 +56,9 @@ signals:
 
 private:
     RQPopupMenuWndCtrl();
+    void awakeFromNib();
+    void syncControls();
+    void userChangedValue(float value, QObject *sender);
     struct Private;
     Private *d;
 };

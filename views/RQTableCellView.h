@@ -1,6 +1,10 @@
 #pragma once
 
+#include <QPersistentModelIndex>
+#include <QPointer>
 #include <QStyledItemDelegate>
+
+class QAbstractItemView;
 
 // The controller's answer to a row that asks whether it is selected.
 class RQTableCellViewDelegate {
@@ -15,6 +19,18 @@ public:
 class RQTableCellView : public QStyledItemDelegate {
     Q_OBJECT
 public:
+    // Where each part of a row goes, in the coordinates of the row's rect.
+    struct Layout {
+        QRect art;
+        QRect name;
+        QRect info;
+        QRect loudnessImgView;
+        QRect edtTargetLoudness;
+        QRect state;
+    };
+    static constexpr int kRowHeight = 64;
+    static Layout layout(const QRect &row);
+
     explicit RQTableCellView(QObject *parent = nullptr);
 
     void setDelegate(RQTableCellViewDelegate *delegate) { m_delegate = delegate; }
@@ -30,6 +46,17 @@ signals:
     // image's rectangle in the list's viewport coordinates.
     void targetLoudnessClicked(int row, const QRect &anchor);
 
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
+
 private:
+    bool isSelected(const QStyleOptionViewItem &option, const QModelIndex &index) const;
+    void watchView(const QWidget *widget) const;
+    bool activateFromKey(QAbstractItemView *view, const QModelIndex &index, QEvent *event);
+    void repaintRow(const QStyleOptionViewItem &option) const;
+
     RQTableCellViewDelegate *m_delegate = nullptr;
+    QPersistentModelIndex m_pressed;
+    // The list whose Enter/Return keys reach the button (found when first painted).
+    mutable QPointer<QAbstractItemView> m_view;
 };

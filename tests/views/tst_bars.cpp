@@ -1,0 +1,240 @@
+#include "tests/views/ViewsTestUtil.h"
+#include "views/RQBottomView.h"
+#include "views/RQGuideView.h"
+#include "views/RQImages.h"
+#include "views/RQImportPrgView.h"
+#include "views/RQOverlay.h"
+
+#include <QLabel>
+#include <QPainter>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+const QColor kBar(70, 66, 67);
+const QColor kTopLine(63, 57, 59);
+const QColor kFolderFrame(132, 129, 128);
+const QColor kDivider(47, 43, 44);
+
+QImage renderAlone(QWidget &widget, QColor background = Qt::transparent)
+{
+    QImage image(widget.size(), QImage::Format_ARGB32);
+    image.fill(background);
+    // Children included, but no window background: what the widget paints.
+    widget.render(&image, {}, {}, QWidget::DrawChildren);
+    return image;
+}
+
+int countPixels(const QImage &image, QColor colour)
+{
+    int n = 0;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            n += near(image.pixelColor(x, y), colour) ? 1 : 0;
+    return n;
+}
+}  // namespace
+
+class TestBars : public QObject {
+    Q_OBJECT
+private slots:
+    void bottomBarLinesAndFolderFrame();
+    void bottomBarWithoutOrWithTwoFolderViews();
+    void guideIsCentredAtNaturalSize();
+    void guideResource();
+    void veilBlendsAndReports();
+    void overlaysFollowTheirTarget();
+};
+
+void TestBars::bottomBarLinesAndFolderFrame()
+{
+    RQBottomView bar;
+    bar.resize(800, 60);
+    auto *folder = new QWidget(&bar);
+    folder->setObjectName(QStringLiteral("folderView"));
+    // 300 x 22 at 10 points above the bar's bottom edge.
+    folder->setGeometry(100, 60 - 10 - 22, 300, 22);
+    QCOMPARE(bar.frameOfFolderView(), QRect(100, 27, 300, 22));
+
+    QImage image = renderAlone(bar);
+    QCOMPARE_PIXEL(image, 20, 30, kBar, 0);
+    QCOMPARE_PIXEL(image, 20, 0, kTopLine, 0);
+    QCOMPARE_PIXEL(image, 799, 0, kTopLine, 0);
+    QCOMPARE_PIXEL(image, 20, 1, kBar, 0);
+
+    // The frame is one point higher than the field: its last row is the
+    // field's second-to-last, and the field's own last row stays plain.
+    for (int x : {100, 250, 399})
+        QCOMPARE_PIXEL(image, x, 27, kFolderFrame, 0);
+    QCOMPARE_PIXEL(image, 250, 48, kFolderFrame, 0);
+    QCOMPARE_PIXEL(image, 250, 49, kBar, 0);
+    QCOMPARE_PIXEL(image, 100, 40, kFolderFrame, 0);
+    QCOMPARE_PIXEL(image, 399, 40, kFolderFrame, 0);
+    QCOMPARE_PIXEL(image, 250, 38, kBar, 0);
+    QCOMPARE_PIXEL(image, 400, 40, kBar, 0);
+
+    // Dividers: x = 53 and 673, from 16 to 44 points above the bottom, and
+    // they keep those places when the bar grows.
+    for (QSize size : {QSize(800, 60), QSize(1000, 90)}) {
+        bar.resize(size);
+        image = renderAlone(bar);
+        const int h = size.height();
+        for (int x : {53, 673}) {
+            QCOMPARE_PIXEL(image, x, h - 44, kDivider, 0);
+            QCOMPARE_PIXEL(image, x, h - 17, kDivider, 0);
+            QCOMPARE_PIXEL(image, x, h - 45, kBar, 0);
+            QCOMPARE_PIXEL(image, x, h - 16, kBar, 0);
+            QCOMPARE_PIXEL(image, x + 1, h - 30, kBar, 0);
+        }
+        QCOMPARE_PIXEL(image, size.width() - 1, 0, kTopLine, 0);
+    }
+}
+
+void TestBars::bottomBarWithoutOrWithTwoFolderViews()
+{
+    RQBottomView bar;
+    bar.resize(800, 60);
+    auto *other = new QWidget(&bar);
+    other->setObjectName(QStringLiteral("folderview"));  // names are case-sensitive
+    other->setGeometry(100, 20, 300, 22);
+    QCOMPARE(bar.frameOfFolderView(), QRect());
+    QImage image = renderAlone(bar);
+    QCOMPARE(countPixels(image, kFolderFrame), 0);
+    QCOMPARE(countPixels(image, kDivider), 2 * 28);
+
+    auto *first = new QWidget(&bar);
+    first->setObjectName(QStringLiteral("folderView"));
+    first->setGeometry(120, 20, 100, 20);
+    auto *second = new QWidget(&bar);
+    second->setObjectName(QStringLiteral("folderView"));
+    second->setGeometry(400, 20, 100, 20);
+    QCOMPARE(bar.frameOfFolderView(), QRect(120, 19, 100, 20));
+    image = renderAlone(bar);
+    QCOMPARE_PIXEL(image, 150, 19, kFolderFrame, 0);
+    QCOMPARE_PIXEL(image, 450, 19, kBar, 0);
+}
+
+void TestBars::guideIsCentredAtNaturalSize()
+{
+    // 200 x 100, red on the left half and blue on the right.
+    QTemporaryDir dir;
+    QImage picture(200, 100, QImage::Format_ARGB32);
+    picture.fill(Qt::red);
+    QPainter(&picture).fillRect(100, 0, 100, 100, Qt::blue);
+    const QString path = dir.filePath(QStringLiteral("guide.png"));
+    QVERIFY(picture.save(path));
+
+    RQGuideView guide;
+    guide.setImageName(path);
+    guide.resize(400, 300);
+    QImage image = renderAlone(guide);
+    QCOMPARE_PIXEL(image, 100, 100, QColor(Qt::red), 0);
+    QCOMPARE_PIXEL(image, 299, 199, QColor(Qt::blue), 0);
+    QCOMPARE(image.pixelColor(99, 150).alpha(), 0);
+    QCOMPARE(image.pixelColor(300, 150).alpha(), 0);
+    QCOMPARE(image.pixelColor(200, 99).alpha(), 0);
+    QCOMPARE(image.pixelColor(200, 200).alpha(), 0);
+
+    // Smaller than the picture: centred at full size, clipped evenly.
+    guide.resize(100, 50);
+    image = renderAlone(guide);
+    QCOMPARE_PIXEL(image, 0, 0, QColor(Qt::red), 0);
+    QCOMPARE_PIXEL(image, 49, 25, QColor(Qt::red), 0);
+    QCOMPARE_PIXEL(image, 50, 25, QColor(Qt::blue), 0);
+    QCOMPARE_PIXEL(image, 99, 49, QColor(Qt::blue), 0);
+
+    // Missing or empty picture: nothing at all.
+    QFile empty(dir.filePath(QStringLiteral("empty.png")));
+    QVERIFY(empty.open(QIODevice::WriteOnly));
+    empty.close();
+    for (const QString &name : {dir.filePath(QStringLiteral("none.png")), empty.fileName()}) {
+        guide.setImageName(name);
+        QCOMPARE(countPixels(renderAlone(guide, QColor(1, 2, 3)), QColor(1, 2, 3)), 100 * 50);
+    }
+}
+
+void TestBars::guideResource()
+{
+    // Our own picture, drawn from vectors: sharp at twice the resolution.
+    const QImage oneX = rqImageNamed(QString::fromLatin1(kRQGuideImage), 1.0);
+    const QImage twoX = rqImageNamed(QString::fromLatin1(kRQGuideImage), 2.0);
+    QVERIFY(!oneX.isNull());
+    QCOMPARE(twoX.size(), oneX.size() * 2);
+    QCOMPARE(twoX.deviceIndependentSize(), QSizeF(oneX.size()));
+    for (const char *name : {kRQLoudnessImage, kRQAppIcon})
+        QVERIFY2(!rqImageNamed(QString::fromLatin1(name), 2.0).isNull(), name);
+
+    RQGuideView guide;
+    guide.resize(800, 600);
+    const QImage image = renderAlone(guide);
+    QCOMPARE(image.pixelColor(5, 5).alpha(), 0);
+    QCOMPARE(image.pixelColor(795, 595).alpha(), 0);
+    int painted = 0;
+    const QRect centre(QPoint(400 - oneX.width() / 2, 300 - oneX.height() / 2), oneX.size());
+    for (int y = centre.top(); y <= centre.bottom(); y += 4)
+        for (int x = centre.left(); x <= centre.right(); x += 4)
+            painted += image.pixelColor(x, y).alpha() > 0 ? 1 : 0;
+    QVERIFY(painted > 50);
+}
+
+void TestBars::veilBlendsAndReports()
+{
+    RQImportPrgView veil;
+    veil.resize(400, 300);
+    QVERIFY(veil.isHidden());
+    QSignalSpy busy(&veil, &RQImportPrgView::busyChanged);
+    veil.setBusy(true);
+    QVERIFY(!veil.isHidden());
+    QCOMPARE(veil.importPI()->maximum(), 0);  // indeterminate while busy
+    QCOMPARE(busy.count(), 1);
+
+    // White level 0.3 at half opacity: over the row colour and over nothing.
+    QImage image = renderAlone(veil, QColor(61, 57, 58));
+    QCOMPARE_PIXEL(image, 3, 3, QColor(69, 67, 67), 1);
+    image = renderAlone(veil);
+    QCOMPARE_PIXEL(image, 3, 3, QColor(77, 77, 77), 1);
+    QVERIFY(qAbs(image.pixelColor(3, 3).alpha() - 128) <= 1);
+
+    const QString longName = QStringLiteral("a very long folder name/") .repeated(10) + QStringLiteral("song.flac");
+    veil.setImportingFileName(longName);
+    QCOMPARE(veil.importingFileName(), longName);
+    auto *label = veil.findChild<QLabel *>(QStringLiteral("lblImportingFileName"));
+    QVERIFY(label);
+    QVERIFY(label->text() != longName);  // elided to the veil's width
+    QVERIFY(label->fontMetrics().horizontalAdvance(label->text()) <= veil.width());
+
+    QSignalSpy cancel(&veil, &RQImportPrgView::cancelRequested);
+    veil.cancelButton()->click();
+    QCOMPARE(cancel.count(), 1);
+    veil.setBusy(false);
+    QVERIFY(veil.isHidden());
+    QCOMPARE(veil.importPI()->maximum(), 1);
+}
+
+void TestBars::overlaysFollowTheirTarget()
+{
+    QWidget target;
+    target.resize(400, 300);
+    auto *guide = new RQGuideView;
+    auto *veil = new RQImportPrgView;
+    rqOverlay(guide, &target);
+    rqOverlay(veil, &target);
+    target.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&target));
+    QVERIFY(guide->isVisible());
+    QVERIFY(!veil->isVisible());  // the veil waits for an import
+    target.resize(520, 333);
+    QCOMPARE(guide->geometry(), QRect(0, 0, 520, 333));
+    QCOMPARE(veil->geometry(), QRect(0, 0, 520, 333));
+    veil->setBusy(true);
+    QVERIFY(veil->isVisible());
+    QCOMPARE(target.childAt(10, 10), veil);  // on top, taking the clicks
+    guide->setListEmpty(false);
+    QVERIFY(!guide->isVisible());
+}
+
+QTEST_MAIN(TestBars)
+#include "tst_bars.moc"
