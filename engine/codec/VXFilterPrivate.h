@@ -1,0 +1,44 @@
+#pragma once
+
+// What the transcoding needs of a filter beyond its public interface: an
+// instance in a graph, and the sink its print-out is routed to.
+
+#include "engine/codec/VXFilter.h"
+#include "engine/codec/VXLibav.h"
+
+#include <QByteArray>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+
+// Where one filter's libav messages go: a file while a redirect is in force,
+// else a memory buffer that the next redirect writes out first. Shared with
+// the log registry so a late message never reaches a destroyed filter.
+struct VXFilterLogState {
+    std::mutex lock;
+    QByteArray pending;
+    std::FILE *sink = nullptr;
+
+    void append(const char *data, size_t size);
+    bool redirect(const QString &path);
+    void cancelRedirect();
+    void clearPending();
+    ~VXFilterLogState();
+};
+
+struct VXFilterAccess {
+    // Creates and initialises the filter's instance in graph. When the
+    // attributes carry measurements that cannot be used (a silent first pass
+    // prints "-inf"), the instance is a pass-through so the level stays as it
+    // is. nullptr with *error filled when the attributes are refused.
+    static AVFilterContext *instantiate(const VXFilter &filter, AVFilterGraph *graph, const char *instanceName,
+                                        QString *error);
+    static std::shared_ptr<VXFilterLogState> logState(const VXFilter &filter);
+};
+
+namespace vx {
+// Routes every libav message whose context is ctx into state.
+void registerLogContext(const void *ctx, std::shared_ptr<VXFilterLogState> state);
+// Undoes registerLogContext, unless ctx has since been taken by another state.
+void unregisterLogContext(const void *ctx, const VXFilterLogState *state);
+} // namespace vx

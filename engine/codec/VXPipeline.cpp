@@ -1,0 +1,422 @@
+#include "engine/codec/VXPipeline.h"
+
+#include "engine/codec/VXFilterPrivate.h"
+#include "engine/codec/VXProbe.h"
+
+extern "C" {
+#include <libavfilter/buffersink.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/opt.h>
+}
+
+#include <QFile>
+#include <QFileInfo>
+#include <QtEndian>
+#include <cstring>
+
+namespace vx {
+namespace {
+
+const AVCodec *findEncoder(AVCodecID id)
+{
+    // The external encoders are the good ones for these; FFmpeg's own are
+    // experimental (vorbis, opus) or absent (mp3).
+    const char *preferred = nullptr;
+    switch (id) {
+    case AV_CODEC_ID_MP3: preferred = "libmp3lame"; break;
+    case AV_CODEC_ID_VORBIS: preferred = "libvorbis"; break;
+    case AV_CODEC_ID_OPUS: preferred = "libopus"; break;
+    default: break;
+    }
+    if (preferred)
+        if (const AVCodec *codec = avcodec_find_encoder_by_name(preferred))
+            return codec;
+    return avcodec_find_encoder(id);
+}
+
+// The decoder's own format when the encoder takes it (keeps depth and
+// precision), else its planar/packed twin, else the encoder's first choice.
+AVSampleFormat chooseSampleFormat(const AVCodec *encoder, AVSampleFormat decoded)
+{
+    const AVSampleFormat *formats = encoder->sample_fmts;
+    if (!formats)
+        return decoded;
+    const AVSampleFormat twins[] = {decoded, av_get_alt_sample_fmt(decoded, 1), av_get_alt_sample_fmt(decoded, 0)};
+    for (AVSampleFormat want : twins)
+        for (const AVSampleFormat *f = formats; *f != AV_SAMPLE_FMT_NONE; ++f)
+            if (*f == want)
+                return want;
+    return formats[0];
+}
+
+int chooseSampleRate(const AVCodec *encoder, int rate)
+{
+    const int *rates = encoder->supported_samplerates;
+    if (!rates)
+        return rate;
+    int best = rates[0];
+    for (const int *r = rates; *r; ++r) {
+        if (*r == rate)
+            return rate;
+        if (std::abs(*r - rate) < std::abs(best - rate))
+            best = *r;
+    }
+    return best;
+}
+
+bool chooseLayout(const AVCodec *encoder, const AVChannelLayout &decoded, AVChannelLayout *out)
+{
+    AVChannelLayout wanted{};
+    if (decoded.order == AV_CHANNEL_ORDER_UNSPEC || decoded.order == AV_CHANNEL_ORDER_CUSTOM)
+        av_channel_layout_default(&wanted, decoded.nb_channels);
+    else
+        av_channel_layout_copy(&wanted, &decoded);
+    if (!encoder->ch_layouts) {
+        *out = wanted;
+        return true;
+    }
+    const AVChannelLayout *fallback = nullptr;
+    for (const AVChannelLayout *l = encoder->ch_layouts; l->nb_channels; ++l) {
+        if (!av_channel_layout_compare(l, &wanted)) {
+            *out = wanted;
+            return true;
+        }
+        if (!fallback && l->nb_channels == wanted.nb_channels)
+            fallback = l;
+    }
+    av_channel_layout_uninit(&wanted);
+    return fallback && av_channel_layout_copy(out, fallback) >= 0;
+}
+
+bool isLossless(AVCodecID id)
+{
+    const AVCodecDescriptor *desc = avcodec_descriptor_get(id);
+    return desc && (desc->props & AV_CODEC_PROP_LOSSLESS);
+}
+
+// Lossy streams keep their bit rate; where the container does not state it
+// (Ogg Opus), the audio's share of the file tells it.
+int64_t chooseBitRate(const AVFormatContext *input, int audioIndex, const QString &inPath, int64_t durationUs)
+{
+    const AVStream *st = input->streams[audioIndex];
+    if (st->codecpar->bit_rate > 0)
+        return st->codecpar->bit_rate;
+    if (durationUs <= 0)
+        return 0;
+    qint64 bytes = QFileInfo(inPath).size();
+    for (unsigned i = 0; i < input->nb_streams; ++i)
+        if (input->streams[i]->disposition & AV_DISPOSITION_ATTACHED_PIC)
+            bytes -= input->streams[i]->attached_pic.size;
+    const int64_t estimate = av_rescale(std::max<qint64>(bytes, 0) * 8, AV_TIME_BASE, durationUs);
+    return std::clamp<int64_t>(estimate, 16000, 640000);
+}
+
+bool carriesPictures(const AVOutputFormat *format)
+{
+    for (const char *name : {"mp3", "flac", "mp4", "ipod", "mov"})
+        if (!std::strcmp(format->name, name))
+            return true;
+    return false;
+}
+
+bool carriesVideo(const AVOutputFormat *format)
+{
+    for (const char *name : {"mp4", "ipod", "mov"})
+        if (!std::strcmp(format->name, name))
+            return true;
+    return false;
+}
+
+QByteArray be32(quint32 v)
+{
+    QByteArray b(4, '\0');
+    qToBigEndian(v, b.data());
+    return b;
+}
+
+// Ogg streams carry cover art as a base64 picture block among the comments.
+QByteArray pictureComment(const AVStream *pic)
+{
+    const AVCodecID id = pic->codecpar->codec_id;
+    const QByteArray mime = id == AV_CODEC_ID_PNG ? "image/png" : id == AV_CODEC_ID_MJPEG ? "image/jpeg" : "";
+    if (mime.isEmpty())
+        return {};
+    QByteArray block = be32(3) + be32(quint32(mime.size())) + mime + be32(0);
+    block += be32(quint32(pic->codecpar->width)) + be32(quint32(pic->codecpar->height)) + be32(24) + be32(0);
+    block += be32(quint32(pic->attached_pic.size));
+    block.append(reinterpret_cast<const char *>(pic->attached_pic.data), pic->attached_pic.size);
+    return block.toBase64();
+}
+
+bool copyChapters(const AVFormatContext *in, AVFormatContext *out)
+{
+    if (!in->nb_chapters)
+        return true;
+    out->chapters = static_cast<AVChapter **>(av_calloc(in->nb_chapters, sizeof(AVChapter *)));
+    if (!out->chapters)
+        return false;
+    for (unsigned i = 0; i < in->nb_chapters; ++i) {
+        auto *copy = static_cast<AVChapter *>(av_mallocz(sizeof(AVChapter)));
+        if (!copy)
+            return false;
+        const AVChapter *c = in->chapters[i];
+        copy->id = c->id;
+        copy->time_base = c->time_base;
+        copy->start = c->start;
+        copy->end = c->end;
+        av_dict_copy(&copy->metadata, c->metadata, 0);
+        out->chapters[out->nb_chapters++] = copy;
+    }
+    return true;
+}
+
+} // namespace
+
+std::unique_ptr<Pipeline> Pipeline::open(const QString &inPath, const QString &outPath, QString *why)
+{
+    auto p = std::make_unique<Pipeline>();
+    int code = 0;
+    p->input = openInput(inPath, why, &code);
+    if (!p->input)
+        return nullptr;
+    if (hasDrmHeader(inPath) || hasDrmStream(p->input.get())) {
+        *why = QStringLiteral("DRM-protected");
+        return nullptr;
+    }
+    p->audioIndex = av_find_best_stream(p->input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    if (p->audioIndex < 0) {
+        *why = QStringLiteral("no decodable audio stream");
+        return nullptr;
+    }
+    p->durationUs = int64_t(headerLength(p->input.get(), p->audioIndex));
+    if (!p->openDecoder(why))
+        return nullptr;
+
+    AVFormatContext *raw = nullptr;
+    const int err = avformat_alloc_output_context2(&raw, nullptr, nullptr, QFile::encodeName(outPath).constData());
+    if (err < 0 || !raw) {
+        *why = QStringLiteral("no muxer for %1: %2").arg(outPath, errorString(err));
+        return nullptr;
+    }
+    p->output.reset(raw);
+    if (!p->openEncoder(inPath, why))
+        return nullptr;
+    p->mapOtherStreams();
+    av_dict_copy(&p->output->metadata, p->input->metadata, 0);
+    if (!copyChapters(p->input.get(), p->output.get())) {
+        *why = QStringLiteral("out of memory");
+        return nullptr;
+    }
+    if (!(p->output->oformat->flags & AVFMT_NOFILE)) {
+        const int e = avio_open(&p->output->pb, QFile::encodeName(outPath).constData(), AVIO_FLAG_WRITE);
+        if (e < 0) {
+            *why = QStringLiteral("cannot write %1: %2").arg(outPath, errorString(e));
+            return nullptr;
+        }
+    }
+    const int e = avformat_init_output(p->output.get(), nullptr);
+    if (e < 0) {
+        *why = QStringLiteral("the %1 muxer refuses the streams: %2").arg(p->output->oformat->name, errorString(e));
+        return nullptr;
+    }
+    return p;
+}
+
+bool Pipeline::openDecoder(QString *why)
+{
+    const AVStream *st = input->streams[audioIndex];
+    const AVCodec *codec = avcodec_find_decoder(st->codecpar->codec_id);
+    if (!codec) {
+        *why = QStringLiteral("no decoder for %1").arg(avcodec_get_name(st->codecpar->codec_id));
+        return false;
+    }
+    decoder.reset(avcodec_alloc_context3(codec));
+    if (!decoder || avcodec_parameters_to_context(decoder.get(), st->codecpar) < 0) {
+        *why = QStringLiteral("out of memory");
+        return false;
+    }
+    decoder->pkt_timebase = st->time_base;
+    const int err = avcodec_open2(decoder.get(), codec, nullptr);
+    if (err < 0) {
+        *why = QStringLiteral("cannot open the decoder: %1").arg(errorString(err));
+        return false;
+    }
+    return true;
+}
+
+bool Pipeline::openEncoder(const QString &inPath, QString *why)
+{
+    const AVStream *ist = input->streams[audioIndex];
+    const AVCodecID id = ist->codecpar->codec_id;
+    const AVCodec *codec = findEncoder(id);
+    if (!codec) {
+        *why = QStringLiteral("no encoder for %1").arg(avcodec_get_name(id));
+        return false;
+    }
+    encoder.reset(avcodec_alloc_context3(codec));
+    if (!encoder) {
+        *why = QStringLiteral("out of memory");
+        return false;
+    }
+    AVCodecContext *enc = encoder.get();
+    enc->sample_rate = chooseSampleRate(codec, decoder->sample_rate);
+    if (!chooseLayout(codec, decoder->ch_layout, &enc->ch_layout)) {
+        *why = QStringLiteral("%1 cannot encode %2 channels").arg(codec->name).arg(decoder->ch_layout.nb_channels);
+        return false;
+    }
+    enc->sample_fmt = chooseSampleFormat(codec, decoder->sample_fmt);
+    enc->time_base = AVRational{1, enc->sample_rate};
+    if (isLossless(id)) {
+        const int bits = ist->codecpar->bits_per_raw_sample ? ist->codecpar->bits_per_raw_sample
+                                                            : decoder->bits_per_raw_sample;
+        enc->bits_per_raw_sample = std::min(bits, av_get_bytes_per_sample(enc->sample_fmt) * 8);
+    } else {
+        enc->bit_rate = chooseBitRate(input.get(), audioIndex, inPath, durationUs);
+    }
+    if (codec->capabilities & AV_CODEC_CAP_EXPERIMENTAL)
+        enc->strict_std_compliance = FF_COMPLIANCE_EXPERIMENTAL;
+    if (output->oformat->flags & AVFMT_GLOBALHEADER)
+        enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    int err = avcodec_open2(enc, codec, nullptr);
+    if (err < 0) {
+        *why = QStringLiteral("cannot open the %1 encoder: %2").arg(codec->name, errorString(err));
+        return false;
+    }
+    AVStream *ost = avformat_new_stream(output.get(), nullptr);
+    if (!ost || avcodec_parameters_from_context(ost->codecpar, enc) < 0) {
+        *why = QStringLiteral("out of memory");
+        return false;
+    }
+    ost->time_base = enc->time_base;
+    ost->disposition = ist->disposition;
+    av_dict_copy(&ost->metadata, ist->metadata, 0);
+    outAudioIndex = ost->index;
+    return true;
+}
+
+void Pipeline::mapOtherStreams()
+{
+    streamMap.assign(input->nb_streams, -1);
+    streamMap[size_t(audioIndex)] = outAudioIndex;
+    const AVOutputFormat *format = output->oformat;
+    for (unsigned i = 0; i < input->nb_streams; ++i) {
+        const AVStream *ist = input->streams[i];
+        if (int(i) == audioIndex)
+            continue;
+        const bool picture = ist->disposition & AV_DISPOSITION_ATTACHED_PIC;
+        if (picture && !std::strcmp(format->name, "ogg")) {
+            AVStream *audio = output->streams[outAudioIndex];
+            const QByteArray comment = pictureComment(ist);
+            if (!comment.isEmpty() && !av_dict_get(audio->metadata, "METADATA_BLOCK_PICTURE", nullptr, 0))
+                av_dict_set(&audio->metadata, "METADATA_BLOCK_PICTURE", comment.constData(), 0);
+            continue;
+        }
+        const AVMediaType type = ist->codecpar->codec_type;
+        const bool wanted = picture ? carriesPictures(format)
+                                    : carriesVideo(format)
+                && (type == AVMEDIA_TYPE_VIDEO || type == AVMEDIA_TYPE_AUDIO || type == AVMEDIA_TYPE_SUBTITLE)
+                && avformat_query_codec(format, ist->codecpar->codec_id, FF_COMPLIANCE_NORMAL) > 0;
+        if (!wanted)
+            continue;
+        AVStream *ost = avformat_new_stream(output.get(), nullptr);
+        if (!ost || avcodec_parameters_copy(ost->codecpar, ist->codecpar) < 0)
+            continue;
+        // Keep the input's tag only where this muxer knows it for this codec.
+        unsigned tag = 0;
+        if (!format->codec_tag || av_codec_get_id(format->codec_tag, ist->codecpar->codec_tag) != ist->codecpar->codec_id
+            || !av_codec_get_tag2(format->codec_tag, ist->codecpar->codec_id, &tag))
+            ost->codecpar->codec_tag = 0;
+        ost->time_base = ist->time_base;
+        ost->disposition = ist->disposition;
+        ost->avg_frame_rate = ist->avg_frame_rate;
+        ost->r_frame_rate = ist->r_frame_rate;
+        ost->sample_aspect_ratio = ist->sample_aspect_ratio;
+        av_dict_copy(&ost->metadata, ist->metadata, 0);
+        streamMap[i] = ost->index;
+    }
+}
+
+bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters, QString *why)
+{
+    graph.reset(avfilter_graph_alloc());
+    if (!graph) {
+        *why = QStringLiteral("out of memory");
+        return false;
+    }
+    const AVStream *ist = input->streams[audioIndex];
+    AVChannelLayout inLayout{};
+    if (decoder->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC)
+        av_channel_layout_default(&inLayout, decoder->ch_layout.nb_channels);
+    else
+        av_channel_layout_copy(&inLayout, &decoder->ch_layout);
+    char layout[128] = {};
+    av_channel_layout_describe(&inLayout, layout, sizeof layout);
+    av_channel_layout_uninit(&inLayout);
+    const QByteArray sourceArgs = QStringLiteral("time_base=%1/%2:sample_rate=%3:sample_fmt=%4:channel_layout=%5")
+                                      .arg(ist->time_base.num).arg(ist->time_base.den).arg(decoder->sample_rate)
+                                      .arg(av_get_sample_fmt_name(decoder->sample_fmt), layout).toUtf8();
+    int err = avfilter_graph_create_filter(&source, avfilter_get_by_name("abuffer"), "in", sourceArgs.constData(),
+                                           nullptr, graph.get());
+    if (err < 0) {
+        *why = QStringLiteral("abuffer: %1").arg(errorString(err));
+        return false;
+    }
+
+    AVFilterContext *last = source;
+    for (size_t i = 0; i < filters.size(); ++i) {
+        const QByteArray name = "vxfilter" + QByteArray::number(qulonglong(i));
+        AVFilterContext *ctx = VXFilterAccess::instantiate(*filters[i], graph.get(), name.constData(), why);
+        if (!ctx)
+            return false;
+        auto state = VXFilterAccess::logState(*filters[i]);
+        state->clearPending();
+        registerLogContext(ctx, state);
+        routedLogs.emplace_back(ctx, std::move(state));
+        if ((err = avfilter_link(last, 0, ctx, 0)) < 0) {
+            *why = errorString(err);
+            return false;
+        }
+        last = ctx;
+    }
+
+    // Back to what the encoder takes. soxr at its default precision is
+    // transparent and cheap; 16-bit targets get dither on the way down.
+    char outLayout[128] = {};
+    av_channel_layout_describe(&encoder->ch_layout, outLayout, sizeof outLayout);
+    const AVSampleFormat fmt = encoder->sample_fmt;
+    const bool dither = av_get_bytes_per_sample(fmt) <= 2;
+    const QByteArray resampleArgs = QStringLiteral("out_sample_rate=%1:resampler=soxr%2")
+                                        .arg(encoder->sample_rate)
+                                        .arg(dither ? ":dither_method=triangular" : "").toUtf8();
+    const QByteArray formatArgs = QStringLiteral("sample_fmts=%1:sample_rates=%2:channel_layouts=%3")
+                                      .arg(av_get_sample_fmt_name(fmt)).arg(encoder->sample_rate).arg(outLayout).toUtf8();
+    AVFilterContext *resample = nullptr;
+    AVFilterContext *format = nullptr;
+    if ((err = avfilter_graph_create_filter(&resample, avfilter_get_by_name("aresample"), "resample",
+                                            resampleArgs.constData(), nullptr, graph.get())) < 0
+        || (err = avfilter_graph_create_filter(&format, avfilter_get_by_name("aformat"), "format",
+                                               formatArgs.constData(), nullptr, graph.get())) < 0
+        || (err = avfilter_graph_create_filter(&sink, avfilter_get_by_name("abuffersink"), "out", nullptr, nullptr,
+                                               graph.get())) < 0
+        || (err = avfilter_link(last, 0, resample, 0)) < 0 || (err = avfilter_link(resample, 0, format, 0)) < 0
+        || (err = avfilter_link(format, 0, sink, 0)) < 0 || (err = avfilter_graph_config(graph.get(), nullptr)) < 0) {
+        *why = QStringLiteral("filter graph: %1").arg(errorString(err));
+        return false;
+    }
+    if (encoder->frame_size > 0 && !(encoder->codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE))
+        av_buffersink_set_frame_size(sink, unsigned(encoder->frame_size));
+    return true;
+}
+
+void Pipeline::releaseGraph()
+{
+    graph.reset();
+    source = sink = nullptr;
+    for (const auto &[ctx, state] : routedLogs)
+        unregisterLogContext(ctx, state.get());
+    routedLogs.clear();
+}
+
+Pipeline::~Pipeline() { releaseGraph(); }
+
+} // namespace vx

@@ -1,0 +1,98 @@
+#include "engine/codec/VXProbe.h"
+
+#include "engine/codec/VXCodecConstants.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QtEndian>
+
+namespace vx {
+
+InputPtr openInput(const QString &path, QString *why, int *code)
+{
+    installLogRouting();
+    const QFileInfo info(path);
+    // libav happily "opens" a folder and then fails on read; say it plainly.
+    if (!info.exists() || !info.isFile()) {
+        *why = info.exists() ? QStringLiteral("not a regular file") : QStringLiteral("no such file");
+        *code = AVERROR(ENOENT);
+        return nullptr;
+    }
+    AVFormatContext *raw = nullptr;
+    int err = avformat_open_input(&raw, QFile::encodeName(path).constData(), nullptr, nullptr);
+    if (err < 0) {
+        *why = errorString(err);
+        *code = err;
+        return nullptr;
+    }
+    InputPtr input(raw);
+    err = avformat_find_stream_info(input.get(), nullptr);
+    if (err < 0) {
+        *why = errorString(err);
+        *code = err;
+        return nullptr;
+    }
+    return input;
+}
+
+bool hasDrmHeader(const QString &path)
+{
+    static const QByteArray asfHeader = QByteArray::fromHex("3026b2758e66cf11a6d900aa0062ce6c");
+    // Content Encryption and Extended Content Encryption objects, as their
+    // GUIDs are laid out on disk (first three fields little-endian).
+    static const QByteArray contentEncryption = QByteArray::fromHex("fbb3112223bdd211b4b700a0c955fc6e");
+    static const QByteArray extendedEncryption = QByteArray::fromHex("14e68a292226174cb935dae07ee9289c");
+
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray start = file.read(24);
+    if (start.size() < 24 || !start.startsWith(asfHeader))
+        return false;
+    constexpr quint64 kMaxHeader = 16 * 1024 * 1024;
+    const quint64 headerSize = std::min(qFromLittleEndian<quint64>(start.constData() + 16), kMaxHeader);
+    file.seek(0);
+    const QByteArray header = file.read(qint64(headerSize));
+    return header.indexOf(contentEncryption) >= 0 || header.indexOf(extendedEncryption) >= 0;
+}
+
+bool hasDrmStream(const AVFormatContext *input)
+{
+    static const uint32_t protectedTags[] = {MKTAG('d', 'r', 'm', 's'), MKTAG('d', 'r', 'm', 'i'),
+                                             MKTAG('p', '6', '0', '8'), MKTAG('e', 'n', 'c', 'a'),
+                                             MKTAG('e', 'n', 'c', 'v')};
+    for (unsigned i = 0; i < input->nb_streams; ++i) {
+        const AVStream *st = input->streams[i];
+        if (st->codecpar->codec_type != AVMEDIA_TYPE_AUDIO)
+            continue;
+        for (uint32_t tag : protectedTags)
+            if (st->codecpar->codec_tag == tag)
+                return true;
+        if (av_stream_get_side_data(st, AV_PKT_DATA_ENCRYPTION_INIT_INFO, nullptr))
+            return true;
+    }
+    return false;
+}
+
+quint64 headerLength(const AVFormatContext *input, int audioIndex)
+{
+    const AVStream *st = input->streams[audioIndex];
+    const AVRational ticks{1, int(VXTimebase)};
+    if (st->duration != AV_NOPTS_VALUE && st->duration > 0)
+        return quint64(av_rescale_q(st->duration, st->time_base, ticks));
+    if (input->duration != AV_NOPTS_VALUE && input->duration > 0)
+        return quint64(av_rescale_q(input->duration, AVRational{1, AV_TIME_BASE}, ticks));
+    return 0;
+}
+
+QByteArray coverArt(const AVFormatContext *input)
+{
+    for (unsigned i = 0; i < input->nb_streams; ++i) {
+        const AVStream *st = input->streams[i];
+        if ((st->disposition & AV_DISPOSITION_ATTACHED_PIC) && st->attached_pic.size > 0)
+            return QByteArray(reinterpret_cast<const char *>(st->attached_pic.data), st->attached_pic.size);
+    }
+    return {};
+}
+
+} // namespace vx

@@ -1,0 +1,28 @@
+#pragma once
+
+// Opening and inspecting inputs, shared by probing and transcoding.
+
+#include "engine/codec/VXLibav.h"
+
+#include <QByteArray>
+#include <QString>
+
+namespace vx {
+
+// avformat_open_input + avformat_find_stream_info; nullptr with a reason and
+// libav's error code when the file cannot be read as media.
+InputPtr openInput(const QString &path, QString *why, int *code);
+
+// ASF/WMA content-encryption objects in the file's header.
+bool hasDrmHeader(const QString &path);
+// FairPlay or other encrypted sample entries among the opened streams.
+bool hasDrmStream(const AVFormatContext *input);
+
+// The stream's duration in VXTimebase ticks from the headers (stream, then
+// container); 0 when neither knows.
+quint64 headerLength(const AVFormatContext *input, int audioIndex);
+
+// The encoded bytes of the first attached picture, or empty.
+QByteArray coverArt(const AVFormatContext *input);
+
+} // namespace vx

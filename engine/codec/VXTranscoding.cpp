@@ -1,0 +1,292 @@
+#include "engine/codec/VXTranscoding.h"
+
+#include "engine/codec/VXFilter.h"
+#include "engine/codec/VXLog.h"
+#include "engine/codec/VXPipeline.h"
+#include "engine/codec/VXWorkQueue.h"
+
+extern "C" {
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+}
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+// Two threads per transcoding: the reader demuxes, decodes and filters; the
+// writer encodes and muxes. A bounded queue between them keeps memory flat
+// whatever the file's length, and a single file keeps two cores busy.
+
+namespace {
+constexpr size_t kQueueCapacity = 48;
+}
+
+struct VXTranscoding::Private {
+    QString inPath;
+    std::unique_ptr<vx::Pipeline> pipeline;
+    std::vector<std::shared_ptr<VXFilter>> filters;
+    VXTranscodingBlock block;
+
+    vx::WorkQueue queue{kQueueCapacity};
+    std::atomic<bool> cancelled{false};
+    std::atomic<bool> failed{false};
+    std::atomic<bool> started{false};
+    std::thread reader;
+    std::thread writer;
+    int lastProgress = -1; // writer thread only
+
+    void run();
+    bool readAll();
+    bool decode(AVPacket *packet, AVFrame *decoded, AVFrame *filtered);
+    bool drainGraph(AVFrame *filtered, bool atEnd);
+    void writeAll();
+    bool encode(AVFrame *frame, AVPacket *packet);
+    void report(int64_t ptsInEncoderBase);
+    void fail(const QString &why)
+    {
+        if (!failed.exchange(true))
+            VXLog(QStringLiteral("Transcoding %1 failed: %2").arg(inPath, why));
+        queue.abort();
+    }
+    bool stopping() const { return cancelled.load() || failed.load(); }
+};
+
+VXTranscoding::VXTranscoding() : d(std::make_unique<Private>()) {}
+
+VXTranscoding::~VXTranscoding()
+{
+    if (d->reader.joinable()) {
+        if (d->reader.get_id() == std::this_thread::get_id()) {
+            // Released from inside its own end report: the reader touches
+            // nothing of ours after that call, so it may run out alone.
+            d->reader.detach();
+        } else {
+            cancelTranscoding();
+            d->reader.join();
+        }
+    }
+    // Now, with no thread left, the filters print their records.
+    d->pipeline.reset();
+}
+
+std::shared_ptr<VXTranscoding> VXTranscoding::initWithInput(const QString &input, const QString &output)
+{
+    QString why;
+    auto pipeline = vx::Pipeline::open(input, output, &why);
+    if (!pipeline) {
+        VXLog(QStringLiteral("Cannot transcode %1: %2").arg(input, why));
+        return nullptr;
+    }
+    std::shared_ptr<VXTranscoding> t(new VXTranscoding);
+    t->d->inPath = input;
+    t->d->pipeline = std::move(pipeline);
+    return t;
+}
+
+void VXTranscoding::addAudioFilter(std::shared_ptr<VXFilter> filter)
+{
+    if (filter && !d->started.load())
+        d->filters.push_back(std::move(filter));
+}
+
+void VXTranscoding::transcodingWithBlock(VXTranscodingBlock block)
+{
+    if (d->started.exchange(true)) {
+        // One run per object; a second call still gets its one end report.
+        if (block)
+            block(VXTranscodingStateEnd, VXTranscodingFailed);
+        return;
+    }
+    d->block = std::move(block);
+    d->reader = std::thread([p = d.get()] { p->run(); });
+}
+
+void VXTranscoding::cancelTranscoding()
+{
+    d->cancelled.store(true);
+    d->queue.abort();
+}
+
+void VXTranscoding::Private::run()
+{
+    QString why;
+    if (!pipeline->buildGraph(filters, &why)) {
+        fail(why);
+    } else {
+        writer = std::thread([this] { writeAll(); });
+        if (!readAll() && !stopping())
+            fail(QStringLiteral("reading"));
+        queue.close();
+        writer.join();
+    }
+    const int64_t result = cancelled.load() ? VXTranscodingCancelled
+        : failed.load()                     ? VXTranscodingFailed
+                                            : VXTranscodingCompleted;
+    // The end report is the last thing this thread does: its receiver may
+    // release the transcoding from inside the call.
+    VXTranscodingBlock end = std::move(block);
+    if (end)
+        end(VXTranscodingStateEnd, result);
+}
+
+bool VXTranscoding::Private::readAll()
+{
+    vx::Pipeline &p = *pipeline;
+    auto packet = vx::makePacket();
+    auto decoded = vx::makeFrame();
+    auto filtered = vx::makeFrame();
+    if (!packet || !decoded || !filtered)
+        return false;
+    int err = 0;
+    while (!stopping() && (err = av_read_frame(p.input.get(), packet.get())) >= 0) {
+        const int target = p.streamMap[size_t(packet->stream_index)];
+        if (packet->stream_index == p.audioIndex) {
+            const bool ok = decode(packet.get(), decoded.get(), filtered.get());
+            av_packet_unref(packet.get());
+            if (!ok)
+                return false;
+        } else if (target >= 0) {
+            const AVStream *ist = p.input->streams[packet->stream_index];
+            const AVStream *ost = p.output->streams[target];
+            av_packet_rescale_ts(packet.get(), ist->time_base, ost->time_base);
+            packet->stream_index = target;
+            packet->pos = -1;
+            vx::WorkItem item;
+            item.packet = vx::makePacket();
+            av_packet_move_ref(item.packet.get(), packet.get());
+            if (!queue.push(std::move(item)))
+                return false;
+        } else {
+            av_packet_unref(packet.get());
+        }
+    }
+    if (stopping())
+        return false;
+    // A read error mid-file is treated like its end, as players do; what
+    // was decoded so far is kept.
+    if (err != AVERROR_EOF)
+        VXLog(QStringLiteral("Reading %1 stopped early: %2").arg(inPath, vx::errorString(err)));
+    if (!decode(nullptr, decoded.get(), filtered.get()))
+        return false;
+    if (av_buffersrc_add_frame_flags(p.source, nullptr, 0) < 0)
+        return false;
+    return drainGraph(filtered.get(), true);
+}
+
+// Sends one packet (nullptr: the end) and moves every frame it yields
+// through the graph into the queue. Corrupt packets are skipped.
+bool VXTranscoding::Private::decode(AVPacket *packet, AVFrame *decoded, AVFrame *filtered)
+{
+    vx::Pipeline &p = *pipeline;
+    int err = avcodec_send_packet(p.decoder.get(), packet);
+    if (err < 0 && err != AVERROR(EAGAIN) && err != AVERROR_EOF && err != AVERROR_INVALIDDATA)
+        return false;
+    while ((err = avcodec_receive_frame(p.decoder.get(), decoded)) >= 0 || err == AVERROR_INVALIDDATA) {
+        if (err < 0)
+            continue;
+        decoded->pts = decoded->best_effort_timestamp;
+        err = av_buffersrc_add_frame_flags(p.source, decoded, 0);
+        av_frame_unref(decoded);
+        if (err < 0 || !drainGraph(filtered, false))
+            return false;
+    }
+    return err == AVERROR(EAGAIN) || err == AVERROR_EOF;
+}
+
+bool VXTranscoding::Private::drainGraph(AVFrame *filtered, bool atEnd)
+{
+    int err = 0;
+    while ((err = av_buffersink_get_frame(pipeline->sink, filtered)) >= 0) {
+        vx::WorkItem item;
+        item.frame = vx::makeFrame();
+        av_frame_move_ref(item.frame.get(), filtered);
+        if (!queue.push(std::move(item)))
+            return false;
+    }
+    return err == AVERROR(EAGAIN) || (atEnd && err == AVERROR_EOF);
+}
+
+void VXTranscoding::Private::writeAll()
+{
+    vx::Pipeline &p = *pipeline;
+    AVFormatContext *out = p.output.get();
+    auto packet = vx::makePacket();
+    int err = avformat_write_header(out, nullptr);
+    if (err < 0 || !packet) {
+        fail(QStringLiteral("writing the header: %1").arg(vx::errorString(err)));
+        return;
+    }
+    // Audio timestamps count samples from the first frame's time, so gaps or
+    // jitter in the source never reach the encoder.
+    const AVRational sinkBase = av_buffersink_get_time_base(p.sink);
+    int64_t basePts = AV_NOPTS_VALUE;
+    int64_t samples = 0;
+    vx::WorkItem item;
+    while (queue.pop(&item)) {
+        if (item.packet) {
+            if ((err = av_interleaved_write_frame(out, item.packet.get())) < 0)
+                return fail(QStringLiteral("muxing: %1").arg(vx::errorString(err)));
+            continue;
+        }
+        AVFrame *frame = item.frame.get();
+        if (basePts == AV_NOPTS_VALUE)
+            basePts = frame->pts == AV_NOPTS_VALUE ? 0 : av_rescale_q(frame->pts, sinkBase, p.encoder->time_base);
+        frame->pts = basePts + samples;
+        samples += frame->nb_samples;
+        if (!encode(frame, packet.get()))
+            return;
+        report(frame->pts);
+        item = {};
+    }
+    if (stopping())
+        return;
+    if (!encode(nullptr, packet.get()))
+        return;
+    if ((err = av_write_trailer(out)) < 0)
+        return fail(QStringLiteral("writing the trailer: %1").arg(vx::errorString(err)));
+    // Closed before the end report: the receiver moves the file next.
+    if (!(out->oformat->flags & AVFMT_NOFILE))
+        avio_closep(&out->pb);
+    if (lastProgress < 100 && block)
+        block(VXTranscodingStateProgress, 100);
+}
+
+bool VXTranscoding::Private::encode(AVFrame *frame, AVPacket *packet)
+{
+    vx::Pipeline &p = *pipeline;
+    int err = avcodec_send_frame(p.encoder.get(), frame);
+    if (err < 0) {
+        fail(QStringLiteral("encoding: %1").arg(vx::errorString(err)));
+        return false;
+    }
+    const AVRational streamBase = p.output->streams[p.outAudioIndex]->time_base;
+    while ((err = avcodec_receive_packet(p.encoder.get(), packet)) >= 0) {
+        packet->stream_index = p.outAudioIndex;
+        av_packet_rescale_ts(packet, p.encoder->time_base, streamBase);
+        if ((err = av_interleaved_write_frame(p.output.get(), packet)) < 0) {
+            fail(QStringLiteral("muxing: %1").arg(vx::errorString(err)));
+            return false;
+        }
+    }
+    if (err != AVERROR(EAGAIN) && err != AVERROR_EOF) {
+        fail(QStringLiteral("encoding: %1").arg(vx::errorString(err)));
+        return false;
+    }
+    return true;
+}
+
+void VXTranscoding::Private::report(int64_t ptsInEncoderBase)
+{
+    const vx::Pipeline &p = *pipeline;
+    if (p.durationUs <= 0 || !block)
+        return;
+    const int64_t doneUs = av_rescale_q(ptsInEncoderBase, p.encoder->time_base, AVRational{1, AV_TIME_BASE});
+    const int64_t startUs = p.input->start_time == AV_NOPTS_VALUE ? 0 : p.input->start_time;
+    // 99 at most until the file is complete: 100 means written.
+    const int percent = int(std::clamp<int64_t>((doneUs - startUs) * 100 / p.durationUs, 0, 99));
+    if (percent <= lastProgress)
+        return;
+    lastProgress = percent;
+    block(VXTranscodingStateProgress, percent);
+}
