@@ -213,3 +213,9 @@ QString VXAudioGain::tempOutFile() const
     QMutexLocker locker(&m_lock);
     return m_tempOutFile;
 }
+
+QVariantMap VXAudioGain::measurement() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_measurement;
+}

@@ -93,6 +93,9 @@ public:
     void cancelGain();
     void sendMessage(qint32 state, qint64 retCode, const VXGainBlock &block);
     QString tempOutFile() const;
+    // The last job's pass-1 record ("input_i", "input_tp", ...); empty
+    // before a job has measured, or when it fell back to one pass.
+    QVariantMap measurement() const;
 
     // The pool every job runs on: idealThreadCount() threads, at least 2.
     static QThreadPool *jobPool();
@@ -156,6 +159,7 @@ private:
     std::atomic<qint32> m_state{0};
     std::atomic<qint64> m_retCode{0};
     QString m_tempOutFile;
+    QVariantMap m_measurement;  // under m_lock
     std::shared_ptr<VXTranscoding> m_transCoding;
     bool m_cancelGain = false;  // under m_lock, read with m_transCoding
     quint64 m_duration = 0;

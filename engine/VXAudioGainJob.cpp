@@ -187,6 +187,10 @@ void VXAudioGain::runJob(const VXGainBlock &block)
 {
     Job job;
     job.block = block;
+    {
+        QMutexLocker locker(&m_lock);
+        m_measurement.clear();
+    }
     auto cancelRequested = [this] {
         QMutexLocker locker(&m_lock);
         return m_cancelGain;
@@ -254,6 +258,10 @@ void VXAudioGain::runJob(const VXGainBlock &block)
             else if (doc.isObject())
                 record = doc.object();
         }
+    }
+    {
+        QMutexLocker locker(&m_lock);
+        m_measurement = record.toVariantMap();
     }
     if (record.isEmpty()) {
         // Pass 1 already normalised in one go: its output is still worth having.
