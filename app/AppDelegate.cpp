@@ -1,0 +1,247 @@
+#include "app/AppDelegate.h"
+
+#include "app/RQPalette.h"
+#include "engine/VXMainThread.h"
+#include "views/RQPopupMenuWndCtrl.h"
+
+#include "ui_MainWindow.h"
+
+#include <QApplication>
+#include <QCloseEvent>
+#include <QDragMoveEvent>
+#include <QDropEvent>
+#include <QMessageBox>
+
+namespace {
+// A job's last report can take a moment to be refused once hops stop; the
+// whole quit must stay under two seconds.
+constexpr int kJobDrainMsecs = 1500;
+constexpr int kImportDrainMsecs = 300;
+} // namespace
+
+AppDelegate::AppDelegate(QObject *parent)
+    : QObject(parent), m_ui(std::make_unique<Ui::MainWindow>()), m_audioGains(new VXAudioGainList(this))
+{
+    m_window = new QMainWindow;
+    m_window->setAttribute(Qt::WA_DeleteOnClose, false);
+    m_ui->setupUi(m_window);
+    m_importPool.setMaxThreadCount(4);
+    m_alert = [this](const QString &message, const QString &informative) {
+        QMessageBox box(m_window);
+        box.setWindowModality(Qt::ApplicationModal);
+        box.setIcon(QMessageBox::Warning);
+        box.setText(message);
+        box.setInformativeText(informative);
+        box.setStandardButtons(QMessageBox::Ok);
+        box.exec();
+    };
+    m_reveal = [this](const QString &folder) { revealFolder(folder); };
+    connectWindow();
+}
+
+AppDelegate::~AppDelegate()
+{
+    stopAllWork();
+    delete m_window.data();
+}
+
+QListView *AppDelegate::tableView() const { return m_ui->tableView; }
+QPushButton *AppDelegate::btnGain() const { return m_ui->btnGain; }
+QToolButton *AppDelegate::btnActiveFolder() const { return m_ui->btnActiveFolder; }
+QCheckBox *AppDelegate::chkReplaceOriginalFile() const { return m_ui->chkReplaceOriginalFile; }
+QLineEdit *AppDelegate::txtFolder() const { return m_ui->txtFolder; }
+QProgressBar *AppDelegate::importPI() const { return m_ui->importPI; }
+QAction *AppDelegate::removeSelectedAction() const { return m_ui->actionRemoveSelected; }
+
+void AppDelegate::connectWindow()
+{
+    Ui::MainWindow &ui = *m_ui;
+    QListView *list = ui.tableView;
+    list->setModel(m_audioGains);
+    m_cellView = new RQTableCellView(list);
+    m_cellView->setDelegate(this);
+    list->setItemDelegate(m_cellView);
+    connect(m_cellView, &RQTableCellView::targetLoudnessClicked, this, &AppDelegate::popupTargetLoudnessAdjustMenu);
+    connect(list->selectionModel(), &QItemSelectionModel::selectionChanged, this,
+            &AppDelegate::tableViewSelectionDidChange);
+    for (auto signal : {&QAbstractItemModel::rowsInserted, &QAbstractItemModel::rowsRemoved})
+        connect(m_audioGains, signal, this, [this] { updateDerivedFlags(); });
+    connect(m_audioGains, &QAbstractItemModel::modelReset, this, [this] { updateDerivedFlags(); });
+
+    // The guide stands in for the empty list; drops must still reach the list.
+    ui.guideView->setAttribute(Qt::WA_TransparentForMouseEvents);
+    connect(m_audioGains, &VXAudioGainList::countChanged, this,
+            [this] { m_ui->guideView->setVisible(m_audioGains->count() == 0); });
+    ui.importPrgView->hide();
+    ui.importPrgView->raise();
+
+    connect(ui.btnGain, &QPushButton::clicked, this, &AppDelegate::gainAudioAction);
+    connect(ui.btnAddFiles, &QToolButton::clicked, this, &AppDelegate::selectAudioFiles);
+    connect(ui.btnChooseFolder, &QToolButton::clicked, this, &AppDelegate::selectOutFolder);
+    connect(ui.btnActiveFolder, &QToolButton::clicked, this, &AppDelegate::avtiveOutputPath);
+    connect(ui.btnCancelImport, &QPushButton::clicked, this, &AppDelegate::cancelImport);
+    connect(ui.chkReplaceOriginalFile, &QCheckBox::toggled, this, [this](bool on) {
+        setReplaceOriginalFile(on);
+        chkReplaceOriginalFileChanged();
+    });
+    connect(this, &AppDelegate::replaceOriginalFileChanged, this,
+            [this] { m_ui->chkReplaceOriginalFile->setChecked(m_replaceOriginalFile); });
+    connect(this, &AppDelegate::outFolderChanged, this, [this] {
+        m_ui->txtFolder->setText(m_outFolder);
+        m_ui->txtFolder->setCursorPosition(0);
+        m_ui->txtFolder->setToolTip(finalOutFolder());
+    });
+    connect(this, &AppDelegate::importingFileNameChanged, this,
+            [this] { m_ui->lblImporting->setText(m_importingFileName); });
+
+    connect(this, &AppDelegate::allowGainChanged, this, [this] { m_ui->btnGain->setEnabled(m_allowGain); });
+    connect(this, &AppDelegate::canRemoveChanged, this,
+            [this] { m_ui->actionRemoveSelected->setEnabled(m_canRemove); });
+    connect(this, &AppDelegate::allowedImportChanged, this, [this] {
+        m_ui->actionClearList->setEnabled(m_allowedImport);
+        m_ui->actionChooseOutputFolder->setEnabled(true);
+    });
+    ui.btnGain->setEnabled(false);
+    ui.actionRemoveSelected->setEnabled(false);
+
+    connect(ui.actionAddFiles, &QAction::triggered, this, &AppDelegate::selectAudioFiles);
+    connect(ui.actionChooseOutputFolder, &QAction::triggered, this, &AppDelegate::selectOutFolder);
+    connect(ui.actionQuit, &QAction::triggered, this, &AppDelegate::quitApplication);
+    connect(ui.actionRemoveSelected, &QAction::triggered, this, &AppDelegate::removeSelected);
+    connect(ui.actionClearList, &QAction::triggered, this, &AppDelegate::cleanGains);
+    connect(ui.actionAbout, &QAction::triggered, this, &AppDelegate::showAbout);
+
+    m_window->installEventFilter(this);
+}
+
+void AppDelegate::applicationDidFinishLaunching()
+{
+    VXAudioGain::cleanCache();
+    setAllowedImport(true);
+    RQPalette::setTitleColor(m_ui->chkReplaceOriginalFile, RQPalette::lightTitle());
+    setTextFolderColor();
+    setGainBtnFace(false);
+    setOutFolder(userSelectOutFolder());
+    m_ui->btnActiveFolder->setVisible(!finalOutFolder().isNull());
+
+    QListView *list = m_ui->tableView;
+    list->setAcceptDrops(true);
+    list->viewport()->setAcceptDrops(true);
+    list->viewport()->installEventFilter(this);
+
+    connect(RQNotificationCenter::defaultCenter(), &RQNotificationCenter::notificationPosted, this,
+            &AppDelegate::targetLoudnessChanged, Qt::UniqueConnection);
+    if (qApp)
+        connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate,
+                Qt::UniqueConnection);
+    updateDerivedFlags();
+}
+
+bool AppDelegate::windowShouldClose()
+{
+    bool busy = !m_allowedImport;
+    for (const VXAudioGainPtr &item : m_audioGains->items())
+        busy = busy || item->isRunning();
+    if (!busy)
+        return true;
+    const QString what = m_allowedImport ? QStringLiteral("gaining") : QStringLiteral("importing");
+    const QString informative = m_allowedImport
+        ? QStringLiteral("Can't close this window while is gaining. If you want to close, please cancel gain first.")
+        : QStringLiteral("Can't close this window while is importing. If you want to close, please cancel import first.");
+    alert(QStringLiteral("It is %1, please wait.").arg(what), informative);
+    return false;
+}
+
+void AppDelegate::windowWillClose()
+{
+    if (QWidget *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->window())
+        popup->hide();
+}
+
+bool AppDelegate::applicationWillTerminate()
+{
+    if (m_terminated)
+        return true;
+    m_terminated = true;
+    m_cancelImport->store(true);
+    // Hops are refused from here on, so neither a walk nor a job can wait
+    // for this thread while it waits for them.
+    VXMainThread::shutdown();
+    const bool jobsEnded = VXAudioGain::cancelAllJobsAndWait(kJobDrainMsecs);
+    m_importPool.waitForDone(kImportDrainMsecs);
+    VXAudioGain::cleanCache();
+    return jobsEnded;
+}
+
+void AppDelegate::stopAllWork()
+{
+    if (!m_terminated)
+        applicationWillTerminate();
+}
+
+void AppDelegate::quitApplication()
+{
+    // Quit is never refused: exit() does not ask the windows, and
+    // applicationWillTerminate() cancels what still runs.
+    m_quitting = true;
+    QCoreApplication::exit(0);
+}
+
+QString AppDelegate::productName() const
+{
+    return QCoreApplication::applicationName();
+}
+
+void AppDelegate::showAbout()
+{
+    QMessageBox::about(m_window, tr("About %1").arg(productName()),
+                       tr("<b>%1</b> %2<p>Brings audio and video files to one loudness with FFmpeg's "
+                          "EBU R128 loudnorm filter, in two passes.</p>")
+                           .arg(productName(), QCoreApplication::applicationVersion()));
+}
+
+void AppDelegate::alert(const QString &message, const QString &informative)
+{
+    if (m_alert)
+        m_alert(message, informative);
+}
+
+bool AppDelegate::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == m_window && event->type() == QEvent::Close) {
+        if (!m_quitting && !windowShouldClose()) {
+            event->ignore();
+            return true;
+        }
+        windowWillClose();
+        return false;
+    }
+    if (watched == m_ui->tableView->viewport()) {
+        switch (event->type()) {
+        case QEvent::DragEnter:
+        case QEvent::DragMove: {
+            auto *drag = static_cast<QDragMoveEvent *>(event);
+            if (dragOperationWithDragInfo(drag->mimeData()) == Qt::CopyAction) {
+                drag->setDropAction(Qt::CopyAction);
+                drag->accept();
+            } else {
+                drag->ignore();
+            }
+            return true;
+        }
+        case QEvent::Drop: {
+            auto *drop = static_cast<QDropEvent *>(event);
+            if (acceptDropWithDragInfo(drop->mimeData())) {
+                drop->setDropAction(Qt::CopyAction);
+                drop->accept();
+            } else {
+                drop->ignore();
+            }
+            return true;
+        }
+        default:
+            break;
+        }
+    }
+    return QObject::eventFilter(watched, event);
+}

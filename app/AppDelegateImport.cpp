@@ -1,0 +1,171 @@
+#include "app/AppDelegate.h"
+
+#include "app/RQOpenPanel.h"
+#include "app/RQRecursiveViewCtrl.h"
+#include "engine/VXImport.h"
+#include "engine/VXMainThread.h"
+#include "engine/codec/VXCodecConstants.h"
+#include "engine/codec/VXError.h"
+
+#include "ui_MainWindow.h"
+
+#include <QFileInfo>
+#include <QMainWindow>
+#include <QMimeData>
+#include <QProgressBar>
+
+QStringList AppDelegate::pathsFromURLs(const QList<QUrl> &urls)
+{
+    QStringList paths;
+    paths.reserve(urls.size());
+    for (const QUrl &url : urls) {
+        // A drop from a browser may carry web addresses; only local files count.
+        if (url.isLocalFile())
+            paths.append(url.toLocalFile());
+    }
+    return paths;
+}
+
+Qt::DropAction AppDelegate::dragOperationWithDragInfo(const QMimeData *data) const
+{
+    if (!data || !data->hasUrls())
+        return Qt::IgnoreAction;
+    const QStringList paths = pathsFromURLs(data->urls());
+    for (const QString &path : paths) {
+        const QFileInfo info(path);
+        if (info.isDir() || (info.exists() && VXImport::passesExtensionTest(path)))
+            return Qt::CopyAction;
+    }
+    return Qt::IgnoreAction;
+}
+
+bool AppDelegate::acceptDropWithDragInfo(const QMimeData *data)
+{
+    if (!data || !data->hasUrls())
+        return false;
+    const QStringList paths = pathsFromURLs(data->urls());
+    if (paths.isEmpty())
+        return false;
+    importAudioWithPaths(paths, false);
+    return true;
+}
+
+void AppDelegate::selectAudioFiles()
+{
+    if (m_dialog)
+        return;
+    auto *panel = new RQOpenPanel(m_window, VXImport::supportAudioGainExts());
+    panel->setAttribute(Qt::WA_DeleteOnClose);
+    RQRecursiveViewCtrl *recursive = RQRecursiveViewCtrl::shareRecursiveViewCtrl();
+    recursive->setRecursive(false);
+    panel->setAccessoryView(recursive->view());
+    connect(panel, &QDialog::finished, this,
+            [this, panel](int result) { openPanelDidEnd(result, panel->selectedFiles()); });
+    m_dialog = panel;
+    panel->setWindowModality(Qt::WindowModal);
+    panel->open();
+}
+
+void AppDelegate::openPanelDidEnd(int result, const QStringList &paths)
+{
+    if (result != QDialog::Accepted)
+        return;
+    importAudioWithPaths(paths, RQRecursiveViewCtrl::shareRecursiveViewCtrl()->recursive());
+}
+
+void AppDelegate::importAudioWithURLs(const QList<QUrl> &urls, bool recursive)
+{
+    importAudioWithPaths(pathsFromURLs(urls), recursive);
+}
+
+void AppDelegate::importAudioWithPaths(const QStringList &paths, bool recursive)
+{
+    m_cancelImport->store(false);
+    // The commands go off before this returns, not one hop later: a click
+    // on Gain right after a drop must not slip in before the import.
+    if (m_runningImports++ == 0) {
+        setAllowedImport(false);
+        m_ui->importPI->setRange(0, 0);
+        m_ui->importPrgView->show();
+        m_ui->importPrgView->raise();
+    }
+    setImportingFileName(QStringLiteral("Import, please wait..."));
+
+    const std::shared_ptr<std::atomic<bool>> cancel = m_cancelImport;
+    const QPointer<AppDelegate> self(this);
+    m_importPool.start([paths, recursive, cancel, self] {
+        VXImport::walk(paths, recursive, *cancel, [&](const QString &file) {
+            const bool hopped = VXRunOnMainThread([&] {
+                if (self)
+                    self->importSingleFile(file);
+            });
+            // The application is shutting down: nobody takes files any more.
+            if (!hopped)
+                cancel->store(true);
+        });
+        VXRunOnMainThread([&] {
+            if (self)
+                self->importEnded();
+        });
+    });
+}
+
+void AppDelegate::importEnded()
+{
+    if (m_runningImports > 0 && --m_runningImports > 0)
+        return;
+    m_ui->importPI->setRange(0, 1);
+    m_ui->importPI->setValue(0);
+    m_ui->importPrgView->hide();
+    setAllowedImport(true);
+    emit importFinished();
+}
+
+bool AppDelegate::audioFileImported(const QString &path) const
+{
+    return m_audioGains->containsInput(path);
+}
+
+void AppDelegate::importSingleFile(const QString &path)
+{
+    if (audioFileImported(path))
+        return;
+    VXError error;
+    const VXAudioGainPtr item = VXAudioGain::initWithFile(path, m_outFolder, &error);
+    if (!item) {
+        showImportFailure(path, error);
+        return;
+    }
+    setImportingFileName(item->inputFileName());
+    m_audioGains->insertObject(item, m_audioGains->count());
+}
+
+void AppDelegate::showImportFailure(const QString &path, const VXError &error)
+{
+    const QString informative = error.userInfo.contains(QLatin1String(VXTranscodingDRMProtected))
+        ? QStringLiteral("DRM protected stream detected, can not import such file.")
+        : QStringLiteral("Failed to parser file with unknown reason.");
+    alert(QStringLiteral("Can not import audio file(%1)").arg(path), informative);
+}
+
+void AppDelegate::cancelImport()
+{
+    m_cancelImport->store(true);
+}
+
+void AppDelegate::setAllowedImport(bool allowed)
+{
+    if (m_allowedImport == allowed)
+        return;
+    m_allowedImport = allowed;
+    emit allowedImportChanged();
+    updateDerivedFlags();
+}
+
+void AppDelegate::setImportingFileName(const QString &name)
+{
+    if (m_importingFileName == name)
+        return;
+    m_importingFileName = name;
+    emit importingFileNameChanged();
+}

@@ -1,0 +1,128 @@
+#include "app/AppDelegate.h"
+
+#include "app/RQAppSettings.h"
+#include "app/RQPalette.h"
+
+#include "ui_MainWindow.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QDesktopServices>
+#include <QDir>
+#include <QFileDialog>
+#include <QFileInfo>
+
+QString AppDelegate::finalOutFolder() const
+{
+    return m_outFolder == kOutFolderPlaceholder ? QString() : m_outFolder;
+}
+
+void AppDelegate::setOutFolder(const QString &folder)
+{
+    if (m_outFolder == folder)
+        return;
+    m_outFolder = folder;
+    emit outFolderChanged();
+}
+
+void AppDelegate::setReplaceOriginalFile(bool replace)
+{
+    if (m_replaceOriginalFile == replace)
+        return;
+    m_replaceOriginalFile = replace;
+    emit replaceOriginalFileChanged();
+}
+
+void AppDelegate::selectOutFolder()
+{
+    selectOutputFolder(false);
+}
+
+void AppDelegate::selectOutputFolder(bool startAfter)
+{
+    if (m_dialog)
+        return;
+    auto *dialog = new QFileDialog(m_window);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setWindowTitle(tr("Choose Output Folder"));
+    dialog->setFileMode(QFileDialog::Directory);
+    dialog->setOption(QFileDialog::ShowDirsOnly, true);
+    dialog->setAcceptMode(QFileDialog::AcceptOpen);
+    if (!finalOutFolder().isNull())
+        dialog->setDirectory(m_outFolder);
+    connect(dialog, &QDialog::finished, this, [this, dialog, startAfter](int result) {
+        const QStringList chosen = dialog->selectedFiles();
+        folderSheetDidEnd(result, chosen.isEmpty() ? QString() : chosen.first(), startAfter);
+    });
+    m_dialog = dialog;
+    dialog->setWindowModality(Qt::WindowModal);
+    dialog->open();
+}
+
+void AppDelegate::folderSheetDidEnd(int result, const QString &folder, bool startAfter)
+{
+    if (result != QDialog::Accepted || folder.isEmpty())
+        return;
+    setOutFolder(QDir::cleanPath(QFileInfo(folder).absoluteFilePath()));
+    m_ui->btnActiveFolder->setVisible(true);
+    saveUserSelectedURL(m_outFolder);
+    // After the dialog has finished closing, as a fresh event.
+    if (startAfter)
+        QMetaObject::invokeMethod(this, &AppDelegate::gainAudios, Qt::QueuedConnection);
+}
+
+void AppDelegate::saveUserSelectedURL(const QString &folder)
+{
+    // A folder that cannot be stored is still used for this run.
+    RQAppSettings::setUserSelectedOutFolder(folder);
+}
+
+QString AppDelegate::userSelectOutFolder() const
+{
+    const QString stored = RQAppSettings::userSelectedOutFolder();
+    return stored.isNull() ? kOutFolderPlaceholder : stored;
+}
+
+void AppDelegate::avtiveOutputPath()
+{
+    const QString folder = finalOutFolder();
+    if (folder.isNull())
+        return;
+    if (m_reveal)
+        m_reveal(folder);
+}
+
+void AppDelegate::revealFolder(const QString &folder)
+{
+    const QUrl url = QUrl::fromLocalFile(folder);
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        QDesktopServices::openUrl(url);
+        return;
+    }
+    // Asynchronous: a file manager that is slow to start must not freeze
+    // the window.
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
+        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
+    call << QStringList{url.toString()} << QString();
+    auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 5000), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [url](QDBusPendingCallWatcher *w) {
+        if (w->isError())
+            QDesktopServices::openUrl(url);
+        w->deleteLater();
+    });
+}
+
+void AppDelegate::chkReplaceOriginalFileChanged()
+{
+    setTextFolderColor();
+}
+
+void AppDelegate::setTextFolderColor()
+{
+    RQPalette::setTextColor(m_ui->txtFolder,
+                            m_replaceOriginalFile ? RQPalette::dimmedText() : RQPalette::lightTitle());
+}

@@ -1,0 +1,30 @@
+#include "app/RQAppSettings.h"
+
+#include <QFileInfo>
+#include <QSettings>
+
+namespace RQAppSettings {
+
+QString userSelectedOutFolder()
+{
+    const QString stored = QSettings().value(QLatin1String(kRQUserSelectedOutFolder)).toString();
+    if (stored.isEmpty())
+        return {};
+    const QFileInfo info(stored);
+    if (!info.isAbsolute() || !info.isDir())
+        return {};
+    return info.absoluteFilePath();
+}
+
+bool setUserSelectedOutFolder(const QString &folder)
+{
+    const QFileInfo info(folder);
+    if (folder.isEmpty() || !info.isDir())
+        return false;
+    QSettings settings;
+    settings.setValue(QLatin1String(kRQUserSelectedOutFolder), info.absoluteFilePath());
+    settings.sync();
+    return settings.status() == QSettings::NoError;
+}
+
+} // namespace RQAppSettings

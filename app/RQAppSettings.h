@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QString>
+
+// What the app remembers between runs: only the output folder.
+namespace RQAppSettings {
+
+inline constexpr char kRQUserSelectedOutFolder[] = "kRQUserSelectedOutFolder";
+
+// The remembered folder's absolute path; a null string when none is stored
+// or the stored one is no longer an existing folder (the entry stays).
+QString userSelectedOutFolder();
+// Stores the folder's absolute path at once; false (and nothing stored) when
+// the path is not an existing folder.
+bool setUserSelectedOutFolder(const QString &folder);
+
+} // namespace RQAppSettings
