@@ -1,0 +1,256 @@
+#include "EngineTestUtil.h"
+
+#include "engine/VXAudioGain.h"
+#include "engine/VXPlacement.h"
+#include "engine/VXTempDir.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+#include <latch>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace enginetest;
+
+namespace {
+
+bool writeFile(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QStringList hiddenEntries(const QString &folder)
+{
+    return QDir(folder).entryList(QDir::Hidden | QDir::Files | QDir::NoDotAndDotDot).filter(QStringLiteral(".evenloud-"));
+}
+
+} // namespace
+
+TEST(Placement, ConcurrentPlacementsNeverOverwrite)
+{
+    QTemporaryDir src, out;
+    const QString existing = QDir(out.path()).filePath(QStringLiteral("song.mp3"));
+    ASSERT_TRUE(writeFile(existing, "the user's own file"));
+
+    constexpr int kJobs = 8;
+    QStringList sources;
+    for (int i = 0; i < kJobs; ++i) {
+        sources << QDir(src.path()).filePath(QStringLiteral("t%1.mp3").arg(i));
+        ASSERT_TRUE(writeFile(sources.last(), QByteArray("result ") + QByteArray::number(i)));
+    }
+    // All threads ask for the same name at the same moment.
+    std::latch start(kJobs);
+    std::vector<VXPlacement::Result> results(kJobs);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kJobs; ++i) {
+        threads.emplace_back([&, i] {
+            start.arrive_and_wait();
+            results[i] = VXPlacement::placeInFolder(sources[i], out.path(), QStringLiteral("song"), QStringLiteral("mp3"));
+        });
+    }
+    for (auto &t : threads)
+        t.join();
+
+    QSet<QString> paths;
+    for (int i = 0; i < kJobs; ++i) {
+        ASSERT_TRUE(results[i].ok) << qPrintable(results[i].error);
+        EXPECT_TRUE(results[i].path.endsWith(QLatin1String(".mp3")));
+        EXPECT_EQ(readFile(results[i].path), QByteArray("result ") + QByteArray::number(i));
+        EXPECT_FALSE(QFile::exists(sources[i]));
+        paths.insert(results[i].path);
+    }
+    EXPECT_EQ(paths.size(), kJobs);
+    EXPECT_EQ(readFile(existing), QByteArray("the user's own file"));
+    EXPECT_TRUE(hiddenEntries(out.path()).isEmpty());
+
+    // The new files are readable like any other file of the user's, even
+    // though the job's temporary files are private.
+    struct stat st {};
+    ASSERT_EQ(::stat(QFile::encodeName(results[0].path).constData(), &st), 0);
+    const mode_t mask = ::umask(022);
+    ::umask(mask);
+    EXPECT_EQ(st.st_mode & 0777, 0666 & ~mask);
+}
+
+TEST(Placement, FolderModeFailuresAreLoggedAndKeepTheTemporaryFile)
+{
+    QTemporaryDir dir;
+    const QString wav = makeWav(dir.path(), QStringLiteral("in.wav"), 0.2);
+    VXError error;
+    auto item = VXAudioGain::initWithFile(wav, QDir(dir.path()).filePath(QStringLiteral("gone")), &error);
+    ASSERT_TRUE(item);
+    const QString temp = VXTempDir::reserveFile(QStringLiteral("in"), QStringLiteral("wav"));
+    ASSERT_FALSE(temp.isEmpty());
+
+    LogCapture log;
+    EXPECT_FALSE(item->moveTempFileToFinalOut(temp));  // the folder does not exist
+    item->setOutFolder(QStringLiteral("Please select a output folder"));
+    EXPECT_FALSE(item->moveTempFileToFinalOut(temp));  // not a folder at all
+    const QStringList lines = log.lines();
+    ASSERT_EQ(lines.size(), 2);
+    for (const QString &line : lines) {
+        EXPECT_TRUE(line.startsWith(QLatin1String("Failed to move file to dest path("))) << qPrintable(line);
+        EXPECT_TRUE(line.endsWith(QLatin1String(")."))) << qPrintable(line);
+    }
+    EXPECT_TRUE(lines[0].contains(QLatin1String("No such file or directory"))) << qPrintable(lines[0]);
+    EXPECT_TRUE(QFile::exists(temp));
+    EXPECT_EQ(item->outFileName(), QStringLiteral("in.wav"));
+}
+
+TEST(Placement, FolderModeTakesTheNextFreeName)
+{
+    QTemporaryDir in, out;
+    const QString wav = makeWav(in.path(), QStringLiteral("take.wav"), 0.2);
+    ASSERT_TRUE(writeFile(QDir(out.path()).filePath(QStringLiteral("take.wav")), "occupied"));
+    VXError error;
+    auto item = VXAudioGain::initWithFile(wav, out.path(), &error);
+    ASSERT_TRUE(item);
+    const QString temp = VXTempDir::reserveFile(QStringLiteral("take"), QStringLiteral("wav"));
+    ASSERT_TRUE(writeFile(temp, "normalised"));
+
+    ASSERT_TRUE(item->moveTempFileToFinalOut(temp));
+    EXPECT_NE(item->outFileName(), QStringLiteral("take.wav"));
+    EXPECT_TRUE(item->outFileName().endsWith(QLatin1String(".wav")));
+    EXPECT_EQ(readFile(item->outPathFile()), QByteArray("normalised"));
+    EXPECT_EQ(readFile(QDir(out.path()).filePath(QStringLiteral("take.wav"))), QByteArray("occupied"));
+    EXPECT_FALSE(QFile::exists(temp));
+}
+
+TEST(Placement, ReplaceKeepsPermissionsAndLeavesNothingBehind)
+{
+    QTemporaryDir dir;
+    const QString target = QDir(dir.path()).filePath(QStringLiteral("orig.flac"));
+    ASSERT_TRUE(writeFile(target, "original"));
+    ASSERT_EQ(::chmod(QFile::encodeName(target).constData(), 0640), 0);
+    // A link to the input is followed, not replaced by a file.
+    const QString link = QDir(dir.path()).filePath(QStringLiteral("link.flac"));
+    ASSERT_TRUE(QFile::link(target, link));
+
+    for (const QString &path : {target, link}) {
+        const QString temp = VXTempDir::reserveFile(QStringLiteral("orig"), QStringLiteral("flac"));
+        ASSERT_TRUE(writeFile(temp, "result via " + path.toUtf8()));
+        const VXPlacement::Result r = VXPlacement::replaceFile(temp, path);
+        ASSERT_TRUE(r.ok) << qPrintable(r.error);
+        EXPECT_EQ(readFile(target), "result via " + path.toUtf8());
+        EXPECT_FALSE(QFile::exists(temp));
+        struct stat st {};
+        ASSERT_EQ(::stat(QFile::encodeName(target).constData(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0640u);
+    }
+    EXPECT_TRUE(QFileInfo(link).isSymLink());
+    EXPECT_TRUE(hiddenEntries(dir.path()).isEmpty());
+}
+
+TEST(Placement, ReplaceFailuresLeaveTheInputUntouched)
+{
+    QTemporaryDir dir;
+    const QString sub = QDir(dir.path()).filePath(QStringLiteral("sub"));
+    ASSERT_TRUE(QDir().mkpath(sub));
+    const QString wav = makeWav(sub, QStringLiteral("keep.wav"), 0.2);
+    const QByteArray original = readFile(wav);
+    VXError error;
+    auto item = VXAudioGain::initWithFile(wav, QString(), &error);
+    ASSERT_TRUE(item);
+    item->setReplaceOriginalFile(true);
+
+    // A folder where the input cannot be removed. Root ignores the mode bits.
+    if (::geteuid() != 0) {
+        const QString temp = VXTempDir::reserveFile(QStringLiteral("keep"), QStringLiteral("wav"));
+        ASSERT_TRUE(writeFile(temp, "result"));
+        ASSERT_EQ(::chmod(QFile::encodeName(sub).constData(), 0555), 0);
+        LogCapture log;
+        EXPECT_FALSE(item->moveTempFileToFinalOut(temp));
+        ::chmod(QFile::encodeName(sub).constData(), 0755);
+        ASSERT_EQ(log.lines().size(), 1);
+        EXPECT_TRUE(log.lines()[0].startsWith(QLatin1String("Failed to replace original file.Can't remove original file(")));
+        EXPECT_TRUE(log.lines()[0].contains(QLatin1String("Permission denied")));
+        EXPECT_EQ(readFile(wav), original);
+        EXPECT_TRUE(QFile::exists(temp));
+    }
+
+    // The input's folder has vanished.
+    const QString moved = QDir(dir.path()).filePath(QStringLiteral("moved"));
+    ASSERT_TRUE(QDir().rename(sub, moved));
+    const QString temp = VXTempDir::reserveFile(QStringLiteral("keep"), QStringLiteral("wav"));
+    LogCapture log;
+    EXPECT_FALSE(item->moveTempFileToFinalOut(temp));
+    ASSERT_EQ(log.lines().size(), 1);
+    EXPECT_TRUE(log.lines()[0].startsWith(QLatin1String("Failed to replace original file.Can't remove original file(")))
+        << qPrintable(log.lines()[0]);
+    EXPECT_EQ(readFile(QDir(moved).filePath(QStringLiteral("keep.wav"))), original);
+    EXPECT_TRUE(QFile::exists(temp));
+}
+
+TEST(Placement, KilledMidReplaceLeavesOriginalOrResult)
+{
+    // On a RAM file system when there is one, so the result crosses file
+    // systems and is copied next to the input before the swap.
+    const bool shm = QFileInfo(QStringLiteral("/dev/shm")).isWritable();
+    QTemporaryDir dir((shm ? QStringLiteral("/dev/shm") : QDir::tempPath()) + QStringLiteral("/evenloud-test-XXXXXX"));
+    ASSERT_TRUE(dir.isValid());
+    // Big enough that a kill often lands inside the copy and the sync.
+    QByteArray a(4 << 20, 'A'), b(4 << 20, 'B');
+    const QString contentA = QDir(dir.path()).filePath(QStringLiteral("a.bin"));
+    const QString contentB = QDir(dir.path()).filePath(QStringLiteral("b.bin"));
+    const QString target = QDir(dir.path()).filePath(QStringLiteral("input.wav"));
+    ASSERT_TRUE(writeFile(contentA, a) && writeFile(contentB, b) && writeFile(target, a));
+
+    for (int round = 0; round < 12; ++round) {
+        QProcess helper;
+        helper.start(QStringLiteral(ENGINE_TEST_HELPER),
+                     {QStringLiteral("replace-loop"), target, contentA, contentB});
+        ASSERT_TRUE(helper.waitForStarted(30000));
+        ASSERT_TRUE(helper.waitForReadyRead(60000));  // first replacement done
+        // Where the kill lands is random on purpose; the check does not
+        // depend on it.
+        QThread::msleep(QRandomGenerator::global()->bounded(40));
+        helper.kill();
+        ASSERT_TRUE(helper.waitForFinished(30000));
+        const QByteArray now = readFile(target);
+        ASSERT_TRUE(now == a || now == b) << "round " << round << ": " << now.size() << " bytes";
+    }
+}
+
+TEST(Placement, CleanCacheSparesALiveProcessAndSweepsADeadOne)
+{
+    QProcess other;
+    other.start(QStringLiteral(ENGINE_TEST_HELPER), {QStringLiteral("hold-temp")});
+    ASSERT_TRUE(other.waitForStarted(30000));
+    ASSERT_TRUE(other.waitForReadyRead(30000));
+    const QString otherFile = QString::fromUtf8(other.readLine()).trimmed();
+    ASSERT_TRUE(QFile::exists(otherFile)) << qPrintable(otherFile);
+
+    const QString mine = VXAudioGain::temporaryDirectory();
+    ASSERT_FALSE(mine.isEmpty());
+    QFileInfo info(mine);
+    EXPECT_EQ(info.permissions() & (QFile::ReadGroup | QFile::ReadOther | QFile::WriteOther), 0);
+    ASSERT_TRUE(writeFile(QDir(mine).filePath(QStringLiteral("left.wav")), "x"));
+
+    VXAudioGain::cleanCache();
+    EXPECT_FALSE(QFileInfo::exists(mine));
+    EXPECT_TRUE(QFile::exists(otherFile));
+
+    // Used again after a clean: the directory comes back, empty.
+    const QString again = VXAudioGain::temporaryDirectory();
+    EXPECT_TRUE(QFileInfo(again).isDir());
+    EXPECT_TRUE(QDir(again).isEmpty());
+
+    other.kill();  // dies without cleaning up
+    ASSERT_TRUE(other.waitForFinished(30000));
+    VXAudioGain::cleanCache();
+    EXPECT_FALSE(QFileInfo::exists(QFileInfo(otherFile).path()));
+    EXPECT_FALSE(QFileInfo::exists(again));
+}
