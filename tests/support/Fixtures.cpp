@@ -104,7 +104,7 @@ QList<Format> formats()
         {"ac3-51", "ac3", "ac3", 48000, 6, 0, false, false, false},
         {"flac16", "flac", "flac", 44100, 2, 16, true, true, false},
         {"flac24", "flac", "flac", 96000, 2, 24, true, true, false},
-        {"mp2", "mp2", "mp2", 48000, 2, 0, true, false, false},
+        {"mp2", "mp2", "mp2", 48000, 2, 0, false, false, false},
         {"ogg-vorbis", "ogg", "vorbis", 44100, 2, 0, true, true, false},
         {"ogg-opus", "ogg", "opus", 48000, 2, 0, true, true, false},
     };

@@ -1,0 +1,201 @@
+#include "engine/codec/VXCodecConstants.h"
+#include "engine/codec/VXFilter.h"
+#include "engine/codec/VXLog.h"
+#include "engine/codec/VXUtilCodec.h"
+#include "tests/codec/CodecTestUtil.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRandomGenerator>
+#include <gtest/gtest.h>
+#include <thread>
+
+using namespace codectest;
+
+namespace {
+
+QString outPath(const QString &name)
+{
+    QDir(scratchDir()).mkpath("loudnorm");
+    return QDir(scratchDir()).filePath("loudnorm/" + name);
+}
+
+std::shared_ptr<VXFilter> measuringFilter(float target)
+{
+    auto filter = VXFilter::filterWithName(VXALoudnormName);
+    filter->setValue(target, kVXAIntegratedLoudnessTarget);
+    filter->setValue(VXPrintFormatJSON, kVXPrintFormat);
+    return filter;
+}
+
+// Pass 1 the way the job runs it: wait for the end, then capture the record
+// while the transcoding is released. Returns the record, empty on failure.
+QJsonObject measure(const QString &in, const QString &out, const std::shared_ptr<VXFilter> &filter)
+{
+    auto t = VXTranscoding::initWithInput(in, out);
+    if (!t)
+        return {};
+    t->addAudioFilter(filter);
+    if (runToEnd(*t) != VXTranscodingCompleted)
+        return {};
+    filter->redirectStdErrToFile(filter->logFile());
+    t.reset();
+    filter->cancelRedirectStdErr();
+    QFile log(filter->logFile());
+    if (!log.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray text = log.readAll();
+    const VXRange open = rangeOfDataFind(text, "{"), close = rangeOfDataFind(text, "}");
+    if (open.location == VXNotFound || close.location == VXNotFound)
+        return {};
+    return QJsonDocument::fromJson(text.mid(open.location, close.location - open.location + 1)).object();
+}
+
+void applyMeasurement(VXFilter &filter, const QJsonObject &record)
+{
+    filter.setValue(record["input_i"].toString(), kVXAMeasuredIntegratedLoudness);
+    filter.setValue(record["input_tp"].toString(), kVXAMeasuredTruePeak);
+    filter.setValue(record["input_lra"].toString(), kVXAMeasuredLoudnessRange);
+    filter.setValue(record["input_thresh"].toString(), kVXAMeasuredThresh);
+    filter.setValue(record["target_offset"].toString(), kVXAGainOffset);
+    filter.setValue(true, kVXALinearGain);
+    filter.setValue(VXPrintFormatNone, kVXPrintFormat);
+}
+
+int64_t runPass(const QString &in, const QString &out, const std::shared_ptr<VXFilter> &filter)
+{
+    auto t = VXTranscoding::initWithInput(in, out);
+    if (!t)
+        return -1;
+    t->addAudioFilter(filter);
+    return runToEnd(*t);
+}
+
+TEST(Loudnorm, TwoPassesReachTheTargetAndKeepTheFormat)
+{
+    const QString in = fixtures::makeAudio(scratchDir(), "quiet24.flac", 6,
+                                           {"-c:a", "flac", "-sample_fmt", "s32", "-ar", "48000"}, -14.0);
+    ASSERT_FALSE(in.isEmpty());
+    const QString out = outPath("quiet24.flac");
+    auto filter = measuringFilter(-16.0f);
+    const QJsonObject record = measure(in, out, filter);
+    for (const char *key : {"input_i", "input_tp", "input_lra", "input_thresh", "target_offset"})
+        EXPECT_TRUE(record.contains(key)) << key;
+    applyMeasurement(*filter, record);
+    ASSERT_EQ(runPass(in, out, filter), VXTranscodingCompleted);
+
+    const fixtures::Loudness level = fixtures::measureLoudness(out);
+    ASSERT_TRUE(level.ok);
+    EXPECT_NEAR(level.integrated, -16.0, 1.0);
+    const QJsonObject probe = ffprobe(out);
+    const QJsonObject audio = probe["streams"].toArray()[0].toObject();
+    EXPECT_EQ(audio["sample_rate"].toString(), "48000");
+    EXPECT_EQ(audio["bits_per_raw_sample"].toString(), "24");
+}
+
+// Routing is per filter instance: eight jobs measuring at once, each
+// capturing while others print, never see each other's record.
+TEST(Loudnorm, EightConcurrentRecordsStayApart)
+{
+    constexpr int kJobs = 8;
+    std::vector<QString> inputs;
+    for (int i = 0; i < kJobs; ++i) {
+        inputs.push_back(fixtures::makeAudio(scratchDir(), QStringLiteral("level%1.wav").arg(i), 3,
+                                             {"-c:a", "pcm_s16le"}, -3.0 * i));
+        ASSERT_FALSE(inputs.back().isEmpty());
+    }
+    std::vector<QJsonObject> records(kJobs);
+    std::vector<QString> logs(kJobs);
+    std::vector<std::thread> jobs;
+    for (int i = 0; i < kJobs; ++i) {
+        jobs.emplace_back([&, i] {
+            auto filter = measuringFilter(-23.0f);
+            logs[size_t(i)] = filter->logFile();
+            records[size_t(i)] = measure(inputs[size_t(i)], outPath(QStringLiteral("level%1.wav").arg(i)), filter);
+        });
+    }
+    for (auto &job : jobs)
+        job.join();
+
+    const fixtures::Loudness loudest = fixtures::measureLoudness(inputs[0]);
+    ASSERT_TRUE(loudest.ok);
+    for (int i = 0; i < kJobs; ++i) {
+        const QJsonObject &r = records[size_t(i)];
+        ASSERT_FALSE(r.isEmpty()) << "job " << i;
+        for (const char *key : {"input_i", "input_tp", "input_lra", "input_thresh", "target_offset"})
+            EXPECT_TRUE(r.contains(key)) << "job " << i << " " << key;
+        EXPECT_NEAR(r["input_i"].toString().toDouble(), loudest.integrated - 3.0 * i, 0.5) << "job " << i;
+        EXPECT_NE(logs[size_t(i)], logs[size_t((i + 1) % kJobs)]);
+        EXPECT_FALSE(QFile::exists(logs[size_t(i)])) << "a filter's log goes with it";
+    }
+}
+
+// Silence measures "-inf"; a second pass with that must not boost noise or
+// fail, and measurements from nowhere leave the level as it was.
+TEST(Loudnorm, UnusableMeasurementsLeaveTheLevel)
+{
+    const QString silent = QDir(scratchDir()).filePath("silent.wav");
+    ASSERT_TRUE(fixtures::run("ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i", "anullsrc=r=44100:cl=stereo",
+                                         "-t", "3", silent}));
+    auto filter = measuringFilter(-16.0f);
+    const QJsonObject record = measure(silent, outPath("silent.wav"), filter);
+    ASSERT_FALSE(record.isEmpty());
+    applyMeasurement(*filter, record);
+    EXPECT_EQ(runPass(silent, outPath("silent.wav"), filter), VXTranscodingCompleted);
+
+    const QString music = corpusFile("wav16");
+    auto forged = measuringFilter(-16.0f);
+    applyMeasurement(*forged, QJsonObject{{"input_i", "-inf"}, {"input_tp", "-inf"}, {"input_lra", "0.00"},
+                                          {"input_thresh", "-inf"}, {"target_offset", "inf"}});
+    ASSERT_EQ(runPass(music, outPath("forged.wav"), forged), VXTranscodingCompleted);
+    const fixtures::Loudness before = fixtures::measureLoudness(music), after = fixtures::measureLoudness(outPath("forged.wav"));
+    ASSERT_TRUE(before.ok && after.ok);
+    EXPECT_NEAR(after.integrated, before.integrated, 0.2);
+}
+
+TEST(Loudnorm, FilterBasics)
+{
+    EXPECT_FALSE(VXFilter::filterWithName("no-such-filter"));
+    auto a = VXFilter::filterWithName(VXALoudnormName), b = VXFilter::filterWithName(VXALoudnormName);
+    EXPECT_EQ(a->logFile(), a->logFile());
+    EXPECT_NE(a->logFile(), b->logFile());
+    a->setValue(-20.0f, kVXAIntegratedLoudnessTarget);
+    a->setValue(QVariant(), kVXAIntegratedLoudnessTarget);
+    EXPECT_TRUE(a->attributes().isEmpty());
+
+    // A value loudnorm refuses fails the run, as a value.
+    a->setValue(QStringLiteral("loud"), kVXAIntegratedLoudnessTarget);
+    EXPECT_EQ(runPass(corpusFile("wav16"), outPath("refused.wav"), a), VXTranscodingFailed);
+}
+
+// A damaged file makes the decoder complain on every frame; the log gets a
+// handful of lines, not thousands.
+TEST(Loudnorm, DecoderErrorFloodIsCapped)
+{
+    const QString clean = fixtures::makeAudio(scratchDir(), "damaged-src.mp3", 20, {"-c:a", "libmp3lame"});
+    QFile file(clean);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    QByteArray bytes = file.readAll();
+    QRandomGenerator generator(11);
+    for (qsizetype i = bytes.size() / 5; i < bytes.size() * 4 / 5; i += 97)
+        bytes[i] = char(generator.bounded(256));
+    const QString damaged = QDir(scratchDir()).filePath("damaged.mp3");
+    QFile out(damaged);
+    ASSERT_TRUE(out.open(QIODevice::WriteOnly));
+    out.write(bytes);
+    out.close();
+
+    std::atomic<int> lines{0};
+    const VXLogSink previous = VXSetLogSink([&](const QString &) { ++lines; });
+    auto t = VXTranscoding::initWithInput(damaged, outPath("damaged.mp3"));
+    const int64_t end = t ? runToEnd(*t) : -1;
+    t.reset();
+    VXSetLogSink(previous);
+    EXPECT_TRUE(end == VXTranscodingCompleted || end == VXTranscodingFailed) << end;
+    EXPECT_LE(lines.load(), 30);
+}
+
+} // namespace

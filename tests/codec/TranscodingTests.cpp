@@ -1,0 +1,137 @@
+#include "engine/codec/VXCodecConstants.h"
+#include "tests/codec/CodecTestUtil.h"
+
+#include <QDir>
+#include <QFile>
+#include <atomic>
+#include <future>
+#include <gtest/gtest.h>
+#include <thread>
+
+using namespace codectest;
+
+namespace {
+
+QString outPath(const QString &name)
+{
+    QDir(scratchDir()).mkpath("transcoding");
+    return QDir(scratchDir()).filePath("transcoding/" + name);
+}
+
+// The order every receiver relies on: progress rising within 0..100, about
+// one per percent at most, then exactly one end report and nothing more.
+void expectWellFormed(const std::vector<std::pair<int32_t, int64_t>> &events)
+{
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.back().first, VXTranscodingStateEnd);
+    int64_t last = -1;
+    int progress = 0;
+    for (size_t i = 0; i + 1 < events.size(); ++i) {
+        EXPECT_EQ(events[i].first, VXTranscodingStateProgress) << "report " << i;
+        EXPECT_GT(events[i].second, last);
+        EXPECT_LE(events[i].second, 100);
+        last = events[i].second;
+        ++progress;
+    }
+    EXPECT_LE(progress, 101);
+}
+
+TEST(Transcoding, ReportsProgressThenOneEnd)
+{
+    const QString in = fixtures::makeAudio(scratchDir(), "eight.flac", 8, {"-c:a", "flac"});
+    ASSERT_FALSE(in.isEmpty());
+    Reports reports;
+    auto t = VXTranscoding::initWithInput(in, outPath("eight.flac"));
+    ASSERT_TRUE(t);
+    EXPECT_EQ(runToEnd(*t, &reports), VXTranscodingCompleted);
+    t.reset(); // joins: anything late would show up now
+    const auto events = reports.events();
+    expectWellFormed(events);
+    ASSERT_GE(events.size(), 11u) << "an 8 s file should report its way up";
+    EXPECT_EQ(events[events.size() - 2].second, 100);
+}
+
+// Cancel arrives from another thread while the worker sits inside a
+// progress report, as it does when the GUI thread is slow to apply it.
+TEST(Transcoding, CancelWhileReportIsBlocked)
+{
+    const QString in = fixtures::makeAudio(scratchDir(), "long.wav", 30, {"-c:a", "pcm_s16le"});
+    ASSERT_FALSE(in.isEmpty());
+    auto t = VXTranscoding::initWithInput(in, outPath("long.wav"));
+    ASSERT_TRUE(t);
+    Reports reports;
+    auto record = reports.block();
+    std::atomic<bool> cancelled{false};
+    t->transcodingWithBlock([&, raw = t.get()](int32_t state, int64_t value) {
+        record(state, value);
+        if (state == VXTranscodingStateProgress && !cancelled.exchange(true)) {
+            // Must return although this thread is not free to stop yet.
+            std::thread([raw] { raw->cancelTranscoding(); }).join();
+        }
+    });
+    ASSERT_TRUE(reports.waitForEnd());
+    t.reset();
+    const auto events = reports.events();
+    expectWellFormed(events);
+    EXPECT_EQ(events.back().second, VXTranscodingCancelled);
+    EXPECT_LT(events.size(), 5u) << "the work should stop within a few frames";
+}
+
+TEST(Transcoding, CancelBeforeStartAndSecondStart)
+{
+    auto t = VXTranscoding::initWithInput(corpusFile("mp3"), outPath("early.mp3"));
+    ASSERT_TRUE(t);
+    t->cancelTranscoding();
+    Reports first, second;
+    EXPECT_EQ(runToEnd(*t, &first), VXTranscodingCancelled);
+    // One run per object; a second start still gets its one end report.
+    EXPECT_EQ(runToEnd(*t, &second), VXTranscodingFailed);
+    t.reset();
+    EXPECT_EQ(first.events().size(), 1u);
+    EXPECT_EQ(second.events().size(), 1u);
+}
+
+TEST(Transcoding, EmptyAudioStreamStillEnds)
+{
+    const QString in = QDir(scratchDir()).filePath("empty-stream.wav");
+    ASSERT_TRUE(fixtures::run("ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i", "anullsrc", "-t", "0", in}));
+    auto t = VXTranscoding::initWithInput(in, outPath("empty-stream.wav"));
+    if (!t)
+        GTEST_SKIP() << "this FFmpeg refuses the empty file at open";
+    Reports reports;
+    EXPECT_EQ(runToEnd(*t, &reports), VXTranscodingCompleted);
+    t.reset();
+    EXPECT_EQ(reports.events().back().first, VXTranscodingStateEnd);
+}
+
+// The receiver may drop the last reference from inside the end report; the
+// worker must neither join itself nor touch the freed object afterwards.
+TEST(Transcoding, ReleasedFromItsOwnEndReport)
+{
+    auto holder = VXTranscoding::initWithInput(corpusFile("wav16"), outPath("self.wav"));
+    ASSERT_TRUE(holder);
+    std::promise<int64_t> ended;
+    VXTranscoding *raw = holder.get();
+    auto keep = std::make_shared<std::shared_ptr<VXTranscoding>>(std::move(holder));
+    raw->transcodingWithBlock([keep, &ended](int32_t state, int64_t value) {
+        if (state != VXTranscodingStateEnd)
+            return;
+        keep->reset();
+        ended.set_value(value);
+    });
+    keep.reset();
+    auto future = ended.get_future();
+    ASSERT_EQ(future.wait_for(std::chrono::minutes(2)), std::future_status::ready);
+    EXPECT_EQ(future.get(), VXTranscodingCompleted);
+}
+
+TEST(Transcoding, SetUpFailuresAreValues)
+{
+    const QString in = corpusFile("flac16");
+    EXPECT_FALSE(VXTranscoding::initWithInput(in, outPath("unknown.xyz")));
+    EXPECT_FALSE(VXTranscoding::initWithInput(in, outPath("no/such/folder/x.flac")));
+    // The iPod flavour of MP4 takes no plain PCM.
+    EXPECT_FALSE(VXTranscoding::initWithInput(corpusFile("wav16"), outPath("mismatch.m4a")));
+}
+
+} // namespace
