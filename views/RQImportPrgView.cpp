@@ -7,34 +7,68 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
-RQImportPrgView::RQImportPrgView(QWidget *parent)
-    : QWidget(parent), m_indicator(new QProgressBar(this)), m_label(new QLabel(this)), m_cancel(new QPushButton(this))
+namespace {
+const QLatin1String kIndicatorName("importPI");
+const QLatin1String kCancelName("btnCancelImport");
+}  // namespace
+
+RQImportPrgView::RQImportPrgView(QWidget *parent) : QWidget(parent)
 {
-    m_indicator->setObjectName(QStringLiteral("importPI"));
-    m_indicator->setTextVisible(false);
-    m_indicator->setFixedWidth(220);
-    m_indicator->setRange(0, 1);
-
-    m_label->setObjectName(QStringLiteral("lblImportingFileName"));
-    m_label->setAlignment(Qt::AlignCenter);
-    // Long names are elided by us; the label must not widen the veil.
-    m_label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
-    QPalette palette = m_label->palette();
-    palette.setColor(QPalette::WindowText, QColor(195, 195, 195));
-    m_label->setPalette(palette);
-
-    m_cancel->setObjectName(QStringLiteral("btnCancelImport"));
-    m_cancel->setText(tr("Cancel"));
-    connect(m_cancel, &QPushButton::clicked, this, &RQImportPrgView::cancelRequested);
-
-    auto *layout = new QVBoxLayout(this);
-    layout->addStretch();
-    layout->addWidget(m_indicator, 0, Qt::AlignHCenter);
-    layout->addWidget(m_label);
-    layout->addWidget(m_cancel, 0, Qt::AlignHCenter);
-    layout->addStretch();
-
     hide();
+}
+
+void RQImportPrgView::ensureContent()
+{
+    if (m_indicator)
+        return;
+    // A .ui file builds its children right after constructing us, so only
+    // now can we tell whether it gave us any.
+    if (!layout() && !findChild<QProgressBar *>(kIndicatorName)) {
+        auto *indicator = new QProgressBar(this);
+        indicator->setObjectName(kIndicatorName);
+        indicator->setTextVisible(false);
+        indicator->setFixedWidth(240);
+        indicator->setRange(0, 1);
+
+        auto *label = new QLabel(this);
+        label->setObjectName(QStringLiteral("lblImporting"));
+        label->setAlignment(Qt::AlignCenter);
+        // Long names are elided by us; the label must not widen the veil.
+        label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+        QPalette palette = label->palette();
+        palette.setColor(QPalette::WindowText, QColor(195, 195, 195));
+        label->setPalette(palette);
+
+        auto *cancel = new QPushButton(tr("Cancel"), this);
+        cancel->setObjectName(kCancelName);
+
+        auto *box = new QVBoxLayout(this);
+        box->addStretch();
+        box->addWidget(indicator, 0, Qt::AlignHCenter);
+        box->addWidget(label);
+        box->addWidget(cancel, 0, Qt::AlignHCenter);
+        box->addStretch();
+    }
+    m_indicator = findChild<QProgressBar *>(kIndicatorName);
+    m_label = findChild<QLabel *>();
+    m_cancel = findChild<QPushButton *>(kCancelName);
+    if (m_cancel)
+        connect(m_cancel, &QPushButton::clicked, this, &RQImportPrgView::cancelRequested);
+    if (m_indicator)
+        m_indicator->setRange(0, m_busy ? 0 : 1);
+    updateLabel();
+}
+
+QProgressBar *RQImportPrgView::importPI()
+{
+    ensureContent();
+    return m_indicator;
+}
+
+QPushButton *RQImportPrgView::cancelButton()
+{
+    ensureContent();
+    return m_cancel;
 }
 
 void RQImportPrgView::setImportingFileName(const QString &name)
@@ -42,6 +76,7 @@ void RQImportPrgView::setImportingFileName(const QString &name)
     if (m_importingFileName == name)
         return;
     m_importingFileName = name;
+    ensureContent();
     updateLabel();
     emit importingFileNameChanged();
 }
@@ -51,8 +86,10 @@ void RQImportPrgView::setBusy(bool busy)
     if (m_busy == busy)
         return;
     m_busy = busy;
+    ensureContent();
     // An empty range makes the bar an indeterminate "working" indicator.
-    m_indicator->setRange(0, busy ? 0 : 1);
+    if (m_indicator)
+        m_indicator->setRange(0, busy ? 0 : 1);
     setVisible(busy);
     if (busy)
         raise();
@@ -61,6 +98,8 @@ void RQImportPrgView::setBusy(bool busy)
 
 void RQImportPrgView::updateLabel()
 {
+    if (!m_label || m_importingFileName.isNull())
+        return;
     const int room = qMax(0, width() - 40);
     m_label->setText(m_label->fontMetrics().elidedText(m_importingFileName, Qt::ElideMiddle, room));
     m_label->setToolTip(m_importingFileName);
@@ -70,6 +109,12 @@ void RQImportPrgView::resizeEvent(QResizeEvent *event)
 {
     updateLabel();
     QWidget::resizeEvent(event);
+}
+
+void RQImportPrgView::showEvent(QShowEvent *event)
+{
+    ensureContent();
+    QWidget::showEvent(event);
 }
 
 void RQImportPrgView::paintEvent(QPaintEvent *event)

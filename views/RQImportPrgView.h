@@ -1,14 +1,17 @@
 #pragma once
 
+#include <QPointer>
 #include <QWidget>
 
 class QLabel;
 class QProgressBar;
 class QPushButton;
 
-// The translucent veil laid over the list while an import runs: a busy
-// indicator ("importPI"), the name of the file being added and a Cancel
-// button. Hidden unless busy.
+// The translucent veil laid over the list while an import runs, with a busy
+// indicator "importPI", the name of the file being added and a Cancel button
+// "btnCancelImport". A .ui file may supply those children in a layout of its
+// own; otherwise the veil makes them the first time it is used. Hidden
+// unless busy.
 class RQImportPrgView : public QWidget {
     Q_OBJECT
     Q_PROPERTY(QString importingFileName READ importingFileName WRITE setImportingFileName NOTIFY
@@ -19,8 +22,8 @@ public:
 
     QString importingFileName() const { return m_importingFileName; }
     bool isBusy() const { return m_busy; }
-    QProgressBar *importPI() const { return m_indicator; }
-    QPushButton *cancelButton() const { return m_cancel; }
+    QProgressBar *importPI();
+    QPushButton *cancelButton();
 
 public slots:
     void setImportingFileName(const QString &name);
@@ -35,13 +38,15 @@ signals:
 protected:
     void paintEvent(QPaintEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
+    void showEvent(QShowEvent *event) override;
 
 private:
+    void ensureContent();
     void updateLabel();
 
     QString m_importingFileName;
     bool m_busy = false;
-    QProgressBar *m_indicator;
-    QLabel *m_label;
-    QPushButton *m_cancel;
+    QPointer<QProgressBar> m_indicator;
+    QPointer<QLabel> m_label;
+    QPointer<QPushButton> m_cancel;
 };

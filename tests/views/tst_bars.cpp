@@ -3,7 +3,6 @@
 #include "views/RQGuideView.h"
 #include "views/RQImages.h"
 #include "views/RQImportPrgView.h"
-#include "views/RQOverlay.h"
 
 #include <QLabel>
 #include <QPainter>
@@ -11,6 +10,7 @@
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTemporaryDir>
+#include <QVBoxLayout>
 #include <QtTest>
 
 namespace {
@@ -46,7 +46,7 @@ private slots:
     void guideIsCentredAtNaturalSize();
     void guideResource();
     void veilBlendsAndReports();
-    void overlaysFollowTheirTarget();
+    void veilKeepsChildrenGivenByAUiFile();
 };
 
 void TestBars::bottomBarLinesAndFolderFrame()
@@ -201,7 +201,7 @@ void TestBars::veilBlendsAndReports()
     const QString longName = QStringLiteral("a very long folder name/") .repeated(10) + QStringLiteral("song.flac");
     veil.setImportingFileName(longName);
     QCOMPARE(veil.importingFileName(), longName);
-    auto *label = veil.findChild<QLabel *>(QStringLiteral("lblImportingFileName"));
+    auto *label = veil.findChild<QLabel *>(QStringLiteral("lblImporting"));
     QVERIFY(label);
     QVERIFY(label->text() != longName);  // elided to the veil's width
     QVERIFY(label->fontMetrics().horizontalAdvance(label->text()) <= veil.width());
@@ -214,26 +214,28 @@ void TestBars::veilBlendsAndReports()
     QCOMPARE(veil.importPI()->maximum(), 1);
 }
 
-void TestBars::overlaysFollowTheirTarget()
+void TestBars::veilKeepsChildrenGivenByAUiFile()
 {
-    QWidget target;
-    target.resize(400, 300);
-    auto *guide = new RQGuideView;
-    auto *veil = new RQImportPrgView;
-    rqOverlay(guide, &target);
-    rqOverlay(veil, &target);
-    target.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&target));
-    QVERIFY(guide->isVisible());
-    QVERIFY(!veil->isVisible());  // the veil waits for an import
-    target.resize(520, 333);
-    QCOMPARE(guide->geometry(), QRect(0, 0, 520, 333));
-    QCOMPARE(veil->geometry(), QRect(0, 0, 520, 333));
-    veil->setBusy(true);
-    QVERIFY(veil->isVisible());
-    QCOMPARE(target.childAt(10, 10), veil);  // on top, taking the clicks
-    guide->setListEmpty(false);
-    QVERIFY(!guide->isVisible());
+    // What uic does for a veil with its own layout and children.
+    RQImportPrgView veil;
+    auto *layout = new QVBoxLayout(&veil);
+    auto *indicator = new QProgressBar(&veil);
+    indicator->setObjectName(QStringLiteral("importPI"));
+    auto *cancel = new QPushButton(QStringLiteral("Stop"), &veil);
+    cancel->setObjectName(QStringLiteral("btnCancelImport"));
+    layout->addWidget(indicator);
+    layout->addWidget(cancel);
+    veil.resize(300, 200);
+
+    veil.setBusy(true);
+    QCOMPARE(veil.layout(), layout);
+    QCOMPARE(veil.findChildren<QProgressBar *>().size(), 1);
+    QCOMPARE(veil.importPI(), indicator);
+    QCOMPARE(indicator->maximum(), 0);
+    QSignalSpy cancelled(&veil, &RQImportPrgView::cancelRequested);
+    cancel->click();
+    QCOMPARE(cancelled.count(), 1);
+    veil.setImportingFileName(QStringLiteral("x.wav"));  // no label given: nothing to show it in
 }
 
 QTEST_MAIN(TestBars)

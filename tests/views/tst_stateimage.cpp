@@ -1,13 +1,9 @@
 #include "engine/VXAudioGainList.h"
 #include "tests/views/ViewsTestUtil.h"
-#include "views/RQPopupActions.h"
-#include "views/RQPopupMenuWndCtrl.h"
 #include "views/RQTableCellView.h"
 
-#include <QListView>
 #include <QPainter>
 #include <QProcess>
-#include <QSlider>
 #include <QStandardItemModel>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -32,15 +28,11 @@ QImage paintRow(RQTableCellView &cell, const QModelIndex &index, QSize size)
 }
 }  // namespace
 
-class TestApply : public QObject {
+class TestStateImage : public QObject {
     Q_OBJECT
 private slots:
     void initTestCase();
     void init();
-    void cleanup() { RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->window()->hide(); }
-    void appliesToOneRowOrAllEditable();
-    void staleRowChangesNothing();
-    void popupOpensBelowTheRowsImageAndApplies();
     void rowShowsTheProgressWedge();
     void rowShowsTheFinishedMark();
 
@@ -50,7 +42,7 @@ private:
     VXAudioGainList m_list;
 };
 
-void TestApply::initTestCase()
+void TestStateImage::initTestCase()
 {
     QVERIFY(m_dir.isValid());
     for (int i = 0; i < 3; ++i) {
@@ -64,7 +56,7 @@ void TestApply::initTestCase()
     }
 }
 
-void TestApply::init()
+void TestStateImage::init()
 {
     QList<VXAudioGainPtr> items;
     for (const QString &file : m_files) {
@@ -76,90 +68,7 @@ void TestApply::init()
     m_list.setAudioGains(items);
 }
 
-void TestApply::appliesToOneRowOrAllEditable()
-{
-    RQPopupMenuWndCtrl &popup = *RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
-    m_list.at(2)->setState(2);  // running: its target is frozen
-    QVERIFY(!m_list.at(2)->allowedTargetLoudnessEdit());
-
-    popup.setApplyToAll(false);
-    popup.setRow(1);
-    popup.setTargetLoudness(40.0f);
-    applyPopupValue(m_list, popup);
-    QCOMPARE(m_list.at(0)->targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
-    QCOMPARE(m_list.at(1)->targetLoudness(), 40.0f);
-
-    popup.setRow(2);
-    applyPopupValue(m_list, popup);
-    QCOMPARE(m_list.at(2)->targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
-
-    popup.setApplyToAll(true);
-    popup.setRow(-7);  // the row plays no part for "all"
-    popup.setTargetLoudness(55.5f);
-    applyPopupValue(m_list, popup);
-    QCOMPARE(m_list.at(0)->targetLoudness(), 55.5f);
-    QCOMPARE(m_list.at(1)->targetLoudness(), 55.5f);
-    QCOMPARE(m_list.at(2)->targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
-}
-
-void TestApply::staleRowChangesNothing()
-{
-    RQPopupMenuWndCtrl &popup = *RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
-    popup.setApplyToAll(false);
-    popup.setTargetLoudness(12.0f);
-    for (qint64 row : {qint64(3), qint64(-1), qint64(1) << 40}) {
-        popup.setRow(row);
-        applyPopupValue(m_list, popup);
-    }
-    for (const VXAudioGainPtr &item : m_list.audioGains())
-        QCOMPARE(item->targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
-
-    m_list.setAudioGains({});
-    popup.setRow(0);
-    applyPopupValue(m_list, popup);  // the list was emptied while the popup was open
-    QCOMPARE(m_list.count(), 0);
-}
-
-void TestApply::popupOpensBelowTheRowsImageAndApplies()
-{
-    QListView view;
-    RQTableCellView cell;
-    view.setModel(&m_list);
-    view.setItemDelegate(&cell);
-    view.resize(640, 300);
-    view.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&view));
-    m_list.at(1)->setTargetLoudness(40.0f);
-
-    RQPopupMenuWndCtrl &popup = *RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
-    popup.setApplyToAll(true);
-    QMetaObject::Connection applier = connect(RQNotificationCenter::defaultCenter(),
-                                              &RQNotificationCenter::notificationPosted, this,
-                                              [&](const QString &name) {
-                                                  if (name == QLatin1String(kRQTargetLoudnessChaned))
-                                                      applyPopupValue(m_list, popup);
-                                              });
-    connect(&cell, &RQTableCellView::targetLoudnessClicked, this,
-            [&](int row, const QRect &anchor) { popupTargetLoudness(popup, &view, row, anchor); });
-
-    const QRect anchor = RQTableCellView::layout(view.visualRect(m_list.index(1))).loudnessImgView;
-    QTest::mouseClick(view.viewport(), Qt::LeftButton, {},
-                      RQTableCellView::layout(view.visualRect(m_list.index(1))).edtTargetLoudness.center());
-    QVERIFY(popup.window()->isVisible());
-    QCOMPARE(popup.row(), qint64(1));
-    QCOMPARE(popup.targetLoudness(), 40.0f);
-    QVERIFY(!popup.applyToAll());
-    QCOMPARE(popup.window()->frameGeometry().topLeft(),
-             view.viewport()->mapToGlobal(QPoint(anchor.left(), anchor.bottom() + 1)));
-
-    popup.window()->findChild<QSlider *>()->setValue(250);
-    QCOMPARE(m_list.at(1)->targetLoudness(), 25.0f);
-    QCOMPARE(m_list.data(m_list.index(1), VXAudioGainList::TargetTextRole).toString(), QStringLiteral("25.0"));
-    QCOMPARE(m_list.at(0)->targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
-    disconnect(applier);
-}
-
-void TestApply::rowShowsTheProgressWedge()
+void TestStateImage::rowShowsTheProgressWedge()
 {
     // The wedge grows clockwise from twelve o'clock; sample each quarter.
     struct Case {
@@ -194,7 +103,7 @@ void TestApply::rowShowsTheProgressWedge()
     }
 }
 
-void TestApply::rowShowsTheFinishedMark()
+void TestStateImage::rowShowsTheFinishedMark()
 {
     RQTableCellView cell;
     const QSize size(500, RQTableCellView::kRowHeight);
@@ -216,5 +125,5 @@ void TestApply::rowShowsTheFinishedMark()
     QCOMPARE(paintedInSquare(2), 0);
 }
 
-QTEST_MAIN(TestApply)
-#include "tst_apply.moc"
+QTEST_MAIN(TestStateImage)
+#include "tst_stateimage.moc"
