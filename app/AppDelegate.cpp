@@ -91,6 +91,7 @@ void AppDelegate::connectWindow()
         m_ui->txtFolder->setCursorPosition(0);
         m_ui->txtFolder->setToolTip(finalOutFolder());
     });
+    ui.txtFolder->setText(m_outFolder);
     connect(this, &AppDelegate::importingFileNameChanged, this,
             [this] { m_ui->lblImporting->setText(m_importingFileName); });
 

@@ -1,0 +1,113 @@
+#pragma once
+
+#include <QCoreApplication>
+#include <QGuiApplication>
+#include <QDir>
+#include <QSettings>
+#include <QStandardPaths>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QTest>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "app/AppDelegate.h"
+#include "engine/VXMainThread.h"
+#include "engine/codec/VXLog.h"
+#include "tests/support/Fixtures.h"
+
+namespace apptest {
+
+// Spins the event loop until pred holds. The limit is generous: it only
+// turns a hang into a failure.
+inline bool waitFor(const std::function<bool()> &pred, int msecs = 120000)
+{
+    return QTest::qWaitFor(pred, msecs);
+}
+
+inline QString makeWav(const QString &dir, const QString &name, double seconds = 1.0, double gainDb = 0.0)
+{
+    return fixtures::makeAudio(dir, name, seconds, {QStringLiteral("-c:a"), QStringLiteral("pcm_s16le")}, gainDb);
+}
+
+// One process-wide setup: the app's identity and settings in a private place.
+inline void initApplication(const QString &settingsDir)
+{
+    QCoreApplication::setApplicationName(QStringLiteral("Evenloud"));
+    QCoreApplication::setOrganizationName(QStringLiteral("EvenloudTests"));
+    QStandardPaths::setTestModeEnabled(true);
+    QSettings::setDefaultFormat(QSettings::IniFormat);
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settingsDir);
+    QSettings().clear();
+    // Closing a test's window must not end the test run.
+    QGuiApplication::setQuitOnLastWindowClosed(false);
+}
+
+struct Alert {
+    QString message;
+    QString informative;
+};
+
+// A started controller whose alerts are recorded instead of shown.
+struct Controller {
+    std::unique_ptr<AppDelegate> app;
+    std::shared_ptr<QList<Alert>> alerts = std::make_shared<QList<Alert>>();
+    std::shared_ptr<QStringList> revealed = std::make_shared<QStringList>();
+
+    Controller()
+    {
+        // A previous controller's shutdown stops the hops; this one needs them.
+        VXMainThread::resume();
+        app = std::make_unique<AppDelegate>();
+        auto alerts_ = alerts;
+        app->setAlertPresenter([alerts_](const QString &m, const QString &i) { alerts_->append({m, i}); });
+        auto revealed_ = revealed;
+        app->setFolderRevealer([revealed_](const QString &f) { revealed_->append(f); });
+        app->applicationDidFinishLaunching();
+    }
+    AppDelegate *operator->() const { return app.get(); }
+
+    // Imports and waits for the walk's end.
+    bool import(const QStringList &paths, bool recursive = false)
+    {
+        bool done = false;
+        auto c = QObject::connect(app.get(), &AppDelegate::importFinished, [&done] { done = true; });
+        app->importAudioWithPaths(paths, recursive);
+        const bool ok = waitFor([&] { return done; });
+        QObject::disconnect(c);
+        return ok;
+    }
+    QStringList names() const
+    {
+        QStringList names;
+        for (const VXAudioGainPtr &item : app->audioGains()->items())
+            names << item->inputFileName();
+        return names;
+    }
+};
+
+// Collects log lines for the lifetime of the object.
+class LogCapture {
+public:
+    LogCapture()
+    {
+        m_previous = VXSetLogSink([this](const QString &line) {
+            std::lock_guard<std::mutex> locker(m_lock);
+            m_lines << line;
+        });
+    }
+    ~LogCapture() { VXSetLogSink(m_previous); }
+    QStringList lines() const
+    {
+        std::lock_guard<std::mutex> locker(m_lock);
+        return m_lines;
+    }
+
+private:
+    mutable std::mutex m_lock;
+    QStringList m_lines;
+    VXLogSink m_previous;
+};
+
+} // namespace apptest

@@ -1,0 +1,260 @@
+// The list, its derived flags and commands, the popup's value, the output
+// folder field and its memory, as the window's user meets them.
+#include "AppTestUtil.h"
+
+#include "views/RQPopupMenuWndCtrl.h"
+
+#include <QCheckBox>
+#include <QItemSelectionModel>
+#include <QLineEdit>
+#include <QListView>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QToolButton>
+
+using namespace apptest;
+
+class TestAppList : public QObject {
+    Q_OBJECT
+    QTemporaryDir m_dir;
+    QStringList m_files;
+
+    void select(Controller &c, const QList<int> &rows)
+    {
+        QItemSelectionModel *selection = c->tableView()->selectionModel();
+        selection->clearSelection();
+        for (int row : rows)
+            selection->select(c->audioGains()->index(row), QItemSelectionModel::Select);
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        initApplication(m_dir.filePath(QStringLiteral("settings")));
+        QDir(m_dir.path()).mkpath(QStringLiteral("in"));
+        for (int i = 0; i < 5; ++i) {
+            m_files << makeWav(m_dir.filePath(QStringLiteral("in")), QStringLiteral("f%1.wav").arg(i), 0.5);
+            QVERIFY(!m_files.last().isEmpty());
+        }
+    }
+
+    void startsEmptyWithoutFolder()
+    {
+        QSettings().clear();
+        Controller c;
+        QCOMPARE(c->txtFolder()->text(), QStringLiteral("Please select a output folder"));
+        QVERIFY(c->finalOutFolder().isNull());
+        QVERIFY(c->btnActiveFolder()->isHidden());
+        c->avtiveOutputPath();
+        QVERIFY(c.revealed->isEmpty());
+
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));
+        QCOMPARE(c->btnGain()->property("tag").toInt(), 0);
+        QCOMPARE(c->btnGain()->palette().color(QPalette::Active, QPalette::ButtonText), QColor(195, 195, 195));
+        QCOMPARE(c->chkReplaceOriginalFile()->palette().color(QPalette::WindowText), QColor(195, 195, 195));
+        QVERIFY(!c->chkReplaceOriginalFile()->isChecked());
+        QVERIFY(!c->allowGain());
+        QVERIFY(!c->btnGain()->isEnabled());
+        QVERIFY(!c->canRemove());
+        QVERIFY(c->selectedAudioGains().isEmpty());
+        c->cleanGains();
+        QCOMPARE(c->audioGains()->count(), 0);
+        QVERIFY(c->windowShouldClose());
+        QVERIFY(c.alerts->isEmpty());
+        QCOMPARE(c->productName(), QStringLiteral("Evenloud"));
+        QCOMPARE(c->window()->windowTitle(), QStringLiteral("Evenloud"));
+    }
+
+    // Inserts reach the view as row insertions at the end; an item's change
+    // reaches only its own row.
+    void listChangesAreRowPrecise()
+    {
+        Controller c;
+        QSignalSpy inserted(c->audioGains(), &QAbstractItemModel::rowsInserted);
+        QSignalSpy allowGain(c.app.get(), &AppDelegate::allowGainChanged);
+        QVERIFY(c.import(m_files.mid(0, 3)));
+        QCOMPARE(c->audioGains()->count(), 3);
+        QCOMPARE(inserted.count(), 3);
+        for (int i = 0; i < 3; ++i) {
+            QCOMPARE(inserted.at(i).at(1).toInt(), i);
+            QCOMPARE(inserted.at(i).at(2).toInt(), i);
+        }
+        QVERIFY(allowGain.count() >= 1);
+        QVERIFY(c->allowGain());
+        QVERIFY(c->btnGain()->isEnabled());
+
+        QSignalSpy changed(c->audioGains(), &QAbstractItemModel::dataChanged);
+        c->audioGains()->at(1)->setState(2);
+        c->audioGains()->at(1)->setRetCode(40);
+        c->audioGains()->at(2)->setTargetLoudness(50.0f);
+        QVERIFY(changed.count() >= 3);
+        QSet<int> rows;
+        for (const QList<QVariant> &args : std::as_const(changed)) {
+            const QModelIndex from = args.at(0).toModelIndex(), to = args.at(1).toModelIndex();
+            QCOMPARE(from.row(), to.row());
+            rows.insert(from.row());
+        }
+        QCOMPARE(rows, (QSet<int>{1, 2}));
+        QCOMPARE(c->audioGains()->data(c->audioGains()->index(2), VXAudioGainList::TargetTextRole).toString(),
+                 QStringLiteral("50.0"));
+
+        // A removed item no longer reaches the model.
+        c->audioGains()->at(1)->setState(3);
+        VXAudioGainPtr removed = c->audioGains()->at(1);
+        c->audioGains()->removeObjectFromAudioGainsAtIndex(1);
+        changed.clear();
+        removed->setState(0);
+        QCOMPARE(changed.count(), 0);
+    }
+
+    void selectionDrivesChosenItemsAndRemoval()
+    {
+        Controller c;
+        QVERIFY(c.import(m_files));
+        VXAudioGainList *list = c->audioGains();
+        const QList<qint32> states{0, 1, 2, 3, 0};
+        for (int i = 0; i < 5; ++i)
+            list->at(i)->setState(states[i]);
+
+        // No selection: every item is chosen, nothing can be removed.
+        QCOMPARE(c->selectedAudioGains().size(), 5);
+        QVERIFY(!c->canRemove());
+        c->removeSelected();
+        QCOMPARE(list->count(), 5);
+
+        QSignalSpy canRemove(c.app.get(), &AppDelegate::canRemoveChanged);
+        select(c, {1, 3});
+        QVERIFY(c->canRemove());
+        QVERIFY(c->removeSelectedAction()->isEnabled());
+        QCOMPARE(canRemove.count(), 1);
+        QCOMPARE(c->selectedAudioGains(), (QList<VXAudioGainPtr>{list->at(1), list->at(3)}));
+        QVERIFY(c->RQTableCellViewIsSelected(1));
+        QVERIFY(!c->RQTableCellViewIsSelected(0));
+        QVERIFY(!c->RQTableCellViewIsSelected(-1));
+        // Row 1 runs: the face follows the chosen items.
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Cancel"));
+
+        const VXAudioGainPtr running = list->at(1);
+        c->removeSelected();
+        QCOMPARE(list->count(), 4);
+        QCOMPARE(list->at(1), running);
+
+        // Clear spares the running items (states 1 and 2), in their order.
+        QSignalSpy removed(list, &QAbstractItemModel::rowsRemoved);
+        c->cleanGains();
+        QCOMPARE(list->count(), 2);
+        QCOMPARE(list->at(0)->state(), 1);
+        QCOMPARE(list->at(1)->state(), 2);
+        QCOMPARE(c.names(), (QStringList{QStringLiteral("f1.wav"), QStringLiteral("f2.wav")}));
+
+        // Removed files may come back: the duplicate rule forgets them.
+        QVERIFY(!c->audioFileImported(m_files[0]));
+        QVERIFY(c->audioFileImported(m_files[1].toUpper()));
+        for (int i = 0; i < 2; ++i)
+            list->at(i)->setState(3);
+        c->cleanGains();
+        QCOMPARE(list->count(), 0);
+        QVERIFY(!c->allowGain());
+    }
+
+    void popupValueGoesToOneOrAllEditableItems()
+    {
+        Controller c;
+        QVERIFY(c.import(m_files.mid(0, 3)));
+        VXAudioGainList *list = c->audioGains();
+        list->at(2)->setState(2);  // running: not editable
+        RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
+
+        popup->setApplyToAll(false);
+        popup->setRow(1);
+        popup->setTargetLoudness(40.0f);
+        popup->targetLoudnessChanged();
+        QCOMPARE(list->at(0)->targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
+        QCOMPARE(list->at(1)->targetLoudness(), 40.0f);
+
+        popup->setRow(2);  // running item: left alone
+        popup->setTargetLoudness(10.0f);
+        popup->targetLoudnessChanged();
+        QCOMPARE(list->at(2)->targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
+
+        popup->setApplyToAll(true);
+        popup->setTargetLoudness(55.5f);
+        popup->targetLoudnessChanged();
+        QCOMPARE(list->at(0)->targetLoudness(), 55.5f);
+        QCOMPARE(list->at(1)->targetLoudness(), 55.5f);
+        QCOMPARE(list->at(2)->targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
+
+        // A row that is gone (the list shrank) changes nothing.
+        popup->setApplyToAll(false);
+        list->at(2)->setState(3);
+        c->cleanGains();
+        popup->setRow(0);
+        popup->setTargetLoudness(20.0f);
+        popup->targetLoudnessChanged();
+        QCOMPARE(list->count(), 0);
+    }
+
+    void outputFolderIsRememberedAndColoured()
+    {
+        QSettings().clear();
+        const QString folder = m_dir.filePath(QStringLiteral("out"));
+        QVERIFY(QDir().mkpath(folder));
+        {
+            Controller c;
+            // Cancelling the dialog keeps the placeholder.
+            c->folderSheetDidEnd(0, folder, false);
+            QVERIFY(c->finalOutFolder().isNull());
+            c->folderSheetDidEnd(1, folder, false);
+            QCOMPARE(c->finalOutFolder(), folder);
+            QCOMPARE(c->txtFolder()->text(), folder);
+            QVERIFY(!c->btnActiveFolder()->isHidden());
+            c->avtiveOutputPath();
+            QCOMPARE(*c.revealed, QStringList{folder});
+
+            QCOMPARE(c->txtFolder()->palette().color(QPalette::Text), QColor(195, 195, 195));
+            c->chkReplaceOriginalFile()->setChecked(true);
+            QVERIFY(c->replaceOriginalFile());
+            QCOMPARE(c->txtFolder()->palette().color(QPalette::Text), QColor(132, 129, 128));
+            QCOMPARE(c->finalOutFolder(), folder);
+            c->chkReplaceOriginalFile()->setChecked(false);
+            QCOMPARE(c->txtFolder()->palette().color(QPalette::Text), QColor(195, 195, 195));
+            c->chkReplaceOriginalFile()->setChecked(true);
+        }
+        {
+            Controller c;  // a second run: same folder, check box off again
+            QCOMPARE(c->finalOutFolder(), folder);
+            QCOMPARE(c->txtFolder()->text(), folder);
+            QVERIFY(!c->btnActiveFolder()->isHidden());
+            QVERIFY(!c->replaceOriginalFile());
+        }
+        QVERIFY(QDir(folder).removeRecursively());
+        {
+            Controller c;  // the folder has gone: as if none was ever chosen
+            QVERIFY(c->finalOutFolder().isNull());
+            QVERIFY(c->btnActiveFolder()->isHidden());
+            QVERIFY(QSettings().contains(QStringLiteral("kRQUserSelectedOutFolder")));
+        }
+    }
+
+    void closeIsRefusedWhileGaining()
+    {
+        Controller c;
+        QVERIFY(c.import(m_files.mid(0, 2)));
+        c->audioGains()->at(1)->setState(1);
+        QVERIFY(!c->windowShouldClose());
+        QCOMPARE(c.alerts->size(), 1);
+        QCOMPARE(c.alerts->at(0).message, QStringLiteral("It is gaining, please wait."));
+        QCOMPARE(c.alerts->at(0).informative,
+                 QStringLiteral("Can't close this window while is gaining. If you want to close, please cancel gain first."));
+        // Through the window's own close, too.
+        c->window()->show();
+        QVERIFY(!c->window()->close());
+        QVERIFY(c->window()->isVisible());
+        c->audioGains()->at(1)->setState(3);
+        QVERIFY(c->window()->close());
+    }
+};
+
+QTEST_MAIN(TestAppList)
+#include "tst_applist.moc"
