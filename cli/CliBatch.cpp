@@ -1,0 +1,94 @@
+#include "cli/CliBatch.h"
+
+#include "cli/CliProgress.h"
+
+CliBatch::CliBatch(QList<Job> jobs, QList<CliFileResult> &results, int maxRunning,
+                   CliProgress &progress, QObject *parent)
+    : QObject(parent), m_jobs(std::move(jobs)), m_clocks(m_jobs.size()), m_results(results),
+      m_maxRunning(std::max(1, maxRunning)), m_progress(progress)
+{
+}
+
+void CliBatch::start()
+{
+    startNext();
+    finishIfDone();
+}
+
+void CliBatch::cancel()
+{
+    if (m_cancelling)
+        return;
+    m_cancelling = true;
+    for (qsizetype i = m_next; i < m_jobs.size(); ++i)
+        m_results[m_jobs[i].result].outcome = CliOutcome::Cancelled;
+    for (qsizetype i = 0; i < m_next; ++i) {
+        if (m_jobs[i].item->isRunning())
+            m_jobs[i].item->cancelGain();
+    }
+    finishIfDone();
+}
+
+void CliBatch::startNext()
+{
+    while (!m_cancelling && m_running < m_maxRunning && m_next < m_jobs.size())
+        launch(m_next++);
+}
+
+void CliBatch::launch(int index)
+{
+    const VXAudioGainPtr &item = m_jobs[index].item;
+    ++m_running;
+    m_clocks[index].start();
+    m_progress.fileStarted(index, item->inputFile(), item->duration());
+    // The item reports its start before gainWithBlock returns, so everything
+    // the report touches is set up first.
+    item->gainWithBlock([this, index](qint32 state, qint64 retCode) { onReport(index, state, retCode); });
+}
+
+void CliBatch::onReport(int index, qint32 state, qint64 retCode)
+{
+    if (state == 2) {
+        m_progress.fileProgress(index, int(retCode));
+        return;
+    }
+    if (state != 3)
+        return;
+
+    const VXAudioGainPtr &item = m_jobs[index].item;
+    CliFileResult &r = m_results[m_jobs[index].result];
+    r.seconds = m_clocks[index].nsecsElapsed() / 1e9;
+    r.measurement = item->measurement();
+    switch (retCode) {
+    case 0:
+        r.outcome = r.measurement.isEmpty() ? CliOutcome::OnePass : CliOutcome::Ok;
+        r.output = item->replaceOriginalFile() ? item->inputFile() : item->outPathFile();
+        break;
+    case -2:
+        r.outcome = CliOutcome::Cancelled;
+        break;
+    default:
+        r.outcome = CliOutcome::Failed;
+        break;
+    }
+    QString line = QStringLiteral("%1  %2").arg(outcomeName(r.outcome), -9).arg(r.input);
+    if (!r.output.isEmpty() && r.output != r.input)
+        line += QStringLiteral(" -> ") + r.output;
+    line += QStringLiteral(" (%1 s)").arg(r.seconds, 0, 'f', 1);
+    m_progress.fileEnded(index, line);
+
+    --m_running;
+    // Not from inside this report: a job may end before gainWithBlock returns.
+    QMetaObject::invokeMethod(this, [this] {
+        startNext();
+        finishIfDone();
+    }, Qt::QueuedConnection);
+}
+
+void CliBatch::finishIfDone()
+{
+    if (m_finished || m_running > 0 || (!m_cancelling && m_next < m_jobs.size()))
+        return;
+    m_finished = true;
+    emit finished();
+}

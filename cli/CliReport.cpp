@@ -1,0 +1,107 @@
+#include "cli/CliReport.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <cmath>
+#include <limits>
+
+QString outcomeName(CliOutcome outcome)
+{
+    switch (outcome) {
+    case CliOutcome::Ok: return QStringLiteral("ok");
+    case CliOutcome::OnePass: return QStringLiteral("one-pass");
+    case CliOutcome::Failed: return QStringLiteral("failed");
+    case CliOutcome::Cancelled: return QStringLiteral("cancelled");
+    case CliOutcome::Refused: return QStringLiteral("refused");
+    case CliOutcome::Missing: return QStringLiteral("missing");
+    }
+    return {};
+}
+
+bool outcomeSucceeded(CliOutcome outcome)
+{
+    return outcome == CliOutcome::Ok || outcome == CliOutcome::OnePass;
+}
+
+double measuredValue(const CliFileResult &r, const char *key)
+{
+    const QVariant v = r.measurement.value(QLatin1String(key));
+    bool ok = false;
+    const double d = v.toDouble(&ok);
+    return ok && std::isfinite(d) ? d : std::numeric_limits<double>::quiet_NaN();
+}
+
+namespace {
+
+QString number(double v, const char *unit)
+{
+    return std::isnan(v) ? QStringLiteral("-") : QString::number(v, 'f', 1) + QLatin1String(unit);
+}
+
+QJsonValue jsonNumber(double v)
+{
+    return std::isnan(v) ? QJsonValue() : QJsonValue(v);
+}
+
+} // namespace
+
+QByteArray formatTable(const QList<CliFileResult> &results)
+{
+    const QStringList header = {QStringLiteral("RESULT"), QStringLiteral("LOUDNESS"),
+                                QStringLiteral("TRUE PEAK"), QStringLiteral("RANGE"),
+                                QStringLiteral("TIME"), QStringLiteral("FILE")};
+    QList<QStringList> rows{header};
+    for (const CliFileResult &r : results) {
+        QString file = r.input;
+        if (!r.output.isEmpty() && r.output != r.input)
+            file += QStringLiteral(" -> ") + r.output;
+        if (!r.reason.isEmpty())
+            file += QStringLiteral(" (") + r.reason + QLatin1Char(')');
+        const bool ran = r.outcome != CliOutcome::Refused && r.outcome != CliOutcome::Missing;
+        rows << QStringList{outcomeName(r.outcome), number(measuredValue(r, "input_i"), " LUFS"),
+                            number(measuredValue(r, "input_tp"), " dBTP"),
+                            number(measuredValue(r, "input_lra"), " LU"),
+                            ran ? QString::number(r.seconds, 'f', 1) + QLatin1Char('s') : QStringLiteral("-"),
+                            file};
+    }
+    QList<qsizetype> widths(header.size(), 0);
+    for (const QStringList &row : rows)
+        for (qsizetype c = 0; c < row.size(); ++c)
+            widths[c] = std::max(widths[c], row[c].size());
+
+    QString out;
+    for (const QStringList &row : rows) {
+        QString line;
+        for (qsizetype c = 0; c < row.size(); ++c) {
+            if (c == row.size() - 1)
+                line += row[c];
+            else if (c == 0)
+                line += row[c].leftJustified(widths[c]) + QStringLiteral("  ");
+            else // numbers line up on the right
+                line += row[c].rightJustified(widths[c]) + QStringLiteral("  ");
+        }
+        out += line + QLatin1Char('\n');
+    }
+    return out.toUtf8();
+}
+
+QByteArray formatJson(const QList<CliFileResult> &results)
+{
+    QJsonArray array;
+    for (const CliFileResult &r : results) {
+        QJsonObject o;
+        o[QStringLiteral("input")] = r.input;
+        o[QStringLiteral("output")] = r.output.isEmpty() ? QJsonValue() : QJsonValue(r.output);
+        o[QStringLiteral("result")] = outcomeName(r.outcome);
+        if (!r.reason.isEmpty())
+            o[QStringLiteral("reason")] = r.reason;
+        o[QStringLiteral("target_lufs")] = std::round(double(r.targetLufs) * 100.0) / 100.0;
+        for (const char *key : {"input_i", "input_tp", "input_lra", "input_thresh", "target_offset"})
+            o[QLatin1String(key)] = jsonNumber(measuredValue(r, key));
+        o[QStringLiteral("seconds")] = std::round(r.seconds * 1000.0) / 1000.0;
+        array.append(o);
+    }
+    return QJsonDocument(array).toJson(QJsonDocument::Indented);
+}

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+#include <QVariantMap>
+
+// How one input ended.
+enum class CliOutcome {
+    Ok,        // measured and normalised with one linear gain
+    OnePass,   // no usable measurement: the single-pass output was kept
+    Failed,    // the job failed; nothing was written
+    Cancelled, // interrupted; nothing was written, the original is untouched
+    Refused,   // the file could not be opened as audio
+    Missing,   // a path named on the command line does not exist
+};
+
+QString outcomeName(CliOutcome outcome);
+bool outcomeSucceeded(CliOutcome outcome);
+
+struct CliFileResult {
+    QString input;
+    QString output;       // empty unless a result was placed
+    CliOutcome outcome = CliOutcome::Failed;
+    QString reason;       // why a file was refused or is missing
+    float targetLufs = 0;
+    QVariantMap measurement; // the first pass's record ("input_i", ...), may be empty
+    double seconds = 0;
+};
+
+// A number from the measurement record (loudnorm prints them as strings),
+// or NaN when absent or not a number.
+double measuredValue(const CliFileResult &r, const char *key);
+
+// One formatter for people, one for programs; both list every result in order.
+QByteArray formatTable(const QList<CliFileResult> &results);
+QByteArray formatJson(const QList<CliFileResult> &results);

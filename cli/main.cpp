@@ -1,0 +1,171 @@
+#include "cli/CliBatch.h"
+#include "cli/CliOptions.h"
+#include "cli/CliProgress.h"
+#include "cli/CliReport.h"
+#include "cli/CliSignals.h"
+#include "engine/VXAudioGain.h"
+#include "engine/VXImport.h"
+#include "engine/codec/VXCodecConstants.h"
+#include "engine/codec/VXLog.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QSet>
+#include <QThreadPool>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+void writeOut(FILE *stream, const QByteArray &text)
+{
+    fwrite(text.constData(), 1, size_t(text.size()), stream);
+    fflush(stream);
+}
+
+QString refusalReason(const VXError &error)
+{
+    if (error.userInfo.contains(QLatin1String(VXTranscodingDRMProtected)))
+        return QStringLiteral("DRM protected stream detected, can not import such file.");
+    if (!error.description.isEmpty())
+        return error.description;
+    return QStringLiteral("Failed to parser file with unknown reason.");
+}
+
+// An output folder that does not exist yet is created, as mkdir -p would.
+bool prepareOutputFolder(const QString &folder, QString *why)
+{
+    QFileInfo info(folder);
+    if (info.exists() && !info.isDir()) {
+        *why = QStringLiteral("not a folder");
+        return false;
+    }
+    if (!info.exists() && !QDir().mkpath(folder)) {
+        *why = QStringLiteral("cannot be created");
+        return false;
+    }
+    info.refresh();
+    if (!info.isWritable()) {
+        *why = QStringLiteral("not writable");
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("evenloud-cli"));
+
+    const int defaultJobs = std::max(1, VXAudioGain::jobPool()->maxThreadCount());
+    const CliParse parsed = parseCommandLine(app.arguments(), defaultJobs);
+    if (!parsed.options) {
+        writeOut(parsed.exitCode == 0 ? stdout : stderr, parsed.text.toLocal8Bit());
+        return parsed.exitCode;
+    }
+    const CliOptions &opt = *parsed.options;
+
+    if (!opt.replace) {
+        QString why;
+        if (!prepareOutputFolder(opt.outputFolder, &why)) {
+            writeOut(stderr, QStringLiteral("evenloud-cli: output folder '%1': %2\n")
+                                 .arg(opt.outputFolder, why).toLocal8Bit());
+            return 1;
+        }
+    }
+
+    CliSignals signalWatcher;
+    const bool terminal = isatty(STDERR_FILENO);
+    QList<CliFileResult> results;
+    const float targetLufs = lufsForPosition(opt.target);
+
+    auto say = [](const QString &line) { writeOut(stderr, (line + QLatin1Char('\n')).toLocal8Bit()); };
+    for (const QString &path : opt.inputs) {
+        QFileInfo info(path);
+        if (!info.exists()) {
+            say(QStringLiteral("evenloud-cli: %1: No such file or folder").arg(path));
+            CliFileResult r;
+            r.input = path;
+            r.outcome = CliOutcome::Missing;
+            r.reason = QStringLiteral("no such file or folder");
+            r.targetLufs = targetLufs;
+            results << r;
+        } else if (!info.isDir() && !VXImport::passesExtensionTest(path)) {
+            say(QStringLiteral("evenloud-cli: %1: skipped, not a supported extension").arg(path));
+        }
+    }
+
+    // Same rules as the app's import: walk order, extensions, duplicates by
+    // case-insensitive path; each accepted file is probed as it is found.
+    QSet<QString> seen;
+    QList<CliBatch::Job> jobs;
+    VXImport::walk(opt.inputs, opt.recursive, CliSignals::pending(), [&](const QString &file) {
+        const QString key = VXImport::inputKey(file);
+        if (CliSignals::pending() || seen.contains(key))
+            return;
+        seen.insert(key);
+        CliFileResult r;
+        r.input = file;
+        r.targetLufs = targetLufs;
+        VXError error;
+        VXAudioGainPtr item = VXAudioGain::initWithFile(file, opt.outputFolder, &error);
+        if (!item) {
+            r.outcome = CliOutcome::Refused;
+            r.reason = refusalReason(error);
+            say(QStringLiteral("Can not import audio file(%1): %2").arg(file, r.reason));
+            results << r;
+            return;
+        }
+        item->setTargetLoudness(opt.target);
+        item->setReplaceOriginalFile(opt.replace);
+        item->setOutFolder(opt.replace ? QString() : opt.outputFolder);
+        results << r;
+        jobs << CliBatch::Job{item, int(results.size() - 1)};
+    });
+    if (CliSignals::pending()) {
+        VXAudioGain::cleanCache();
+        return 130;
+    }
+
+    quint64 totalDuration = 0;
+    for (const CliBatch::Job &j : jobs)
+        totalDuration += j.item->duration();
+    CliProgress progress(terminal, int(jobs.size()), totalDuration);
+    // Engine log lines (fallbacks, placement failures) go above the bars.
+    const VXLogSink previousSink = VXSetLogSink([&progress](const QString &line) { progress.message(line); });
+
+    CliBatch batch(jobs, results, opt.jobs, progress);
+    QObject::connect(&batch, &CliBatch::finished, &app, &QCoreApplication::quit, Qt::QueuedConnection);
+    QObject::connect(&signalWatcher, &CliSignals::interrupted, &app, [&](int count) {
+        if (count >= 2) {
+            // The user insists: leave now. The temporary files go with us;
+            // results already placed are complete (placing is a rename).
+            progress.finish();
+            VXAudioGain::cleanCache();
+            _exit(130);
+        }
+        progress.message(QStringLiteral("Interrupted: cancelling running files (Ctrl-C again to quit at once)"));
+        batch.cancel();
+    });
+    batch.start();
+    if (!jobs.isEmpty())
+        app.exec();
+    progress.finish();
+    VXSetLogSink(previousSink);
+
+    int ok = 0, failed = 0;
+    for (const CliFileResult &r : results)
+        outcomeSucceeded(r.outcome) ? ++ok : ++failed;
+    say(QStringLiteral("%1 file(s): %2 succeeded, %3 not").arg(results.size()).arg(ok).arg(failed));
+    writeOut(stdout, opt.json ? formatJson(results) : formatTable(results));
+
+    jobs.clear();
+    VXAudioGain::cleanCache();
+    if (batch.isCancelled() || CliSignals::pending())
+        return 130;
+    return failed > 0 ? 1 : 0;
+}

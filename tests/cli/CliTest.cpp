@@ -1,0 +1,210 @@
+#include "cli/CliOptions.h"
+#include "tests/support/Fixtures.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <csignal>
+#include <gtest/gtest.h>
+
+namespace {
+
+struct CliRunResult {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+CliRunResult runCli(const QStringList &args)
+{
+    QProcess p;
+    p.setStandardInputFile(QProcess::nullDevice());
+    p.start(QStringLiteral(EVENLOUD_CLI), args);
+    CliRunResult r;
+    if (!p.waitForStarted(-1) || !p.waitForFinished(300000))
+        return r;
+    r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    r.out = QString::fromUtf8(p.readAllStandardOutput());
+    r.err = QString::fromUtf8(p.readAllStandardError());
+    return r;
+}
+
+QByteArray digest(const QString &path)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        return {};
+    return QCryptographicHash::hash(f.readAll(), QCryptographicHash::Sha256);
+}
+
+QStringList entries(const QString &folder)
+{
+    return QDir(folder).entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot);
+}
+
+} // namespace
+
+TEST(CliTarget, LufsMapsToPositionWithinAHundredthOfLu)
+{
+    for (double lufs = -70.0; lufs <= -5.0; lufs += 0.37) {
+        const auto position = positionForLufs(lufs);
+        ASSERT_TRUE(position.has_value()) << lufs;
+        EXPECT_NEAR(lufsForPosition(*position), lufs, 0.01) << lufs;
+    }
+    EXPECT_NEAR(lufsForPosition(70.77f), -24.0, 0.001);
+    EXPECT_FLOAT_EQ(*positionForLufs(-70.0), 0.0f);
+    EXPECT_FLOAT_EQ(*positionForLufs(-5.0), 100.0f);
+    for (double bad : {-70.01, -4.99, 0.0, std::nan("")})
+        EXPECT_FALSE(positionForLufs(bad).has_value()) << bad;
+}
+
+TEST(CliUsage, ErrorsExitWithTwoAndSayWhy)
+{
+    const QString out = QDir::tempPath() + "/evenloud-cli-test-never-made";
+    const QList<QStringList> bad = {
+        {"some.mp3"},                                          // neither folder nor replace
+        {"--lufs", "-99", "-o", out, "some.mp3"},              // out of range
+        {"--lufs", "loud", "-o", out, "some.mp3"},             // not a number
+        {"--lufs", "-4", "--replace", "some.mp3"},             // just above the top
+        {"--target", "100.5", "--replace", "some.mp3"},
+        {"--target", "nan", "--replace", "some.mp3"},
+        {"--target", "50", "--lufs", "-20", "--replace", "some.mp3"},
+        {"--replace", "-o", out, "some.mp3"},
+        {"--jobs", "0", "--replace", "some.mp3"},
+        {"--replace"},                                         // nothing to do
+        {"--no-such-option", "--replace", "some.mp3"},
+    };
+    for (const QStringList &args : bad) {
+        const CliRunResult r = runCli(args);
+        EXPECT_EQ(r.exitCode, 2) << args.join(' ').toStdString();
+        EXPECT_TRUE(r.err.contains("evenloud-cli: ")) << r.err.toStdString();
+        EXPECT_TRUE(r.out.isEmpty()) << r.out.toStdString();
+    }
+    EXPECT_FALSE(QFileInfo::exists(out));
+
+    const CliRunResult help = runCli({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    for (const char *part : {"Usage: evenloud-cli", "--output-folder", "Exit status:", "130", "Example"})
+        EXPECT_TRUE(help.out.contains(part)) << part;
+    const CliRunResult version = runCli({"--version"});
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_TRUE(version.out.startsWith("evenloud-cli ")) << version.out.toStdString();
+}
+
+TEST(CliRun, NormalisesIntoNewFolderAndReportsJson)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    const QString in = tmp.filePath("in");
+    QDir().mkpath(in + "/sub");
+    const QString wav = fixtures::makeAudio(in, "quiet.wav", 8, {"-c:a", "pcm_s16le"}, -14);
+    const QString mp3 = fixtures::makeAudio(in, "loud.MP3", 8, {"-c:a", "libmp3lame", "-b:a", "160k"}, 0);
+    const QString deep = fixtures::makeAudio(in + "/sub", "deep.flac", 4, {"-c:a", "flac"});
+    ASSERT_FALSE(wav.isEmpty() || mp3.isEmpty() || deep.isEmpty());
+    QFile(in + "/notes.txt").open(QIODevice::WriteOnly);
+    const QByteArray wavBefore = digest(wav);
+
+    // The folder and one of its files again (the same path): each file once;
+    // the sub-folder is not entered without --recursive.
+    const QString out = tmp.filePath("made/for/us");
+    const CliRunResult r = runCli({"--lufs", "-16", "-o", out, "--json", in, in + "/loud.MP3"});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+
+    QJsonParseError error{};
+    const QJsonArray results = QJsonDocument::fromJson(r.out.toUtf8(), &error).array();
+    ASSERT_EQ(error.error, QJsonParseError::NoError) << r.out.toStdString();
+    ASSERT_EQ(results.size(), 2) << r.out.toStdString();
+    for (const QJsonValue &v : results) {
+        const QJsonObject o = v.toObject();
+        EXPECT_EQ(o["result"].toString(), "ok");
+        EXPECT_NEAR(o["target_lufs"].toDouble(), -16.0, 0.01);
+        EXPECT_TRUE(o["input_i"].isDouble() && o["input_tp"].isDouble() && o["input_lra"].isDouble());
+        const QString output = o["output"].toString();
+        EXPECT_TRUE(output.startsWith(out + "/")) << output.toStdString();
+        EXPECT_EQ(QFileInfo(output).suffix(), QFileInfo(o["input"].toString()).suffix());
+        const fixtures::Loudness l = fixtures::measureLoudness(output);
+        ASSERT_TRUE(l.ok) << output.toStdString();
+        EXPECT_NEAR(l.integrated, -16.0, 1.0) << output.toStdString();
+        EXPECT_LE(l.truePeak, -1.5) << output.toStdString();
+    }
+    EXPECT_EQ(digest(wav), wavBefore);
+    EXPECT_EQ(entries(out).size(), 2);
+
+    // The same again, recursively: the sub-folder's file comes too, and the
+    // existing results are never overwritten.
+    const CliRunResult again = runCli({"-r", "-o", out, in});
+    EXPECT_EQ(again.exitCode, 0) << again.err.toStdString();
+    EXPECT_EQ(entries(out).size(), 5);
+    EXPECT_TRUE(again.out.startsWith("RESULT")) << again.out.toStdString();
+}
+
+TEST(CliRun, CorruptOrMissingInputMakesExitOne)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    const QString good = fixtures::makeAudio(tmp.path(), "good.ogg", 5, {"-c:a", "libvorbis"});
+    ASSERT_FALSE(good.isEmpty());
+    QFile bad(tmp.filePath("bad.mp3"));
+    ASSERT_TRUE(bad.open(QIODevice::WriteOnly));
+    bad.write(QByteArray(4096, 'x'));
+    bad.close();
+
+    const QString out = tmp.filePath("out");
+    const CliRunResult r = runCli({"-o", out, "--json", good, bad.fileName(), tmp.filePath("gone.wav")});
+    EXPECT_EQ(r.exitCode, 1) << r.err.toStdString();
+    const QJsonArray results = QJsonDocument::fromJson(r.out.toUtf8()).array();
+    QStringList outcomes;
+    for (const QJsonValue &v : results)
+        outcomes << v.toObject()["result"].toString();
+    outcomes.sort();
+    EXPECT_EQ(outcomes, (QStringList{"missing", "ok", "refused"})) << r.out.toStdString();
+    EXPECT_TRUE(r.err.contains("Can not import audio file(" + bad.fileName() + ")")) << r.err.toStdString();
+    EXPECT_EQ(entries(out), QStringList{"good.ogg"});
+}
+
+TEST(CliRun, InterruptCancelsCleanly)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    // Long enough that the first pass is still running when the signal lands.
+    const QString input = fixtures::makeAudio(tmp.path(), "long.flac", 300, {"-c:a", "flac", "-ac", "1", "-ar", "22050"});
+    ASSERT_FALSE(input.isEmpty());
+    const QByteArray before = digest(input);
+    const QString out = tmp.filePath("out");
+
+    struct Case {
+        QStringList args;
+        int interrupts;
+    } cases[] = {
+        {{"-o", out, input}, 1},        // cancels, waits for the job, exits
+        {{"--replace", input}, 1},
+        {{"--replace", input}, 2},      // the second one quits at once
+    };
+    for (const Case &c : cases) {
+        QProcess p;
+        p.start(QStringLiteral(EVENLOUD_CLI), c.args);
+        ASSERT_TRUE(p.waitForStarted(-1));
+        // Stderr is a pipe here, so the tool prints one line when a file starts.
+        QByteArray err;
+        while (!err.contains("start") && p.state() == QProcess::Running) {
+            p.waitForReadyRead(1000);
+            err += p.readAllStandardError();
+        }
+        ASSERT_TRUE(err.contains("start")) << err.toStdString();
+        for (int i = 0; i < c.interrupts; ++i)
+            ::kill(pid_t(p.processId()), SIGINT);
+        ASSERT_TRUE(p.waitForFinished(120000));
+        err += p.readAllStandardError();
+        EXPECT_EQ(p.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(p.exitCode(), 130) << err.toStdString();
+        EXPECT_EQ(digest(input), before);
+        EXPECT_TRUE(entries(out).isEmpty()) << entries(out).join(' ').toStdString();
+        EXPECT_EQ(entries(tmp.path()), QStringList{"long.flac"});
+    }
+}
