@@ -60,7 +60,10 @@ void AppDelegate::selectAudioFiles()
     recursive->setRecursive(false);
     panel->setAccessoryView(recursive->view());
     connect(panel, &QDialog::finished, this,
-            [this, panel](int result) { openPanelDidEnd(result, panel->selectedFiles()); });
+            [this, panel](int result) {
+                m_dialog = nullptr;
+                openPanelDidEnd(result, panel->selectedFiles());
+            });
     m_dialog = panel;
     panel->setWindowModality(Qt::WindowModal);
     panel->open();

@@ -53,6 +53,7 @@ void AppDelegate::selectOutputFolder(bool startAfter)
     if (!finalOutFolder().isNull())
         dialog->setDirectory(m_outFolder);
     connect(dialog, &QDialog::finished, this, [this, dialog, startAfter](int result) {
+        m_dialog = nullptr;
         const QStringList chosen = dialog->selectedFiles();
         folderSheetDidEnd(result, chosen.isEmpty() ? QString() : chosen.first(), startAfter);
     });

@@ -1,4 +1,188 @@
-#include <QTest>
-class T : public QObject { Q_OBJECT };
-QTEST_MAIN(T)
+// The Gain/Cancel button: which items start, where their results go, the
+// button's face, cancel, the close guard while gaining, and quitting with
+// jobs under way. Real jobs on real files.
+#include "AppTestUtil.h"
+
+#include <QCheckBox>
+#include <QFileDialog>
+#include <QItemSelectionModel>
+#include <QListView>
+#include <QPushButton>
+
+using namespace apptest;
+
+namespace {
+bool allEnded(const AppDelegate &app)
+{
+    for (const VXAudioGainPtr &item : app.audioGains()->items()) {
+        if (item->isRunning())
+            return false;
+    }
+    return true;
+}
+} // namespace
+
+class TestAppGain : public QObject {
+    Q_OBJECT
+    QTemporaryDir m_dir;
+    QStringList m_short;  // three short files at different levels
+    QStringList m_long;   // two files long enough to cancel mid-pass
+
+    void select(Controller &c, const QList<int> &rows)
+    {
+        QItemSelectionModel *selection = c->tableView()->selectionModel();
+        selection->clearSelection();
+        for (int row : rows)
+            selection->select(c->audioGains()->index(row), QItemSelectionModel::Select);
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        initApplication(m_dir.filePath(QStringLiteral("settings")));
+        const QString in = m_dir.filePath(QStringLiteral("in"));
+        QVERIFY(QDir().mkpath(in));
+        const QList<double> gains{-12.0, 0.0, 4.0};
+        for (int i = 0; i < 3; ++i) {
+            m_short << makeWav(in, QStringLiteral("s%1.wav").arg(i), 3.0, gains[i]);
+            QVERIFY(!m_short.last().isEmpty());
+        }
+        for (int i = 0; i < 2; ++i) {
+            m_long << makeWav(in, QStringLiteral("long%1.wav").arg(i), 90.0);
+            QVERIFY(!m_long.last().isEmpty());
+        }
+    }
+
+    // Import three files, choose the folder when Gain asks for it, wait:
+    // the results sit in the folder at the default target.
+    void gainAsksForFolderThenNormalises()
+    {
+        QSettings().clear();
+        const QString out = m_dir.filePath(QStringLiteral("out"));
+        QVERIFY(QDir().mkpath(out));
+        Controller c;
+        QVERIFY(c.import(m_short));
+        QVERIFY(c->btnGain()->isEnabled());
+
+        // No folder, not replacing: the folder dialog comes first.
+        c->btnGain()->click();
+        auto *dialog = qobject_cast<QFileDialog *>(c->currentDialog());
+        QVERIFY(dialog);
+        QCOMPARE(dialog->fileMode(), QFileDialog::Directory);
+        QCOMPARE(dialog->windowModality(), Qt::WindowModal);
+        dialog->reject();
+        QTest::qWait(50);
+        for (const VXAudioGainPtr &item : c->audioGains()->items())
+            QCOMPARE(item->state(), 0);
+
+        c->btnGain()->click();
+        QVERIFY(c->currentDialog());
+        c->currentDialog()->reject();
+        c->folderSheetDidEnd(QDialog::Accepted, out, true);
+        // The batch starts after the dialog's end, not inside it.
+        QCOMPARE(c->audioGains()->at(0)->state(), 0);
+        QVERIFY(waitFor([&] { return c->audioGains()->at(0)->state() != 0; }));
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Cancel"));
+        QCOMPARE(c->btnGain()->property("tag").toInt(), 1);
+        for (const VXAudioGainPtr &item : c->audioGains()->items()) {
+            QCOMPARE(item->outFolder(), out);
+            QVERIFY(!item->replaceOriginalFile());
+        }
+        QVERIFY(!c->windowShouldClose());
+        QCOMPARE(c.alerts->last().message, QStringLiteral("It is gaining, please wait."));
+
+        QVERIFY(waitFor([&] { return allEnded(*c.app); }));
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));
+        QCOMPARE(c->btnGain()->property("tag").toInt(), 0);
+        for (const VXAudioGainPtr &item : c->audioGains()->items()) {
+            QCOMPARE(item->state(), 3);
+            QCOMPARE(item->retCode(), 0);
+            const fixtures::Loudness l = fixtures::measureLoudness(out + QLatin1Char('/') + item->inputFileName());
+            QVERIFY2(l.ok, qPrintable(item->inputFileName()));
+            QVERIFY2(qAbs(l.integrated - (-24.0)) <= 1.0, qPrintable(QString::number(l.integrated)));
+        }
+
+        // Finished items are not started again; the face stays.
+        c->gainAudioAction();
+        for (const VXAudioGainPtr &item : c->audioGains()->items())
+            QCOMPARE(item->state(), 3);
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));
+        QVERIFY(c->windowShouldClose());
+    }
+
+    void withoutFolderNothingStartsAndItIsLogged()
+    {
+        QSettings().clear();
+        Controller c;
+        QVERIFY(c.import({m_short[0]}));
+        LogCapture log;
+        c->gainAudios();
+        QCOMPARE(log.lines(), QStringList{QStringLiteral("Please select out folder while not replace the original file.")});
+        QCOMPARE(c->audioGains()->at(0)->state(), 0);
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));
+    }
+
+    // Replacing the originals needs no folder and leaves the items' folder
+    // value alone.
+    void replaceStartsAtOnce()
+    {
+        QSettings().clear();
+        const QString copy = m_dir.filePath(QStringLiteral("replace.wav"));
+        QVERIFY(QFile::copy(m_short[0], copy));
+        Controller c;
+        QVERIFY(c.import({copy}));
+        const QString folderBefore = c->audioGains()->at(0)->outFolder();
+        c->chkReplaceOriginalFile()->setChecked(true);
+        c->btnGain()->click();
+        QVERIFY(!c->currentDialog());
+        QVERIFY(c->audioGains()->at(0)->replaceOriginalFile());
+        QCOMPARE(c->audioGains()->at(0)->outFolder(), folderBefore);
+        QVERIFY(waitFor([&] { return allEnded(*c.app); }));
+        QCOMPARE(c->audioGains()->at(0)->retCode(), 0);
+        const fixtures::Loudness l = fixtures::measureLoudness(copy);
+        QVERIFY(l.ok);
+        QVERIFY2(qAbs(l.integrated - (-24.0)) <= 1.0, qPrintable(QString::number(l.integrated)));
+    }
+
+    // Cancel reaches the chosen running items only; the face follows the
+    // chosen items; a cancelled item starts again; quitting ends the rest.
+    void cancelChosenAndQuit()
+    {
+        const QString out = m_dir.filePath(QStringLiteral("out2"));
+        QVERIFY(QDir().mkpath(out));
+        Controller c;
+        c->folderSheetDidEnd(QDialog::Accepted, out, false);
+        QVERIFY(c.import(m_long));
+        VXAudioGainList *list = c->audioGains();
+        c->gainAudioAction();  // nothing selected: both start
+        QVERIFY(list->at(0)->isRunning());
+        QVERIFY(list->at(1)->isRunning());
+
+        select(c, {0});
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Cancel"));
+        c->btnGain()->click();
+        QVERIFY(waitFor([&] { return !list->at(0)->isRunning(); }));
+        QCOMPARE(list->at(0)->state(), 3);
+        QCOMPARE(list->at(0)->retCode(), -2);
+        QVERIFY(list->at(1)->isRunning());
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));  // although row 1 runs
+        QVERIFY(!QFile::exists(out + QStringLiteral("/long0.wav")));
+
+        select(c, {1});
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Cancel"));
+        select(c, {0});
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));
+        c->btnGain()->click();  // the cancelled item is eligible again
+        QVERIFY(list->at(0)->isRunning());
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Cancel"));
+
+        // Quit from the menu: never refused, every job ends.
+        QVERIFY(c->applicationWillTerminate());
+        for (const VXAudioGainPtr &item : list->items())
+            QVERIFY(!QFile::exists(out + QLatin1Char('/') + item->inputFileName()) || item->retCode() == 0);
+    }
+};
+
+QTEST_MAIN(TestAppGain)
 #include "tst_appgain.moc"
