@@ -178,6 +178,9 @@ void AppDelegate::stopAllWork()
 {
     if (!m_terminated)
         applicationWillTerminate();
+    // A walk may be probing one last file; hops are refused by now, so it
+    // ends without this thread's help. It reads the list, which dies next.
+    m_importPool.waitForDone();
 }
 
 void AppDelegate::quitApplication()

@@ -14,6 +14,7 @@
 
 #include "engine/VXAudioGain.h"
 #include "engine/VXAudioGainList.h"
+#include "engine/codec/VXError.h"
 #include "views/RQTableCellView.h"
 
 class QCheckBox;
@@ -27,7 +28,6 @@ class QProgressBar;
 class QPushButton;
 class QToolButton;
 class QAction;
-struct VXError;
 namespace Ui { class MainWindow; }
 
 // The one controller of the desktop app: the main window, the list of items,
@@ -84,7 +84,10 @@ public:
     void importAudioWithURLs(const QList<QUrl> &urls, bool recursive);
     void importAudioWithPaths(const QStringList &paths, bool recursive);
     bool audioFileImported(const QString &path) const;
+    // Probes the file here (on the GUI thread) and appends it.
     void importSingleFile(const QString &path);
+    // Appends an item probed elsewhere, or alerts why there is none.
+    void importSingleFile(const QString &path, const VXAudioGainPtr &item, const VXError &error);
     QString importingFileName() const { return m_importingFileName; }
     // The open dialog's end: result 1 = confirmed with the chosen paths.
     void openPanelDidEnd(int result, const QStringList &paths);

@@ -1,5 +1,6 @@
 #include "app/AppDelegate.h"
 
+#include "app/RQImportWalk.h"
 #include "app/RQOpenPanel.h"
 #include "app/RQRecursiveViewCtrl.h"
 #include "engine/VXImport.h"
@@ -96,16 +97,25 @@ void AppDelegate::importAudioWithPaths(const QStringList &paths, bool recursive)
 
     const std::shared_ptr<std::atomic<bool>> cancel = m_cancelImport;
     const QPointer<AppDelegate> self(this);
-    m_importPool.start([paths, recursive, cancel, self] {
-        VXImport::walk(paths, recursive, *cancel, [&](const QString &file) {
-            const bool hopped = VXRunOnMainThread([&] {
-                if (self)
-                    self->importSingleFile(file);
-            });
-            // The application is shutting down: nobody takes files any more.
-            if (!hopped)
-                cancel->store(true);
+    RQImportWalk walk;
+    walk.paths = paths;
+    walk.recursive = recursive;
+    walk.cancel = cancel.get();
+    // The list outlives the walk: the controller waits for its walks.
+    walk.list = m_audioGains;
+    walk.itemThread = thread();
+    walk.hand = [self, cancel](const QString &path, const VXAudioGainPtr &item, const VXError &error) {
+        const bool hopped = VXRunOnMainThread([&] {
+            if (self)
+                self->importSingleFile(path, item, error);
         });
+        // The application is shutting down: nobody takes files any more.
+        if (!hopped)
+            cancel->store(true);
+        return hopped;
+    };
+    m_importPool.start([walk, cancel, self] {
+        walk.run();
         VXRunOnMainThread([&] {
             if (self)
                 self->importEnded();
@@ -134,11 +144,19 @@ void AppDelegate::importSingleFile(const QString &path)
     if (audioFileImported(path))
         return;
     VXError error;
-    const VXAudioGainPtr item = VXAudioGain::initWithFile(path, m_outFolder, &error);
+    importSingleFile(path, VXAudioGain::initWithFile(path, m_outFolder, &error), error);
+}
+
+void AppDelegate::importSingleFile(const QString &path, const VXAudioGainPtr &item, const VXError &error)
+{
+    // Checked again here: another import may have added the file meanwhile.
+    if (audioFileImported(path))
+        return;
     if (!item) {
         showImportFailure(path, error);
         return;
     }
+    item->setOutFolder(m_outFolder);
     setImportingFileName(item->inputFileName());
     m_audioGains->insertObject(item, m_audioGains->count());
 }

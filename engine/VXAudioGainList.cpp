@@ -154,7 +154,9 @@ int VXAudioGainList::indexOf(const VXAudioGain *item) const
 
 bool VXAudioGainList::containsInput(const QString &path) const
 {
-    return m_inputKeys.contains(VXImport::inputKey(path));
+    const QString key = VXImport::inputKey(path);
+    QMutexLocker locker(&m_inputKeysLock);
+    return m_inputKeys.contains(key);
 }
 
 void VXAudioGainList::emitRowChanged(const VXAudioGain *item, const QList<int> &roles)
@@ -168,7 +170,11 @@ void VXAudioGainList::emitRowChanged(const VXAudioGain *item, const QList<int> &
 
 void VXAudioGainList::watch(const VXAudioGainPtr &item)
 {
-    ++m_inputKeys[VXImport::inputKey(item->inputFile())];
+    {
+        const QString key = VXImport::inputKey(item->inputFile());
+        QMutexLocker locker(&m_inputKeysLock);
+        ++m_inputKeys[key];
+    }
     const VXAudioGain *raw = item.get();
     Watch &watch = m_watches[raw];
     if (watch.refs++ > 0)
@@ -184,9 +190,13 @@ void VXAudioGainList::watch(const VXAudioGainPtr &item)
 
 void VXAudioGainList::unwatch(const VXAudioGainPtr &item)
 {
-    auto key = m_inputKeys.find(VXImport::inputKey(item->inputFile()));
-    if (key != m_inputKeys.end() && --key.value() <= 0)
-        m_inputKeys.erase(key);
+    {
+        const QString inputKey = VXImport::inputKey(item->inputFile());
+        QMutexLocker locker(&m_inputKeysLock);
+        auto key = m_inputKeys.find(inputKey);
+        if (key != m_inputKeys.end() && --key.value() <= 0)
+            m_inputKeys.erase(key);
+    }
     auto watch = m_watches.find(item.get());
     if (watch == m_watches.end() || --watch->refs > 0)
         return;

@@ -4,6 +4,7 @@
 #include <QHash>
 #include <QList>
 #include <QMetaObject>
+#include <QMutex>
 
 #include "engine/VXAudioGain.h"
 
@@ -54,7 +55,8 @@ public:
     void replaceObject(int index, const VXAudioGainPtr &item);
     int indexOf(const VXAudioGain *item) const;
     // Whether some item's input path equals path once both are lower-cased.
-    // Constant time: the import asks it for every file it meets.
+    // Constant time: the import asks it for every file it meets. The one
+    // member safe to call from any thread.
     bool containsInput(const QString &path) const;
 
 signals:
@@ -74,5 +76,6 @@ private:
     QHash<const VXAudioGain *, Watch> m_watches;
     // Input keys of the items, with how many items carry each: a list set
     // from outside may hold the same input twice.
-    QHash<QString, int> m_inputKeys;
+    QHash<QString, int> m_inputKeys;  // under m_inputKeysLock
+    mutable QMutex m_inputKeysLock;
 };
