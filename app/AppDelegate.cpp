@@ -71,15 +71,14 @@ void AppDelegate::connectWindow()
     // The guide stands in for the empty list; drops must still reach the list.
     ui.guideView->setAttribute(Qt::WA_TransparentForMouseEvents);
     connect(m_audioGains, &VXAudioGainList::countChanged, this,
-            [this] { m_ui->guideView->setVisible(m_audioGains->count() == 0); });
+            [this] { m_ui->guideView->setListEmpty(m_audioGains->count() == 0); });
     ui.importPrgView->hide();
-    ui.importPrgView->raise();
+    connect(ui.importPrgView, &RQImportPrgView::cancelRequested, this, &AppDelegate::cancelImport);
 
     connect(ui.btnGain, &QPushButton::clicked, this, &AppDelegate::gainAudioAction);
     connect(ui.btnAddFiles, &QToolButton::clicked, this, &AppDelegate::selectAudioFiles);
     connect(ui.btnChooseFolder, &QToolButton::clicked, this, &AppDelegate::selectOutFolder);
     connect(ui.btnActiveFolder, &QToolButton::clicked, this, &AppDelegate::avtiveOutputPath);
-    connect(ui.btnCancelImport, &QPushButton::clicked, this, &AppDelegate::cancelImport);
     connect(ui.chkReplaceOriginalFile, &QCheckBox::toggled, this, [this](bool on) {
         setReplaceOriginalFile(on);
         chkReplaceOriginalFileChanged();
@@ -93,7 +92,7 @@ void AppDelegate::connectWindow()
     });
     ui.txtFolder->setText(m_outFolder);
     connect(this, &AppDelegate::importingFileNameChanged, this,
-            [this] { m_ui->lblImporting->setText(m_importingFileName); });
+            [this] { m_ui->importPrgView->setImportingFileName(m_importingFileName); });
 
     connect(this, &AppDelegate::allowGainChanged, this, [this] { m_ui->btnGain->setEnabled(m_allowGain); });
     connect(this, &AppDelegate::canRemoveChanged, this,

@@ -89,9 +89,7 @@ void AppDelegate::importAudioWithPaths(const QStringList &paths, bool recursive)
     // on Gain right after a drop must not slip in before the import.
     if (m_runningImports++ == 0) {
         setAllowedImport(false);
-        m_ui->importPI->setRange(0, 0);
-        m_ui->importPrgView->show();
-        m_ui->importPrgView->raise();
+        m_ui->importPrgView->setBusy(true);
     }
     setImportingFileName(QStringLiteral("Import, please wait..."));
 
@@ -127,9 +125,7 @@ void AppDelegate::importEnded()
 {
     if (m_runningImports > 0 && --m_runningImports > 0)
         return;
-    m_ui->importPI->setRange(0, 1);
-    m_ui->importPI->setValue(0);
-    m_ui->importPrgView->hide();
+    m_ui->importPrgView->setBusy(false);
     setAllowedImport(true);
     emit importFinished();
 }
