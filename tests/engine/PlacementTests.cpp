@@ -39,7 +39,7 @@ QStringList hiddenEntries(const QString &folder)
 
 } // namespace
 
-TEST(Placement, ConcurrentPlacementsNeverOverwrite)
+TEST(Placement, ConcurrentJobsNeverShareOrOverwrite)
 {
     QTemporaryDir src, out;
     const QString existing = QDir(out.path()).filePath(QStringLiteral("song.mp3"));
@@ -51,18 +51,22 @@ TEST(Placement, ConcurrentPlacementsNeverOverwrite)
         sources << QDir(src.path()).filePath(QStringLiteral("t%1.mp3").arg(i));
         ASSERT_TRUE(writeFile(sources.last(), QByteArray("result ") + QByteArray::number(i)));
     }
-    // All threads ask for the same name at the same moment.
+    // All threads ask for the same names at the same moment, as jobs of
+    // files called song.mp3 in different folders would.
     std::latch start(kJobs);
     std::vector<VXPlacement::Result> results(kJobs);
+    QStringList temps(kJobs);
     std::vector<std::thread> threads;
     for (int i = 0; i < kJobs; ++i) {
         threads.emplace_back([&, i] {
             start.arrive_and_wait();
+            temps[i] = VXTempDir::reserveFile(QStringLiteral("song"), QStringLiteral("mp3"));
             results[i] = VXPlacement::placeInFolder(sources[i], out.path(), QStringLiteral("song"), QStringLiteral("mp3"));
         });
     }
     for (auto &t : threads)
         t.join();
+    EXPECT_EQ(QSet<QString>(temps.begin(), temps.end()).size(), kJobs);
 
     QSet<QString> paths;
     for (int i = 0; i < kJobs; ++i) {
@@ -83,50 +87,6 @@ TEST(Placement, ConcurrentPlacementsNeverOverwrite)
     const mode_t mask = ::umask(022);
     ::umask(mask);
     EXPECT_EQ(st.st_mode & 0777, 0666 & ~mask);
-}
-
-TEST(Placement, FolderModeFailuresAreLoggedAndKeepTheTemporaryFile)
-{
-    QTemporaryDir dir;
-    const QString wav = makeWav(dir.path(), QStringLiteral("in.wav"), 0.2);
-    VXError error;
-    auto item = VXAudioGain::initWithFile(wav, QDir(dir.path()).filePath(QStringLiteral("gone")), &error);
-    ASSERT_TRUE(item);
-    const QString temp = VXTempDir::reserveFile(QStringLiteral("in"), QStringLiteral("wav"));
-    ASSERT_FALSE(temp.isEmpty());
-
-    LogCapture log;
-    EXPECT_FALSE(item->moveTempFileToFinalOut(temp));  // the folder does not exist
-    item->setOutFolder(QStringLiteral("Please select a output folder"));
-    EXPECT_FALSE(item->moveTempFileToFinalOut(temp));  // not a folder at all
-    const QStringList lines = log.lines();
-    ASSERT_EQ(lines.size(), 2);
-    for (const QString &line : lines) {
-        EXPECT_TRUE(line.startsWith(QLatin1String("Failed to move file to dest path("))) << qPrintable(line);
-        EXPECT_TRUE(line.endsWith(QLatin1String(")."))) << qPrintable(line);
-    }
-    EXPECT_TRUE(lines[0].contains(QLatin1String("No such file or directory"))) << qPrintable(lines[0]);
-    EXPECT_TRUE(QFile::exists(temp));
-    EXPECT_EQ(item->outFileName(), QStringLiteral("in.wav"));
-}
-
-TEST(Placement, FolderModeTakesTheNextFreeName)
-{
-    QTemporaryDir in, out;
-    const QString wav = makeWav(in.path(), QStringLiteral("take.wav"), 0.2);
-    ASSERT_TRUE(writeFile(QDir(out.path()).filePath(QStringLiteral("take.wav")), "occupied"));
-    VXError error;
-    auto item = VXAudioGain::initWithFile(wav, out.path(), &error);
-    ASSERT_TRUE(item);
-    const QString temp = VXTempDir::reserveFile(QStringLiteral("take"), QStringLiteral("wav"));
-    ASSERT_TRUE(writeFile(temp, "normalised"));
-
-    ASSERT_TRUE(item->moveTempFileToFinalOut(temp));
-    EXPECT_NE(item->outFileName(), QStringLiteral("take.wav"));
-    EXPECT_TRUE(item->outFileName().endsWith(QLatin1String(".wav")));
-    EXPECT_EQ(readFile(item->outPathFile()), QByteArray("normalised"));
-    EXPECT_EQ(readFile(QDir(out.path()).filePath(QStringLiteral("take.wav"))), QByteArray("occupied"));
-    EXPECT_FALSE(QFile::exists(temp));
 }
 
 TEST(Placement, ReplaceKeepsPermissionsAndLeavesNothingBehind)
