@@ -22,7 +22,8 @@ bool RQDebugDriver::start(const QStringList &arguments)
     const QCommandLineOption gain(QStringLiteral("gain"));
     const QCommandLineOption screenshot(QStringLiteral("screenshot"), QString(), QStringLiteral("file"));
     const QCommandLineOption quit(QStringLiteral("quit-when-done"));
-    for (const auto &option : {import, recursive, folder, gain, screenshot, quit})
+    const QCommandLineOption quitAfter(QStringLiteral("quit-after"), QString(), QStringLiteral("msecs"));
+    for (const auto &option : {import, recursive, folder, gain, screenshot, quit, quitAfter})
         parser.addOption(option);
     if (!parser.parse(arguments)) {
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
@@ -31,6 +32,8 @@ bool RQDebugDriver::start(const QStringList &arguments)
     m_gain = parser.isSet(gain);
     m_quit = parser.isSet(quit);
     m_screenshot = parser.value(screenshot);
+    if (parser.isSet(quitAfter))
+        QTimer::singleShot(parser.value(quitAfter).toInt(), m_delegate, &AppDelegate::quitApplication);
     if (parser.isSet(folder)) {
         m_delegate->setOutFolder(QDir(parser.value(folder)).absolutePath());
         m_delegate->btnActiveFolder()->setVisible(true);

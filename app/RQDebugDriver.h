@@ -9,8 +9,8 @@ class AppDelegate;
 // Hidden command-line flags that drive the window without a user, for
 // demonstrations and screenshots: --import PATH (repeatable), --recursive,
 // --output-folder DIR (this run only, not remembered), --gain,
-// --screenshot FILE (grab the window once everything has ended) and
-// --quit-when-done.
+// --screenshot FILE (grab the window once everything has ended),
+// --quit-when-done and --quit-after MSECS (the menu's Quit, whatever runs).
 class RQDebugDriver : public QObject {
     Q_OBJECT
 public:
