@@ -42,6 +42,13 @@ AppDelegate::AppDelegate(QObject *parent)
 AppDelegate::~AppDelegate()
 {
     stopAllWork();
+    // The window's teardown sends events; they must not reach a filter
+    // that looks at half-destroyed widgets.
+    m_ui->tableView->viewport()->removeEventFilter(this);
+    m_window->removeEventFilter(this);
+    // The row delegate filters the list's events too; it goes first.
+    m_ui->tableView->setItemDelegate(nullptr);
+    delete m_cellView;
     delete m_window.data();
 }
 
