@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Writes the benchmark corpus into $1 once: music-like synthetic material
+# (chords under note and phrase envelopes over pink noise, loudness range of
+# a few LU so loudnorm can stay linear) at several levels and in the usual
+# formats. A stamp file marks a complete corpus; change VERSION to rebuild.
+set -euo pipefail
+dir=$1
+VERSION=1
+stamp="$dir/.corpus-v$VERSION"
+[ -f "$stamp" ] && exit 0
+rm -rf "$dir"; mkdir -p "$dir"
+
+# name seconds gain_dB rate channels root_Hz encoder args...
+corpus=(
+  "wav16.wav       180  -4 44100 2 220 -c:a pcm_s16le"
+  "wav24.wav        90 -14 48000 2 196 -c:a pcm_s24le"
+  "wav16-mono.wav   60 -20 44100 1 262 -c:a pcm_s16le"
+  "flac16.flac     150  -8 44100 2 247 -c:a flac -sample_fmt s16"
+  "flac24.flac      90 -18 48000 2 175 -c:a flac -sample_fmt s32"
+  "mp3-192.mp3     180  -6 44100 2 233 -c:a libmp3lame -b:a 192k"
+  "mp3-128.mp3      75 -16 44100 2 208 -c:a libmp3lame -b:a 128k"
+  "aac-192.m4a     120 -10 44100 2 185 -c:a aac -b:a 192k"
+  "aac-128.m4a      90 -22 48000 2 277 -c:a aac -b:a 128k"
+  "vorbis.ogg      120 -12 44100 2 165 -c:a libvorbis -q:a 5"
+  "opus.ogg         90  -2 48000 2 294 -c:a libopus -b:a 128k"
+  "ac3.ac3          60 -15 48000 2 311 -c:a ac3 -b:a 192k"
+  "mp2.mp2          60  -9 44100 2 156 -c:a mp2 -b:a 192k"
+)
+
+for entry in "${corpus[@]}"; do
+  read -r name secs gain rate ch root enc <<<"$entry"
+  # A chord (root, minor third, fifth, octave) whose root steps every 4 s,
+  # notes swelling at ~1.5 Hz, phrases +-2 dB over 23 s.
+  chord="(0.30*sin(2*PI*R*t)+0.20*sin(2*PI*R*1.1892*t)+0.15*sin(2*PI*R*1.4983*t)+0.08*sin(2*PI*R*2*t))"
+  chord=${chord//R/($root*pow(1.122\,mod(floor(t/4)\,4)))}
+  env="(0.55+0.45*sin(2*PI*t*SPEED))*pow(10\,2*sin(2*PI*t/23)/20)"
+  left="$chord*${env//SPEED/1.7}"
+  right="$chord*${env//SPEED/1.3}"
+  echo "  corpus: $name (${secs}s)" >&2
+  ffmpeg -v error -nostdin -y \
+    -f lavfi -i "aevalsrc=exprs='$left|$right':s=$rate:d=$secs" \
+    -f lavfi -i "anoisesrc=color=pink:amplitude=0.05:r=$rate:d=$secs:seed=$root" \
+    -filter_complex "[1]aformat=channel_layouts=stereo[n];[0][n]amix=inputs=2:normalize=0,volume=${gain}dB,aformat=channel_layouts=$([ "$ch" = 1 ] && echo mono || echo stereo)" \
+    -ar "$rate" -metadata title="Bench $name" -metadata artist="Evenloud bench" \
+    $enc "$dir/$name"
+done
+touch "$stamp"

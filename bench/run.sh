@@ -1,0 +1,108 @@
+#!/usr/bin/env bash
+# Times evenloud-cli against the usual two-pass ffmpeg loudnorm recipe on one
+# fixed corpus, in the same run, and checks every output with an independent
+# meter (libebur128).
+#   bench/run.sh            full run (builds Release in build/bench if needed)
+# Results: printed, and kept in build/bench-work/summary.txt.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=$root/build/bench
+corpus=$root/build/bench-corpus
+work=$root/build/bench-work
+target=-24          # the CLI's default position 70.77 stands for -24 LUFS
+latency_file=mp3-192.mp3
+jobs=$(nproc)
+
+echo "== building Release in $build" >&2
+# Another area's half-finished tests must not stop the bench's own targets.
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null 2>"$root/build/bench-cmake.log" ||
+  echo "   (configure reported problems elsewhere, see build/bench-cmake.log; building anyway)" >&2
+cmake --build "$build" --target evenloud-cli evenloud-meter -j2 >/dev/null
+cli=$build/cli/evenloud-cli
+meter=$build/bench/evenloud-meter
+
+echo "== corpus in $corpus" >&2
+"$root/bench/make-corpus.sh" "$corpus"
+mapfile -t files < <(find "$corpus" -maxdepth 1 -type f ! -name '.*' | sort)
+rm -rf "$work"; mkdir -p "$work"
+summary=$work/summary.txt
+: >"$summary"
+say() { echo "$*" | tee -a "$summary"; }
+
+now() { date +%s.%N; }
+since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.2f", b - a }'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+
+total=0
+for f in "${files[@]}"; do
+  d=$(ffprobe -v error -show_entries format=duration -of default=nw=1:nk=1 "$f")
+  total=$(awk -v a="$total" -v b="$d" 'BEGIN { print a + b }')
+done
+say "corpus: ${#files[@]} files, $(awk -v t="$total" 'BEGIN { printf "%.0f", t }') s of audio; $(nproc) cores; load $(cut -d' ' -f1-3 /proc/loadavg)"
+
+# --- batch: ours with every core, the recipe one file after the other and two at a time
+echo "== evenloud-cli, batch, --jobs $jobs" >&2
+t=$(now)
+/usr/bin/time -f "%M" -o "$work/ours.rss" "$cli" --jobs "$jobs" -o "$work/ours" --json "${files[@]}" \
+  >"$work/ours.json" 2>"$work/ours.log" || { echo "evenloud-cli failed, see $work/ours.log" >&2; exit 1; }
+ours=$(since "$t")
+rss_mb=$(awk '{ printf "%.1f", $1 / 1024 }' "$work/ours.rss")
+
+echo "== recipe, sequential" >&2
+mkdir -p "$work/seq"
+t=$(now)
+for f in "${files[@]}"; do "$root/bench/recipe.sh" "$f" "$work/seq" "$target"; done
+seq=$(since "$t")
+
+echo "== recipe, two at a time" >&2
+mkdir -p "$work/par"
+t=$(now)
+printf '%s\0' "${files[@]}" | xargs -0 -P 2 -I{} "$root/bench/recipe.sh" {} "$work/par" "$target"
+par=$(since "$t")
+
+# --- single-file latency, best of two
+echo "== single file: $latency_file" >&2
+best() { sort -n | head -1; }
+lat_ours=$(for i in 1 2; do rm -rf "$work/lat-ours"; t=$(now); "$cli" -o "$work/lat-ours" "$corpus/$latency_file" >/dev/null 2>&1; since "$t"; echo; done | best)
+lat_rec=$(for i in 1 2; do rm -rf "$work/lat-rec"; mkdir -p "$work/lat-rec"; t=$(now); "$root/bench/recipe.sh" "$corpus/$latency_file" "$work/lat-rec" "$target"; since "$t"; echo; done | best)
+
+say ""
+say "batch wall time      evenloud-cli ${ours}s   recipe sequential ${seq}s   recipe x2 ${par}s"
+say "batch speed-up       vs sequential $(ratio "$seq" "$ours")x (target >= 1.5)   vs two at a time $(ratio "$par" "$ours")x"
+say "single-file latency  evenloud-cli ${lat_ours}s   recipe ${lat_rec}s   ours/recipe $(ratio "$lat_ours" "$lat_rec") (target <= 1.1)"
+say "peak memory (batch)  ${rss_mb} MB (target < 150)"
+
+# --- every output against the target, measured independently
+say ""
+say "$(printf '%-16s %-8s %8s %8s %7s %6s %9s %8s  %s' FILE WHO LUFS dBTP dLU LINEAR RATE CODEC VERDICT)"
+fails=0
+check() { # who dir
+  local who=$1 dir=$2 f name out lufs tp lra in_rate out_rate in_codec out_codec linear dev verdict
+  for f in "${files[@]}"; do
+    name=$(basename "$f"); out=$dir/$name
+    if [ ! -f "$out" ]; then say "$(printf '%-16s %-8s %s' "$name" "$who" "NO OUTPUT")"; fails=$((fails + 1)); continue; fi
+    read -r lufs tp lra _ < <("$meter" "$out")
+    in_rate=$(ffprobe -v error -select_streams a:0 -show_entries stream=sample_rate -of default=nw=1:nk=1 "$f")
+    out_rate=$(ffprobe -v error -select_streams a:0 -show_entries stream=sample_rate -of default=nw=1:nk=1 "$out")
+    in_codec=$(ffprobe -v error -select_streams a:0 -show_entries stream=codec_name -of default=nw=1:nk=1 "$f")
+    out_codec=$(ffprobe -v error -select_streams a:0 -show_entries stream=codec_name -of default=nw=1:nk=1 "$out")
+    # loudnorm stays linear when the range fits its LRA target (7) and the
+    # gained true peak stays under its TP target (-2); same rule here, from
+    # the input as the independent meter sees it.
+    read -r in_i in_tp in_lra _ < <("$meter" "$f")
+    linear=$(awk -v i="$in_i" -v p="$in_tp" -v r="$in_lra" -v t="$target" 'BEGIN { print (r <= 7 && p + (t - i) <= -2) ? "yes" : "no" }')
+    dev=$(awk -v l="$lufs" -v t="$target" 'BEGIN { d = l - t; printf "%+.2f", d }')
+    verdict=$(awk -v d="$dev" -v p="$tp" -v lin="$linear" 'BEGIN {
+      lim = lin == "yes" ? 0.5 : 1.0; d = d < 0 ? -d : d
+      print (d <= lim && p <= -1.5) ? "ok" : "MISS" }')
+    [ "$in_rate" = "$out_rate" ] || verdict="$verdict rate-changed"
+    [ "$in_codec" = "$out_codec" ] || verdict="$verdict codec-changed"
+    [ "$verdict" = ok ] || fails=$((fails + 1))
+    say "$(printf '%-16s %-8s %8s %8s %7s %6s %9s %8s  %s' "$name" "$who" "$lufs" "$tp" "$dev" "$linear" "$out_rate" "$out_codec" "$verdict")"
+  done
+}
+check ours "$work/ours"
+check recipe "$work/seq"
+say ""
+say "outputs off target (or changed rate/codec): $fails"
+echo "summary kept in $summary" >&2
