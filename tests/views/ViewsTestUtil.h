@@ -1,9 +1,14 @@
 #pragma once
 
+#include <QApplication>
 #include <QColor>
 #include <QImage>
+#include <QPainter>
+#include <QStyleOptionViewItem>
 #include <QString>
 #include <QtGlobal>
+
+#include "views/RQTableCellView.h"
 
 // Pixel comparison with a small tolerance for smoothing of scaled images.
 inline bool near(QColor actual, QColor expected, int tolerance = 0)
@@ -23,3 +28,19 @@ inline QString describe(QColor c)
                             .arg(x)                                                                           \
                             .arg(y)                                                                           \
                             .arg(describe((image).pixelColor((x), (y))), describe(expected))))
+
+// One row painted by the delegate alone, over white, at the given size.
+inline QImage paintRow(RQTableCellView &cell, const QModelIndex &index, QSize size, QStyle::State extra = {})
+{
+    QImage image(size, QImage::Format_ARGB32);
+    image.fill(Qt::white);
+    QPainter painter(&image);
+    QStyleOptionViewItem option;
+    option.rect = QRect(QPoint(0, 0), size);
+    option.font = QApplication::font();
+    option.fontMetrics = QFontMetrics(option.font);
+    option.palette = QApplication::palette();
+    option.state = QStyle::State_Enabled | extra;
+    cell.paint(&painter, option, index);
+    return image;
+}

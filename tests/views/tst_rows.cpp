@@ -4,7 +4,6 @@
 
 #include <QItemSelectionModel>
 #include <QListView>
-#include <QPainter>
 #include <QSignalSpy>
 #include <QStandardItemModel>
 #include <QtTest>
@@ -40,27 +39,12 @@ void addRow(QStandardItemModel &model, const QString &name, bool editable, const
     model.appendRow(item);
 }
 
-QImage paintRow(RQTableCellView &cell, const QModelIndex &index, QSize size, QStyle::State extra = {})
-{
-    QImage image(size, QImage::Format_ARGB32);
-    image.fill(Qt::white);
-    QPainter painter(&image);
-    QStyleOptionViewItem option;
-    option.rect = QRect(QPoint(0, 0), size);
-    option.font = QApplication::font();
-    option.fontMetrics = QFontMetrics(option.font);
-    option.palette = QApplication::palette();
-    option.state = QStyle::State_Enabled | extra;
-    cell.paint(&painter, option, index);
-    return image;
-}
 }  // namespace
 
 class TestRows : public QObject {
     Q_OBJECT
 private slots:
     void backgroundFollowsTheControllersAnswer();
-    void stateImageSitsInItsSquare();
     void listViewShowsOnlyTheRowColours();
     void buttonClicksAndKeysReportTheAnchor();
 };
@@ -91,31 +75,6 @@ void TestRows::backgroundFollowsTheControllersAnswer()
         QCOMPARE_PIXEL(image, x, 63, kSeparator, 0);
     QCOMPARE_PIXEL(image, 0, 62, kSelected, 0);
     QCOMPARE_PIXEL(image, 599, 0, kSelected, 0);
-}
-
-void TestRows::stateImageSitsInItsSquare()
-{
-    // A HiDPI image (64 x 64 pixels for 32 x 32 points) fills the square exactly.
-    QImage red(64, 64, QImage::Format_ARGB32);
-    red.fill(Qt::red);
-    red.setDevicePixelRatio(2.0);
-    QStandardItemModel model;
-    addRow(model, QStringLiteral("a.wav"), true, red);
-    addRow(model, QStringLiteral("b.wav"), true);
-    RQTableCellView cell;
-    const QSize size(500, RQTableCellView::kRowHeight);
-    const QRect square = RQTableCellView::layout(QRect(QPoint(), size)).state;
-    QCOMPARE(square.size(), QSize(32, 32));
-
-    const QImage image = paintRow(cell, model.index(0, 0), size);
-    QCOMPARE_PIXEL(image, square.left(), square.top(), QColor(Qt::red), 0);
-    QCOMPARE_PIXEL(image, square.right(), square.bottom(), QColor(Qt::red), 0);
-    QCOMPARE_PIXEL(image, square.right() + 1, square.center().y(), kUnselected, 0);
-    QCOMPARE_PIXEL(image, square.left(), square.top() - 1, kUnselected, 0);
-
-    // An idle row shows nothing there.
-    const QImage idle = paintRow(cell, model.index(1, 0), size);
-    QCOMPARE_PIXEL(idle, square.center().x(), square.center().y(), kUnselected, 0);
 }
 
 void TestRows::listViewShowsOnlyTheRowColours()

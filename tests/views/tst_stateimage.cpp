@@ -2,7 +2,6 @@
 #include "tests/views/ViewsTestUtil.h"
 #include "views/RQTableCellView.h"
 
-#include <QPainter>
 #include <QProcess>
 #include <QStandardItemModel>
 #include <QTemporaryDir>
@@ -11,21 +10,6 @@
 namespace {
 const QColor kViolet(123, 76, 188);
 const QColor kUnselected(61, 57, 58);
-
-QImage paintRow(RQTableCellView &cell, const QModelIndex &index, QSize size)
-{
-    QImage image(size, QImage::Format_ARGB32);
-    image.fill(Qt::white);
-    QPainter painter(&image);
-    QStyleOptionViewItem option;
-    option.rect = QRect(QPoint(0, 0), size);
-    option.font = QApplication::font();
-    option.fontMetrics = QFontMetrics(option.font);
-    option.palette = QApplication::palette();
-    option.state = QStyle::State_Enabled;
-    cell.paint(&painter, option, index);
-    return image;
-}
 }  // namespace
 
 class TestStateImage : public QObject {
