@@ -11,6 +11,7 @@ extern "C" {
 }
 
 #include <atomic>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -32,6 +33,9 @@ struct VXTranscoding::Private {
     std::atomic<bool> cancelled{false};
     std::atomic<bool> failed{false};
     std::atomic<bool> started{false};
+    // Held while `reader` is assigned: the thread may end, and be asked to
+    // destroy us, before the assignment would otherwise be finished.
+    std::mutex threadLock;
     std::thread reader;
     std::thread writer;
     int lastProgress = -1; // writer thread only
@@ -99,7 +103,11 @@ void VXTranscoding::transcodingWithBlock(VXTranscodingBlock block)
         return;
     }
     d->block = std::move(block);
-    d->reader = std::thread([p = d.get()] { p->run(); });
+    std::lock_guard<std::mutex> guard(d->threadLock);
+    d->reader = std::thread([p = d.get()] {
+        { std::lock_guard<std::mutex> assigned(p->threadLock); }
+        p->run();
+    });
 }
 
 void VXTranscoding::cancelTranscoding()

@@ -4,7 +4,6 @@
 #include <QDir>
 #include <QFile>
 #include <atomic>
-#include <future>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -110,19 +109,18 @@ TEST(Transcoding, ReleasedFromItsOwnEndReport)
 {
     auto holder = VXTranscoding::initWithInput(corpusFile("wav16"), outPath("self.wav"));
     ASSERT_TRUE(holder);
-    std::promise<int64_t> ended;
+    Reports reports;
     VXTranscoding *raw = holder.get();
     auto keep = std::make_shared<std::shared_ptr<VXTranscoding>>(std::move(holder));
-    raw->transcodingWithBlock([keep, &ended](int32_t state, int64_t value) {
+    raw->transcodingWithBlock([keep, record = reports.block()](int32_t state, int64_t value) {
         if (state != VXTranscodingStateEnd)
             return;
         keep->reset();
-        ended.set_value(value);
+        record(state, value);
     });
     keep.reset();
-    auto future = ended.get_future();
-    ASSERT_EQ(future.wait_for(std::chrono::minutes(2)), std::future_status::ready);
-    EXPECT_EQ(future.get(), VXTranscodingCompleted);
+    ASSERT_TRUE(reports.waitForEnd());
+    EXPECT_EQ(reports.endValue(), VXTranscodingCompleted);
 }
 
 TEST(Transcoding, SetUpFailuresAreValues)
