@@ -142,13 +142,14 @@ signals:
 private:
     struct Job;
     VXAudioGain(const QString &path, const QString &outFolder);
-    void runJob(const VXGainBlock &block);
+    // The job's work up to its end; the result code of its end report.
+    qint64 runJob(const VXGainBlock &block);
     bool deliver(qint32 state, qint64 retCode, const VXGainBlock &block);
     void applyReport(qint32 state, qint64 retCode, const VXGainBlock &block);
     bool chooseTempOutFile();
     void runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, bool secondPass);
     void releaseTransCoding();
-    void finishWithPlacement(const VXGainBlock &block);
+    qint64 finishWithPlacement();
     void setOutPathFileFromJob(const QString &path);
 
     mutable QMutex m_lock;  // guards the strings, m_tempOutFile and m_transCoding

@@ -28,16 +28,24 @@ struct VXAudioGain::Job {
 
 namespace {
 
-// The redirect of a filter's print-out may be process-wide, so one capture
-// at a time: from the redirect to the end of reading the log.
-QMutex g_captureLock;
+struct Shared {
+    // The redirect of a filter's print-out may be process-wide, so one
+    // capture at a time: from the redirect to the end of reading the log.
+    QMutex captureLock;
+    QMutex hookLock;
+    VXAudioGain::LogHook logHook;
+    // Items whose job has been submitted and has not ended, for shutdown.
+    QMutex jobsLock;
+    QHash<VXAudioGain *, std::weak_ptr<VXAudioGain>> jobs;
+};
 
-QMutex g_hookLock;
-VXAudioGain::LogHook g_logHook;
-
-// Items whose job has been submitted and has not ended, for shutdown.
-QMutex g_jobsLock;
-QHash<VXAudioGain *, std::weak_ptr<VXAudioGain>> g_jobs;
+// Never destroyed: a job thread may still be leaving these when an
+// application that has seen its last report returns from main().
+Shared &shared()
+{
+    static Shared *instance = new Shared;
+    return *instance;
+}
 
 qint64 progressOf(int64_t percent, bool secondPass)
 {
@@ -65,8 +73,8 @@ QThreadPool *VXAudioGain::jobPool()
 
 void VXAudioGain::setCapturedLogHookForTesting(LogHook hook)
 {
-    QMutexLocker locker(&g_hookLock);
-    g_logHook = std::move(hook);
+    QMutexLocker locker(&shared().hookLock);
+    shared().logHook = std::move(hook);
 }
 
 void VXAudioGain::gainWithBlock(VXGainBlock block)
@@ -77,15 +85,25 @@ void VXAudioGain::gainWithBlock(VXGainBlock block)
     }
     auto self = shared_from_this();
     {
-        QMutexLocker locker(&g_jobsLock);
-        g_jobs.insert(this, self);
+        QMutexLocker locker(&shared().jobsLock);
+        shared().jobs.insert(this, self);
     }
     const bool reported = VXMainThread::isMainThread() && deliver(1, 0, block);
-    jobPool()->start([self, block, reported] {
-        if (reported || self->deliver(1, 0, block))
-            self->runJob(block);
-        QMutexLocker locker(&g_jobsLock);
-        g_jobs.remove(self.get());
+    jobPool()->start([self, block, reported]() mutable {
+        const qint64 result = reported || self->deliver(1, 0, block) ? self->runJob(block) : -2;
+        {
+            QMutexLocker locker(&shared().jobsLock);
+            shared().jobs.remove(self.get());
+        }
+        // The end report also hands the job's references over to the main
+        // thread: once it has run, the application may quit at any moment,
+        // and this thread must not be the one to release the item then.
+        VXAudioGain *item = self.get();
+        VXRunOnMainThread([&] {
+            item->applyReport(3, result, block);
+            block = nullptr;
+            self.reset();
+        });
     });
 }
 
@@ -105,8 +123,8 @@ bool VXAudioGain::cancelAllJobsAndWait(int msecs)
     VXMainThread::shutdown();
     QList<std::shared_ptr<VXAudioGain>> running;
     {
-        QMutexLocker locker(&g_jobsLock);
-        for (const auto &weak : std::as_const(g_jobs)) {
+        QMutexLocker locker(&shared().jobsLock);
+        for (const auto &weak : std::as_const(shared().jobs)) {
             if (auto item = weak.lock())
                 running.append(item);
         }
@@ -183,7 +201,7 @@ void VXAudioGain::releaseTransCoding()
     last.reset();  // outside the lock: it joins the codec's threads
 }
 
-void VXAudioGain::runJob(const VXGainBlock &block)
+qint64 VXAudioGain::runJob(const VXGainBlock &block)
 {
     Job job;
     job.block = block;
@@ -196,12 +214,10 @@ void VXAudioGain::runJob(const VXGainBlock &block)
         return m_cancelGain;
     };
     if (cancelRequested()) {
-        deliver(3, -2, block);
-        return;
+        return -2;
     }
     if (!chooseTempOutFile()) {
-        deliver(3, -1, block);
-        return;
+        return -1;
     }
     const QString input = inputFile();
     const QString temp = tempOutFile();
@@ -209,8 +225,7 @@ void VXAudioGain::runJob(const VXGainBlock &block)
     {
         auto pass1 = VXTranscoding::initWithInput(input, temp);
         if (!pass1) {
-            deliver(3, -1, block);
-            return;
+            return -1;
         }
         job.filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
         job.filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
@@ -221,24 +236,22 @@ void VXAudioGain::runJob(const VXGainBlock &block)
 
     QByteArray log;
     {
-        QMutexLocker capture(&g_captureLock);
+        QMutexLocker capture(&shared().captureLock);
         const QString logFile = job.filter->logFile();
         job.filter->redirectStdErrToFile(logFile);
         releaseTransCoding();  // the filter prints its record as it is freed
         job.filter->cancelRedirectStdErr();
         if (job.passResult == VXTranscodingFailed || job.passResult == VXTranscodingCancelled) {
-            capture.unlock();
-            deliver(3, job.passResult == VXTranscodingFailed ? -1 : -2, block);
-            return;
+            return job.passResult == VXTranscodingFailed ? -1 : -2;
         }
         QFile file(job.filter->logFile());
         if (file.open(QIODevice::ReadOnly))
             log = file.readAll();
     }
     {
-        QMutexLocker locker(&g_hookLock);
-        if (g_logHook)
-            log = g_logHook(log);
+        QMutexLocker locker(&shared().hookLock);
+        if (shared().logHook)
+            log = shared().logHook(log);
     }
 
     // The record is the one flat JSON object in the print-out; a "}" before
@@ -266,8 +279,7 @@ void VXAudioGain::runJob(const VXGainBlock &block)
     if (record.isEmpty()) {
         // Pass 1 already normalised in one go: its output is still worth having.
         VXLog(QStringLiteral("Waring: Can not using two pass gain(%1).").arg(reason));
-        finishWithPlacement(block);
-        return;
+        return finishWithPlacement();
     }
 
     // Each measured value goes on as the record spells it.
@@ -284,26 +296,22 @@ void VXAudioGain::runJob(const VXGainBlock &block)
     {
         auto pass2 = VXTranscoding::initWithInput(input, temp);
         if (!pass2) {
-            deliver(3, -1, block);
-            return;
+            return -1;
         }
         pass2->addAudioFilter(job.filter);
         runPass(job, pass2, true);
     }
     releaseTransCoding();
     if (job.passResult == VXTranscodingCancelled) {
-        deliver(3, -2, block);
-        return;
+        return -2;
     }
     if (job.passResult == VXTranscodingFailed) {
-        deliver(3, -1, block);
-        return;
+        return -1;
     }
-    finishWithPlacement(block);
+    return finishWithPlacement();
 }
 
-void VXAudioGain::finishWithPlacement(const VXGainBlock &block)
+qint64 VXAudioGain::finishWithPlacement()
 {
-    const bool placed = moveTempFileToFinalOut(tempOutFile());
-    deliver(3, placed ? 0 : -1, block);
+    return moveTempFileToFinalOut(tempOutFile()) ? 0 : -1;
 }

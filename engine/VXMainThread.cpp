@@ -15,16 +15,17 @@ struct Hop {
 };
 
 // One lock and condition for every hop: hops are short, and shutdown must
-// reach all the waiters at once.
+// reach all the waiters at once. Never destroyed: a thread whose last hop has
+// just run may still be leaving the wait when the application exits.
 std::mutex &hopLock()
 {
-    static std::mutex lock;
-    return lock;
+    static auto *lock = new std::mutex;
+    return *lock;
 }
 std::condition_variable &hopDone()
 {
-    static std::condition_variable cv;
-    return cv;
+    static auto *cv = new std::condition_variable;
+    return *cv;
 }
 bool g_shutDown = false;  // under hopLock
 
