@@ -4,6 +4,7 @@
 
 #include "app/RQRecursiveViewCtrl.h"
 
+#include <QCheckBox>
 #include <QFileDialog>
 #include <QListView>
 #include <QMimeData>
@@ -144,11 +145,22 @@ private slots:
             QCOMPARE(got, (QStringList{QStringLiteral(".hidden.wav"), QStringLiteral("c.wav")}));
         }
         {
+            // The dialog itself: a folder is returned, not opened, and the
+            // accessory's check box asks for its sub-folders.
             Controller c;
-            recursive->setRecursive(true);
+            c->selectAudioFiles();
+            auto *dialog = qobject_cast<QFileDialog *>(c->currentDialog());
+            QVERIFY(dialog);
+            auto *box = dialog->findChild<QCheckBox *>(QStringLiteral("chkRecursive"));
+            QVERIFY(box);
+            QVERIFY(!box->isChecked());
+            box->click();
+            QVERIFY(recursive->recursive());
+            dialog->setDirectory(m_tree);
+            dialog->selectFile(QStringLiteral("sub"));
             bool done = false;
             connect(c.app.get(), &AppDelegate::importFinished, this, [&done] { done = true; });
-            c->openPanelDidEnd(QDialog::Accepted, {m_tree + "/sub"});
+            static_cast<QDialog *>(dialog)->accept();  // as the "Open" button does
             QVERIFY(waitFor([&] { return done; }));
             QStringList got = c.names();
             got.sort();
