@@ -30,6 +30,10 @@ summary=$work/summary.txt
 say() { echo "$*" | tee -a "$summary"; }
 
 now() { date +%s.%N; }
+ffmpeg_rss() { # the recipe's first pass on the latency file, for comparison
+  /usr/bin/time -f "%M" ffmpeg -v error -nostdin -i "$corpus/$latency_file" -af "loudnorm=I=$target:print_format=json" -f null - 2>&1 |
+    tail -1 | awk '{ printf "%.1f MB", $1 / 1024 }'
+}
 since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.2f", b - a }'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 
@@ -40,25 +44,28 @@ for f in "${files[@]}"; do
 done
 say "corpus: ${#files[@]} files, $(awk -v t="$total" 'BEGIN { printf "%.0f", t }') s of audio; $(nproc) cores; load $(cut -d' ' -f1-3 /proc/loadavg)"
 
-# --- batch: ours with every core, the recipe one file after the other and two at a time
+# --- batch: ours with every core, the recipe one file after the other and two at a time.
+# Each is timed with /usr/bin/time: wall, user and system CPU (children included), max RSS.
+timed() { local name=$1; shift; /usr/bin/time -f "%e %U %S %M" -o "$work/$name.time" "$@"; }
+field() { awk -v n="$2" '{ print $n }' "$work/$1.time"; }
+cpu() { awk '{ printf "%.1f", $2 + $3 }' "$work/$1.time"; }
+export root work target
+
 echo "== evenloud-cli, batch, --jobs $jobs" >&2
-t=$(now)
-/usr/bin/time -f "%M" -o "$work/ours.rss" "$cli" --jobs "$jobs" -o "$work/ours" --json "${files[@]}" \
-  >"$work/ours.json" 2>"$work/ours.log" || { echo "evenloud-cli failed, see $work/ours.log" >&2; exit 1; }
-ours=$(since "$t")
-rss_mb=$(awk '{ printf "%.1f", $1 / 1024 }' "$work/ours.rss")
+timed ours "$cli" --jobs "$jobs" -o "$work/ours" --json "${files[@]}" >"$work/ours.json" 2>"$work/ours.log" ||
+  { echo "evenloud-cli failed, see $work/ours.log" >&2; exit 1; }
+ours=$(field ours 1)
+rss_mb=$(awk '{ printf "%.1f", $4 / 1024 }' "$work/ours.time")
 
 echo "== recipe, sequential" >&2
 mkdir -p "$work/seq"
-t=$(now)
-for f in "${files[@]}"; do "$root/bench/recipe.sh" "$f" "$work/seq" "$target"; done
-seq=$(since "$t")
+timed seq bash -c 'for f; do "$root/bench/recipe.sh" "$f" "$work/seq" "$target" || exit 1; done' _ "${files[@]}"
+seq=$(field seq 1)
 
 echo "== recipe, two at a time" >&2
 mkdir -p "$work/par"
-t=$(now)
-printf '%s\0' "${files[@]}" | xargs -0 -P 2 -I{} "$root/bench/recipe.sh" {} "$work/par" "$target"
-par=$(since "$t")
+timed par bash -c 'printf "%s\0" "$@" | xargs -0 -P 2 -I{} "$root/bench/recipe.sh" {} "$work/par" "$target"' _ "${files[@]}"
+par=$(field par 1)
 
 # --- single-file latency, best of two
 echo "== single file: $latency_file" >&2
@@ -70,7 +77,9 @@ say ""
 say "batch wall time      evenloud-cli ${ours}s   recipe sequential ${seq}s   recipe x2 ${par}s"
 say "batch speed-up       vs sequential $(ratio "$seq" "$ours")x (target >= 1.5)   vs two at a time $(ratio "$par" "$ours")x"
 say "single-file latency  evenloud-cli ${lat_ours}s   recipe ${lat_rec}s   ours/recipe $(ratio "$lat_ours" "$lat_rec") (target <= 1.1)"
-say "peak memory (batch)  ${rss_mb} MB (target < 150)"
+say "CPU time (user+sys)  evenloud-cli $(cpu ours)s   recipe sequential $(cpu seq)s   recipe x2 $(cpu par)s"
+say "peak memory (batch)  ${rss_mb} MB max RSS (target < 150); one recipe process peaks at $(ffmpeg_rss)"
+say "load average now     $(cut -d' ' -f1-3 /proc/loadavg) (other work on the machine slows every wall time above)"
 
 # --- every output against the target, measured independently
 say ""

@@ -30,7 +30,8 @@ QString barLine(QString label, double fraction, const QString &tail, int width)
     if (label.size() > labelWidth)
         label = QStringLiteral("…") + label.right(labelWidth - 1);
     const QString pct = QStringLiteral("%1%").arg(int(fraction * 100.0), 3);
-    const int barWidth = std::max(10, width - labelWidth - int(pct.size()) - int(tail.size()) - 7);
+    // The tail's room is kept on every line so the bars line up.
+    const int barWidth = std::max(10, width - labelWidth - int(pct.size()) - 8 - 7);
     const int filled = int(fraction * barWidth + 0.5);
     return QStringLiteral(" %1 [%2%3] %4 %5")
         .arg(label.leftJustified(labelWidth), QString(filled, QLatin1Char('#')),
