@@ -139,7 +139,7 @@ AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGra
 
     for (auto it = attributes.begin(); it != attributes.end(); ++it) {
         if (isMeasurement(it.key()) && !isFiniteNumber(optionString(it.value())))
-            return passThrough(QStringLiteral("measured %1 is %2").arg(it.key(), it.value().toString()));
+            return passThrough(QStringLiteral("%1 is %2").arg(it.key(), it.value().toString()));
     }
 
     AVFilterContext *ctx = avfilter_graph_alloc_filter(graph, avfilter_get_by_name(name.constData()), instanceName);
@@ -152,7 +152,7 @@ AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGra
                                    AV_OPT_SEARCH_CHILDREN);
         if (err == AVERROR(ERANGE) && isMeasurement(it.key())) {
             avfilter_free(ctx);
-            return passThrough(QStringLiteral("measured %1 %2 is out of range").arg(it.key(), it.value().toString()));
+            return passThrough(QStringLiteral("%1 %2 is out of range").arg(it.key(), it.value().toString()));
         }
         if (err < 0) {
             *error = QStringLiteral("%1=%2: %3").arg(it.key(), it.value().toString(), vx::errorString(err));
