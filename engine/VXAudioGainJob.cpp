@@ -213,20 +213,17 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         QMutexLocker locker(&m_lock);
         return m_cancelGain;
     };
-    if (cancelRequested()) {
+    if (cancelRequested())
         return -2;
-    }
-    if (!chooseTempOutFile()) {
+    if (!chooseTempOutFile())
         return -1;
-    }
     const QString input = inputFile();
     const QString temp = tempOutFile();
 
     {
         auto pass1 = VXTranscoding::initWithInput(input, temp);
-        if (!pass1) {
+        if (!pass1)
             return -1;
-        }
         job.filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
         job.filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
         job.filter->setValue(QString::fromLatin1(VXPrintFormatJSON), QString::fromLatin1(kVXPrintFormat));
@@ -241,9 +238,8 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         job.filter->redirectStdErrToFile(logFile);
         releaseTransCoding();  // the filter prints its record as it is freed
         job.filter->cancelRedirectStdErr();
-        if (job.passResult == VXTranscodingFailed || job.passResult == VXTranscodingCancelled) {
+        if (job.passResult == VXTranscodingFailed || job.passResult == VXTranscodingCancelled)
             return job.passResult == VXTranscodingFailed ? -1 : -2;
-        }
         QFile file(job.filter->logFile());
         if (file.open(QIODevice::ReadOnly))
             log = file.readAll();
@@ -295,19 +291,16 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
 
     {
         auto pass2 = VXTranscoding::initWithInput(input, temp);
-        if (!pass2) {
+        if (!pass2)
             return -1;
-        }
         pass2->addAudioFilter(job.filter);
         runPass(job, pass2, true);
     }
     releaseTransCoding();
-    if (job.passResult == VXTranscodingCancelled) {
+    if (job.passResult == VXTranscodingCancelled)
         return -2;
-    }
-    if (job.passResult == VXTranscodingFailed) {
+    if (job.passResult == VXTranscodingFailed)
         return -1;
-    }
     return finishWithPlacement();
 }
 
