@@ -1,3 +1,5 @@
+#include "engine/VXAudioGain.h"
+
 #include <QGuiApplication>
 #include <gtest/gtest.h>
 
@@ -7,5 +9,8 @@ int main(int argc, char **argv)
     // report to this (main) thread.
     QGuiApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    const int failed = RUN_ALL_TESTS();
+    // Failed and cancelled jobs leave temporary files, as the application's.
+    VXAudioGain::cleanCache();
+    return failed;
 }
