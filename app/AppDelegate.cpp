@@ -104,10 +104,9 @@ void AppDelegate::connectWindow()
     connect(this, &AppDelegate::allowGainChanged, this, [this] { m_ui->btnGain->setEnabled(m_allowGain); });
     connect(this, &AppDelegate::canRemoveChanged, this,
             [this] { m_ui->actionRemoveSelected->setEnabled(m_canRemove); });
-    connect(this, &AppDelegate::allowedImportChanged, this, [this] {
-        m_ui->actionClearList->setEnabled(m_allowedImport);
-        m_ui->actionChooseOutputFolder->setEnabled(true);
-    });
+    // Clearing during an import would race the files still arriving.
+    connect(this, &AppDelegate::allowedImportChanged, this,
+            [this] { m_ui->actionClearList->setEnabled(m_allowedImport); });
     ui.btnGain->setEnabled(false);
     ui.actionRemoveSelected->setEnabled(false);
 

@@ -10,11 +10,9 @@
 #include <QTest>
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include "app/AppDelegate.h"
 #include "engine/VXMainThread.h"
-#include "engine/codec/VXLog.h"
 #include "tests/support/Fixtures.h"
 
 namespace apptest {
@@ -85,29 +83,6 @@ struct Controller {
             names << item->inputFileName();
         return names;
     }
-};
-
-// Collects log lines for the lifetime of the object.
-class LogCapture {
-public:
-    LogCapture()
-    {
-        m_previous = VXSetLogSink([this](const QString &line) {
-            std::lock_guard<std::mutex> locker(m_lock);
-            m_lines << line;
-        });
-    }
-    ~LogCapture() { VXSetLogSink(m_previous); }
-    QStringList lines() const
-    {
-        std::lock_guard<std::mutex> locker(m_lock);
-        return m_lines;
-    }
-
-private:
-    mutable std::mutex m_lock;
-    QStringList m_lines;
-    VXLogSink m_previous;
 };
 
 } // namespace apptest

@@ -3,6 +3,8 @@
 // jobs under way. Real jobs on real files.
 #include "AppTestUtil.h"
 
+#include "engine/codec/VXLog.h"
+
 #include <QCheckBox>
 #include <QFileDialog>
 #include <QItemSelectionModel>
@@ -116,9 +118,11 @@ private slots:
         QSettings().clear();
         Controller c;
         QVERIFY(c.import({m_short[0]}));
-        LogCapture log;
+        QStringList log;
+        const VXLogSink previous = VXSetLogSink([&log](const QString &line) { log << line; });
         c->gainAudios();
-        QCOMPARE(log.lines(), QStringList{QStringLiteral("Please select out folder while not replace the original file.")});
+        VXSetLogSink(previous);
+        QCOMPARE(log, QStringList{QStringLiteral("Please select out folder while not replace the original file.")});
         QCOMPARE(c->audioGains()->at(0)->state(), 0);
         QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));
     }
