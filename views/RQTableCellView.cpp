@@ -182,11 +182,13 @@ void RQTableCellView::watchView(const QWidget *widget) const
     if (!view || view == m_view)
         return;
     auto *self = const_cast<RQTableCellView *>(this);  // filters are installed lazily, from paint
-    if (m_view) {
+    if (m_view)
         m_view->removeEventFilter(self);
-        m_view->viewport()->removeEventFilter(self);
-    }
+    if (m_viewport)
+        m_viewport->removeEventFilter(self);
     m_view = view;
+    m_viewport = view->viewport();
+    m_viewId = view;
     view->installEventFilter(self);
     view->viewport()->installEventFilter(self);
 }
@@ -194,14 +196,17 @@ void RQTableCellView::watchView(const QWidget *widget) const
 bool RQTableCellView::eventFilter(QObject *watched, QEvent *event)
 {
     // The base class takes every watched widget for an editor (Tab, focus
-    // out...): the list and its viewport must not go there.
-    if (!m_view || (watched != m_view && watched != m_view->viewport()))
+    // out...): the list and its viewport must not go there. Only the two
+    // event kinds below are looked at, so the list is never asked for its
+    // viewport while it is being torn down.
+    const bool ours = watched == m_viewId || (m_viewport && watched == m_viewport.data());
+    if (!ours)
         return QStyledItemDelegate::eventFilter(watched, event);
-    if (watched == m_view && event->type() == QEvent::KeyPress) {
+    if (watched == m_viewId && event->type() == QEvent::KeyPress && m_view) {
         // The list turns Enter into "activated" before any delegate sees it.
         return activateFromKey(m_view, m_view->currentIndex(), event);
     }
-    if (watched == m_view->viewport() && event->type() == QEvent::MouseButtonRelease && m_pressed.isValid()) {
+    if (watched == m_viewport.data() && event->type() == QEvent::MouseButtonRelease && m_pressed.isValid()) {
         // A release away from the pressed row never reaches editorEvent for it.
         const auto *mouse = static_cast<QMouseEvent *>(event);
         if (m_view->indexAt(mouse->position().toPoint()) != m_pressed) {

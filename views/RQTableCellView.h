@@ -59,4 +59,8 @@ private:
     QPersistentModelIndex m_pressed;
     // The list whose Enter/Return keys reach the button (found when first painted).
     mutable QPointer<QAbstractItemView> m_view;
+    mutable QPointer<QWidget> m_viewport;
+    // The list's identity for the filter, compared without touching the
+    // object (it may be half destroyed when its last events arrive).
+    mutable const QObject *m_viewId = nullptr;
 };

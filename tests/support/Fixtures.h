@@ -1,5 +1,7 @@
 #pragma once
 
+#include <ostream>
+
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -35,6 +37,8 @@ struct Format {
     bool hasCover = false; // attached picture written
     bool hasVideo = false; // a real video stream besides the audio
 };
+// Test listings show a parameter by its variant, not as raw bytes.
+inline void PrintTo(const Format &format, std::ostream *os) { *os << format.variant.toStdString(); }
 QList<Format> formats();
 Format format(const QString &variant);
 
