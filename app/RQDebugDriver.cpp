@@ -1,17 +1,33 @@
 #include "app/RQDebugDriver.h"
 
 #include "app/AppDelegate.h"
+#include "views/RQPopupMenuWndCtrl.h"
+#include "views/RQTableCellView.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
+#include <QListView>
 #include <QMainWindow>
+#include <QPainter>
 #include <QPixmap>
 #include <QTimer>
 #include <QToolButton>
 #include <cstdio>
 
 RQDebugDriver::RQDebugDriver(AppDelegate *delegate) : QObject(delegate), m_delegate(delegate) {}
+
+namespace {
+// A non-negative whole number, or -1 when absent or malformed.
+int countValue(const QCommandLineParser &parser, const QCommandLineOption &option)
+{
+    if (!parser.isSet(option))
+        return -1;
+    bool ok = false;
+    const int value = parser.value(option).toInt(&ok);
+    return ok && value >= 0 ? value : -2;
+}
+}  // namespace
 
 bool RQDebugDriver::start(const QStringList &arguments)
 {
@@ -21,12 +37,26 @@ bool RQDebugDriver::start(const QStringList &arguments)
     const QCommandLineOption folder(QStringLiteral("output-folder"), QString(), QStringLiteral("dir"));
     const QCommandLineOption gain(QStringLiteral("gain"));
     const QCommandLineOption screenshot(QStringLiteral("screenshot"), QString(), QStringLiteral("file"));
+    const QCommandLineOption whenProgress(QStringLiteral("screenshot-when-progress"), QString(),
+                                          QStringLiteral("percent"));
+    const QCommandLineOption whenImported(QStringLiteral("screenshot-when-imported"), QString(),
+                                          QStringLiteral("rows"));
+    const QCommandLineOption popup(QStringLiteral("popup"), QString(), QStringLiteral("row"));
     const QCommandLineOption quit(QStringLiteral("quit-when-done"));
     const QCommandLineOption quitAfter(QStringLiteral("quit-after"), QString(), QStringLiteral("msecs"));
-    for (const auto &option : {import, recursive, folder, gain, screenshot, quit, quitAfter})
+    for (const auto &option : {import, recursive, folder, gain, screenshot, whenProgress, whenImported, popup, quit,
+                               quitAfter})
         parser.addOption(option);
     if (!parser.parse(arguments)) {
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
+        return false;
+    }
+    m_whenProgress = countValue(parser, whenProgress);
+    m_whenImported = countValue(parser, whenImported);
+    m_popupRow = countValue(parser, popup);
+    if (m_whenProgress == -2 || m_whenImported == -2 || m_popupRow == -2) {
+        std::fprintf(stderr, "Expected a whole number for --screenshot-when-progress, "
+                             "--screenshot-when-imported and --popup\n");
         return false;
     }
     m_gain = parser.isSet(gain);
@@ -49,12 +79,16 @@ bool RQDebugDriver::start(const QStringList &arguments)
         absolute << QDir(path).absolutePath();
     connect(m_delegate, &AppDelegate::importFinished, this, &RQDebugDriver::importDone,
             Qt::SingleShotConnection);
+    if (m_whenImported >= 0)
+        connect(m_delegate->audioGains(), &QAbstractItemModel::rowsInserted, this, &RQDebugDriver::checkImportCount);
     m_delegate->importAudioWithPaths(absolute, parser.isSet(recursive));
     return true;
 }
 
 void RQDebugDriver::importDone()
 {
+    if (m_shot)
+        return;
     if (!m_gain) {
         finish();
         return;
@@ -65,25 +99,81 @@ void RQDebugDriver::importDone()
     checkGainDone();
 }
 
+void RQDebugDriver::checkImportCount()
+{
+    // The veil must still be up, so the grab waits for a row count the
+    // import has not finished with yet.
+    if (m_shot || m_delegate->allowedImport() || m_delegate->audioGains()->count() < m_whenImported)
+        return;
+    shoot();
+}
+
 void RQDebugDriver::checkGainDone()
 {
-    if (!m_gaining)
+    if (!m_gaining || m_shot)
         return;
-    for (const VXAudioGainPtr &item : m_delegate->audioGains()->items()) {
-        if (item->isRunning())
-            return;
+    // The batch as a whole: a finished row counts in full, a waiting one
+    // not at all, so the grab catches rows at different stages.
+    bool running = false;
+    qint64 done = 0;
+    const QList<VXAudioGainPtr> items = m_delegate->audioGains()->items();
+    for (const VXAudioGainPtr &item : items) {
+        running |= item->isRunning();
+        if (item->state() == 3)
+            done += 100;
+        else if (item->state() == 2)
+            done += qBound(qint64(0), item->retCode(), qint64(100));
     }
+    if (running && m_whenProgress >= 0 && !items.isEmpty() && done >= qint64(m_whenProgress) * items.size()) {
+        shoot();
+        return;
+    }
+    if (running)
+        return;
     m_gaining = false;
     finish();
 }
 
 void RQDebugDriver::finish()
 {
+    if (m_popupRow >= 0 && m_popupRow < m_delegate->audioGains()->count()) {
+        QListView *list = m_delegate->tableView();
+        const QModelIndex index = list->model()->index(m_popupRow, 0);
+        list->scrollTo(index);
+        const QRect anchor = RQTableCellView::layout(list->visualRect(index)).loudnessImgView;
+        m_delegate->popupTargetLoudnessAdjustMenu(m_popupRow, anchor);
+    }
     // Let the last rows repaint before the grab.
-    QTimer::singleShot(500, this, [this] {
-        if (!m_screenshot.isEmpty() && !m_delegate->window()->grab().save(m_screenshot))
-            std::fprintf(stderr, "Cannot write %s\n", qPrintable(m_screenshot));
-        if (m_quit)
-            m_delegate->quitApplication();
-    });
+    QTimer::singleShot(500, this, &RQDebugDriver::shoot);
+}
+
+void RQDebugDriver::shoot()
+{
+    m_shot = true;
+    if (!m_screenshot.isEmpty() && !grabWindow(m_delegate).save(m_screenshot))
+        std::fprintf(stderr, "Cannot write %s\n", qPrintable(m_screenshot));
+    if (m_quit)
+        m_delegate->quitApplication();
+}
+
+QPixmap RQDebugDriver::grabWindow(AppDelegate *delegate)
+{
+    QMainWindow *main = delegate->window();
+    QWidget *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->window();
+    if (!popup->isVisible())
+        return main->grab();
+    // The popup may hang past the window's edges: the canvas takes both,
+    // on a backdrop darker than the window so its edge stays visible.
+    const QRect mainRect(QPoint(0, 0), main->size());
+    const QRect popupRect(main->mapFromGlobal(popup->pos()), popup->size());
+    const int margin = 12;
+    const QRect canvas = mainRect.united(popupRect.adjusted(-margin, -margin, margin, margin));
+    const qreal ratio = main->devicePixelRatioF();
+    QPixmap composed(canvas.size() * ratio);
+    composed.setDevicePixelRatio(ratio);
+    composed.fill(main->palette().color(QPalette::Window).darker(180));
+    QPainter painter(&composed);
+    painter.drawPixmap(mainRect.topLeft() - canvas.topLeft(), main->grab());
+    painter.drawPixmap(popupRect.topLeft() - canvas.topLeft(), popup->grab());
+    return composed;
 }
