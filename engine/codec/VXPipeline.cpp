@@ -378,6 +378,19 @@ bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters,
         }
         last = ctx;
     }
+    if (!filters.empty()) {
+        // loudnorm hands over its last three seconds at 192 kHz as one frame;
+        // cut it up before the resampler, which would otherwise hold several
+        // copies of it at once (tens of MB per job at the end of a pass).
+        AVFilterContext *split = nullptr;
+        if ((err = avfilter_graph_create_filter(&split, avfilter_get_by_name("asetnsamples"), "split",
+                                                "n=4096:p=0", nullptr, graph.get())) < 0
+            || (err = avfilter_link(last, 0, split, 0)) < 0) {
+            *why = QStringLiteral("asetnsamples: %1").arg(errorString(err));
+            return false;
+        }
+        last = split;
+    }
 
     // Back to what the encoder takes. soxr at its default precision is
     // transparent and cheap; 16-bit targets get dither on the way down.
