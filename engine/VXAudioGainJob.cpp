@@ -18,6 +18,7 @@
 #include <QSemaphore>
 #include <QThreadPool>
 #include <algorithm>
+#include <malloc.h>
 
 struct VXAudioGain::Job {
     VXGainBlock block;
@@ -64,6 +65,13 @@ QThreadPool *VXAudioGain::jobPool()
     // started and can be cancelled. Never destroyed: a static pool's
     // destructor would wait for jobs after the application object is gone.
     static QThreadPool *pool = [] {
+        // Every pass allocates and frees buffers of several MB (loudnorm's
+        // three-second windows at 192 kHz). glibc's sliding mmap threshold
+        // would soon serve those from the heap, which never shrinks: two jobs
+        // then held about 35 MB more at their peak. A fixed threshold keeps
+        // them mapped and returned on release.
+        mallopt(M_MMAP_THRESHOLD, 64 * 1024);
+        mallopt(M_TRIM_THRESHOLD, 128 * 1024);
         auto *p = new QThreadPool;
         p->setMaxThreadCount(std::max(2, QThread::idealThreadCount()));
         return p;
