@@ -17,9 +17,10 @@ echo "== building Release in $build" >&2
 # Another area's half-finished tests must not stop the bench's own targets.
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null 2>"$root/build/bench-cmake.log" ||
   echo "   (configure reported problems elsewhere, see build/bench-cmake.log; building anyway)" >&2
-cmake --build "$build" --target evenloud-cli evenloud-meter -j2 >/dev/null
+cmake --build "$build" --target evenloud-cli evenloud-meter evenloud-transcode -j2 >/dev/null
 cli=$build/cli/evenloud-cli
 meter=$build/bench/evenloud-meter
+transcode=$build/bench/evenloud-transcode
 
 echo "== corpus in $corpus" >&2
 "$root/bench/make-corpus.sh" "$corpus"
@@ -79,6 +80,21 @@ say "batch speed-up       vs sequential $(ratio "$seq" "$ours")x (target >= 1.5)
 say "single-file latency  evenloud-cli ${lat_ours}s   recipe ${lat_rec}s   ours/recipe $(ratio "$lat_ours" "$lat_rec") (target <= 1.1)"
 say "CPU time (user+sys)  evenloud-cli $(cpu ours)s   recipe sequential $(cpu seq)s   recipe x2 $(cpu par)s"
 say "peak memory (batch)  ${rss_mb} MB max RSS (target < 150); one recipe process peaks at $(ffmpeg_rss)"
+
+# --- the codec layer's memory does not grow with the file's length
+echo "== filterless transcoding, 6 and 60 minutes of FLAC" >&2
+mkdir -p "$corpus/long"
+for m in 6 60; do
+  long=$corpus/long/$m-min.flac
+  if [ ! -f "$long" ]; then
+    ffmpeg -v error -nostdin -f lavfi -i "sine=f=220:d=$((m * 60)),aformat=channel_layouts=stereo" \
+      -ar 44100 -c:a flac "$long.part.flac"
+    mv "$long.part.flac" "$long"
+  fi
+  /usr/bin/time -f "%M" -o "$work/long-$m.time" "$transcode" "$long" "$work/long-$m.flac" >/dev/null
+done
+say "peak memory (alone)  filterless FLAC transcoding: 6 min $(awk '{ printf "%.1f", $1 / 1024 }' "$work/long-6.time") MB, 60 min $(awk '{ printf "%.1f", $1 / 1024 }' "$work/long-60.time") MB max RSS"
+rm -f "$work"/long-*.flac
 say "load average now     $(cut -d' ' -f1-3 /proc/loadavg) (other work on the machine slows every wall time above)"
 
 # --- every output against the target, measured independently

@@ -1,7 +1,7 @@
-// Test-only tool for measuring the codec layer outside the test suite:
-//   transcode_tool IN OUT             filterless transcoding
-//   transcode_tool IN OUT --two-pass  loudnorm measure, then linear gain
-//   ... --jobs N                      N of them at once (OUT gets a suffix)
+// Measures the codec layer outside the test suite:
+//   evenloud-transcode IN OUT             filterless transcoding
+//   evenloud-transcode IN OUT --two-pass  loudnorm measure, then linear gain
+//   ... --jobs N                          N of them at once (OUT gets a suffix)
 // Prints the pass-1 records and the elapsed time; exit status 0 on success.
 // Spawns no processes, so it also runs cleanly under ThreadSanitizer.
 
