@@ -8,6 +8,20 @@
 
 namespace vx {
 
+namespace {
+bool headerDescribesAllStreams(const AVFormatContext *input)
+{
+    if (input->nb_streams == 0)
+        return false;
+    for (unsigned i = 0; i < input->nb_streams; ++i) {
+        const AVCodecParameters *par = input->streams[i]->codecpar;
+        if (par->codec_type != AVMEDIA_TYPE_AUDIO || par->sample_rate <= 0 || par->ch_layout.nb_channels <= 0)
+            return false;
+    }
+    return true;
+}
+} // namespace
+
 InputPtr openInput(const QString &path, QString *why, int *code)
 {
     installLogRouting();
@@ -26,6 +40,11 @@ InputPtr openInput(const QString &path, QString *why, int *code)
         return nullptr;
     }
     InputPtr input(raw);
+    // When the header already describes every stream (WAV and the like),
+    // the decoders only have to name their sample formats, which a few
+    // packets do; the default 5 MB read made probing a short WAV cost 4 ms.
+    if (headerDescribesAllStreams(input.get()))
+        input->probesize = 32 * 1024;
     err = avformat_find_stream_info(input.get(), nullptr);
     if (err < 0) {
         *why = errorString(err);
