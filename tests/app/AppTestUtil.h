@@ -24,10 +24,7 @@ inline bool waitFor(const std::function<bool()> &pred, int msecs = 120000)
     return QTest::qWaitFor(pred, msecs);
 }
 
-inline QString makeWav(const QString &dir, const QString &name, double seconds = 1.0, double gainDb = 0.0)
-{
-    return fixtures::makeAudio(dir, name, seconds, {QStringLiteral("-c:a"), QStringLiteral("pcm_s16le")}, gainDb);
-}
+using fixtures::makeWav;
 
 // One process-wide setup: the app's identity and settings in a private place.
 inline void initApplication(const QString &settingsDir)

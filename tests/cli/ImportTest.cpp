@@ -80,14 +80,6 @@ protected:
 
 } // namespace
 
-TEST(ImportRules, ExtensionsInOrder)
-{
-    const QStringList expected = {"mp3", "m4a", "mp4", "mov", "m4v", "wma",
-                                  "wav", "ac3", "flac", "mp2", "ogg"};
-    EXPECT_EQ(VXImport::supportAudioGainExts(), expected);
-    EXPECT_EQ(VXImport::supportExtenalFormats(), expected.mid(5));
-}
-
 TEST(ImportRules, ExtensionTest)
 {
     struct Case {

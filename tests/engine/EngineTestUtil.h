@@ -20,10 +20,7 @@ inline bool waitFor(const std::function<bool()> &pred, int msecs = 120000)
     return QTest::qWaitFor(pred, msecs);
 }
 
-inline QString makeWav(const QString &dir, const QString &name, double seconds, double gainDb = 0.0)
-{
-    return fixtures::makeAudio(dir, name, seconds, {QStringLiteral("-c:a"), QStringLiteral("pcm_s16le")}, gainDb);
-}
+using fixtures::makeWav;
 
 // Collects VXLog lines for the lifetime of the object.
 class LogCapture {

@@ -21,6 +21,11 @@ bool run(const QString &program, const QStringList &args, QString *out = nullptr
 // rate, channels, ...). Returns the full path, or "" on failure.
 QString makeAudio(const QString &dir, const QString &name, double seconds,
                   const QStringList &ffmpegOutputArgs, double gainDb = 0.0);
+// The same as 16-bit PCM WAV, the quickest to make and to open.
+inline QString makeWav(const QString &dir, const QString &name, double seconds = 1.0, double gainDb = 0.0)
+{
+    return makeAudio(dir, name, seconds, {QStringLiteral("-c:a"), QStringLiteral("pcm_s16le")}, gainDb);
+}
 
 // A small cover picture (64x48, "png" or "jpg"); full path or "".
 QString makeCover(const QString &dir, const QString &ext = QStringLiteral("jpg"));

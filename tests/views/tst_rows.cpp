@@ -1,3 +1,4 @@
+#include "engine/VXAudioGain.h"
 #include "engine/VXAudioGainList.h"
 #include "tests/views/ViewsTestUtil.h"
 #include "views/RQTableCellView.h"
@@ -47,6 +48,7 @@ private slots:
     void backgroundFollowsTheControllersAnswer();
     void listViewShowsOnlyTheRowColours();
     void buttonClicksAndKeysReportTheAnchor();
+    void stateImageFillsItsSquare();
 };
 
 void TestRows::backgroundFollowsTheControllersAnswer()
@@ -148,6 +150,24 @@ void TestRows::buttonClicksAndKeysReportTheAnchor()
     QCOMPARE(clicked.count(), 3);
     QCOMPARE(clicked.at(1).at(0).toInt(), 2);
     QCOMPARE(clicked.at(2).at(1).toRect(), parts(2).loudnessImgView);
+}
+
+void TestRows::stateImageFillsItsSquare()
+{
+    QStandardItemModel model;
+    addRow(model, QStringLiteral("idle.wav"), true);
+    addRow(model, QStringLiteral("half.wav"), false, VXAudioGain::makeImageWithPrg(50));
+    RQTableCellView cell;
+    const QSize size(500, RQTableCellView::kRowHeight);
+    const QRect square = RQTableCellView::layout(QRect(QPoint(), size)).state;
+    QCOMPARE(square.size(), QSize(32, 32));
+    const QImage idle = paintRow(cell, model.index(0, 0), size);
+    const QImage half = paintRow(cell, model.index(1, 0), size);
+    // The disc's right half is violet, its left half is not; nothing idle.
+    const QPoint centre = square.center();
+    QCOMPARE_PIXEL(half, centre.x() + 6, centre.y(), QColor(123, 76, 188), 12);
+    QVERIFY(!near(half.pixelColor(centre.x() - 7, centre.y()), QColor(123, 76, 188), 12));
+    QCOMPARE_PIXEL(idle, centre.x() + 6, centre.y(), kUnselected, 0);
 }
 
 QTEST_MAIN(TestRows)
