@@ -3,6 +3,8 @@
 #include <QCoreApplication>
 #include <QGuiApplication>
 #include <QDir>
+#include <QItemSelectionModel>
+#include <QListView>
 #include <QSettings>
 #include <QStandardPaths>
 #include <QStringList>
@@ -72,6 +74,14 @@ struct Controller {
         const bool ok = waitFor([&] { return done; });
         QObject::disconnect(c);
         return ok;
+    }
+    // Selects exactly these rows of the list view.
+    void select(const QList<int> &rows)
+    {
+        QItemSelectionModel *selection = app->tableView()->selectionModel();
+        selection->clearSelection();
+        for (int row : rows)
+            selection->select(app->audioGains()->index(row), QItemSelectionModel::Select);
     }
     QStringList names() const
     {

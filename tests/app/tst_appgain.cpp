@@ -7,7 +7,6 @@
 
 #include <QCheckBox>
 #include <QFileDialog>
-#include <QItemSelectionModel>
 #include <QListView>
 #include <QPushButton>
 
@@ -29,14 +28,6 @@ class TestAppGain : public QObject {
     QTemporaryDir m_dir;
     QStringList m_short;  // three short files at different levels
     QStringList m_long;   // two files long enough to cancel mid-pass
-
-    void select(Controller &c, const QList<int> &rows)
-    {
-        QItemSelectionModel *selection = c->tableView()->selectionModel();
-        selection->clearSelection();
-        for (int row : rows)
-            selection->select(c->audioGains()->index(row), QItemSelectionModel::Select);
-    }
 
 private slots:
     void initTestCase()
@@ -163,7 +154,7 @@ private slots:
         QVERIFY(list->at(0)->isRunning());
         QVERIFY(list->at(1)->isRunning());
 
-        select(c, {0});
+        c.select({0});
         QCOMPARE(c->btnGain()->text(), QStringLiteral("Cancel"));
         c->btnGain()->click();
         QVERIFY(waitFor([&] { return !list->at(0)->isRunning(); }));
@@ -173,9 +164,9 @@ private slots:
         QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));  // although row 1 runs
         QVERIFY(!QFile::exists(out + QStringLiteral("/long0.wav")));
 
-        select(c, {1});
+        c.select({1});
         QCOMPARE(c->btnGain()->text(), QStringLiteral("Cancel"));
-        select(c, {0});
+        c.select({0});
         QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));
         c->btnGain()->click();  // the cancelled item is eligible again
         QVERIFY(list->at(0)->isRunning());

@@ -5,7 +5,6 @@
 #include "views/RQPopupMenuWndCtrl.h"
 
 #include <QCheckBox>
-#include <QItemSelectionModel>
 #include <QLineEdit>
 #include <QListView>
 #include <QPushButton>
@@ -18,14 +17,6 @@ class TestAppList : public QObject {
     Q_OBJECT
     QTemporaryDir m_dir;
     QStringList m_files;
-
-    void select(Controller &c, const QList<int> &rows)
-    {
-        QItemSelectionModel *selection = c->tableView()->selectionModel();
-        selection->clearSelection();
-        for (int row : rows)
-            selection->select(c->audioGains()->index(row), QItemSelectionModel::Select);
-    }
 
 private slots:
     void initTestCase()
@@ -122,7 +113,7 @@ private slots:
         QCOMPARE(list->count(), 5);
 
         QSignalSpy canRemove(c.app.get(), &AppDelegate::canRemoveChanged);
-        select(c, {1, 3});
+        c.select({1, 3});
         QVERIFY(c->canRemove());
         QVERIFY(c->removeSelectedAction()->isEnabled());
         QCOMPARE(canRemove.count(), 1);
