@@ -88,7 +88,7 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();
     if (args.size() < 3) {
-        std::fprintf(stderr, "usage: transcode_tool IN OUT [--two-pass] [--jobs N]\n");
+        std::fprintf(stderr, "usage: evenloud-transcode IN OUT [--two-pass] [--jobs N]\n");
         return 2;
     }
     const QString in = args[1], out = args[2];
