@@ -135,6 +135,17 @@ void unstage(const Staged &staged, const QString &src)
         ::unlink(native(staged.path).constData());
 }
 
+// Once the staged file holds its final name: the name is made durable, and
+// a copy's source (a move across file systems) goes.
+void settle(const Staged &staged, const QString &src, const QString &folder, const QString &path, Result *result)
+{
+    syncFolder(folder);
+    if (!staged.renamed)
+        ::unlink(native(src).constData());
+    result->ok = true;
+    result->path = path;
+}
+
 QMutex g_noReplaceFallbackLock;
 
 // rename() that fails with EEXIST instead of replacing. The kernel does it
@@ -186,11 +197,7 @@ Result placeInFolder(const QString &src, const QString &folder, const QString &b
             unstage(staged, src);
             return result;
         }
-        syncFolder(folder);
-        if (!staged.renamed)
-            ::unlink(native(src).constData());
-        result.ok = true;
-        result.path = dest;
+        settle(staged, src, folder, dest, &result);
         return result;
     }
     result.error = QStringLiteral("No free name for %1 in %2").arg(name, folder);
@@ -222,11 +229,7 @@ Result replaceFile(const QString &src, const QString &target)
         unstage(staged, src);
         return result;
     }
-    syncFolder(folder);
-    if (!staged.renamed)
-        ::unlink(native(src).constData());
-    result.ok = true;
-    result.path = target;
+    settle(staged, src, folder, target, &result);
     return result;
 }
 
