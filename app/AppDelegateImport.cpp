@@ -112,7 +112,7 @@ void AppDelegate::importAudioWithPaths(const QStringList &paths, bool recursive)
             cancel->store(true);
         return hopped;
     };
-    m_importPool.start([walk, cancel, self] {
+    VXStartOnPool(&m_importPool, [walk, cancel, self] {
         walk.run();
         VXRunOnMainThread([&] {
             if (self)

@@ -97,7 +97,7 @@ void VXAudioGain::gainWithBlock(VXGainBlock block)
         shared().jobs.insert(this, self);
     }
     const bool reported = VXMainThread::isMainThread() && deliver(1, 0, block);
-    jobPool()->start([self, block, reported]() mutable {
+    VXStartOnPool(jobPool(), [self, block, reported]() mutable {
         const qint64 result = reported || self->deliver(1, 0, block) ? self->runJob(block) : -2;
         {
             QMutexLocker locker(&shared().jobsLock);

@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QThread>
+#include <QThreadPool>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -54,6 +55,16 @@ bool VXMainThread::isShutDown()
 {
     std::lock_guard<std::mutex> locker(hopLock());
     return g_shutDown;
+}
+
+void VXStartOnPool(QThreadPool *pool, std::function<void()> task)
+{
+    static auto *handover = new std::mutex;  // never destroyed, like the hop's lock
+    std::lock_guard<std::mutex> locker(*handover);
+    pool->start([task = std::move(task)] {
+        { std::lock_guard<std::mutex> ordered(*handover); }
+        task();
+    });
 }
 
 bool VXRunOnMainThread(const std::function<void()> &fn)

@@ -8,6 +8,14 @@
 // application or after VXMainThread::shutdown().
 bool VXRunOnMainThread(const std::function<void()> &fn);
 
+class QThreadPool;
+
+// Starts task on pool. The pool hands tasks to its threads through Qt's own
+// locks, which ThreadSanitizer cannot see unless Qt itself was built with it;
+// a standard mutex around the hand-over states the order it guarantees, so
+// that a task's captures are not mistaken for racing with their creation.
+void VXStartOnPool(QThreadPool *pool, std::function<void()> task);
+
 namespace VXMainThread {
 bool isMainThread();
 // From now on hops fail at once, and hops already waiting are released
