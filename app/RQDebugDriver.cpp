@@ -18,7 +18,7 @@
 RQDebugDriver::RQDebugDriver(AppDelegate *delegate) : QObject(delegate), m_delegate(delegate) {}
 
 namespace {
-// A non-negative whole number, or -1 when absent or malformed.
+// A non-negative whole number; -1 when absent, -2 when malformed.
 int countValue(const QCommandLineParser &parser, const QCommandLineOption &option)
 {
     if (!parser.isSet(option))
