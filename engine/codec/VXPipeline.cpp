@@ -214,7 +214,13 @@ std::unique_ptr<Pipeline> Pipeline::open(const QString &inPath, const QString &o
             return nullptr;
         }
     }
-    const int e = avformat_init_output(p->output.get(), nullptr);
+    // A file prepared for streaming stays so: the muxer then moves its index
+    // to the front once the media data is written.
+    AVDictionary *options = nullptr;
+    if (p->output->priv_data && av_opt_find(p->output->priv_data, "movflags", nullptr, 0, 0) && indexFirst(inPath))
+        av_dict_set(&options, "movflags", "+faststart", 0);
+    const int e = avformat_init_output(p->output.get(), &options);
+    av_dict_free(&options);
     if (e < 0) {
         *why = QStringLiteral("the %1 muxer refuses the streams: %2").arg(p->output->oformat->name, errorString(e));
         return nullptr;

@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QtEndian>
+#include <limits>
 
 namespace vx {
 
@@ -102,6 +103,33 @@ quint64 headerLength(const AVFormatContext *input, int audioIndex)
     if (input->duration != AV_NOPTS_VALUE && input->duration > 0)
         return quint64(av_rescale_q(input->duration, AVRational{1, AV_TIME_BASE}, ticks));
     return 0;
+}
+
+bool indexFirst(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    // Top-level boxes only: a size and a type each, sizes 1 (64-bit size
+    // follows) and 0 (to the end) as the format defines them.
+    qint64 offset = 0;
+    for (int box = 0; box < 64 && file.seek(offset); ++box) {
+        const QByteArray header = file.read(16);
+        if (header.size() < 8)
+            return false;
+        const QByteArray type = header.mid(4, 4);
+        if (type == "moov")
+            return true;
+        if (type == "mdat")
+            return false;
+        quint64 size = qFromBigEndian<quint32>(header.constData());
+        if (size == 1 && header.size() == 16)
+            size = qFromBigEndian<quint64>(header.constData() + 8);
+        if (size < 8 || size > quint64(std::numeric_limits<qint64>::max() - offset))
+            return false;
+        offset += qint64(size);
+    }
+    return false;
 }
 
 QByteArray coverArt(const AVFormatContext *input)

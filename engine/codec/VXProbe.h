@@ -22,6 +22,10 @@ bool hasDrmStream(const AVFormatContext *input);
 // container); 0 when neither knows.
 quint64 headerLength(const AVFormatContext *input, int audioIndex);
 
+// True when an MP4/MOV file's index ("moov") comes before its media data
+// ("mdat"), as files prepared for streaming have it.
+bool indexFirst(const QString &path);
+
 // The encoded bytes of the first attached picture, or empty.
 QByteArray coverArt(const AVFormatContext *input);
 

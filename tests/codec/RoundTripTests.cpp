@@ -110,3 +110,26 @@ TEST(RoundTrip, ChaptersAreCopied)
 }
 
 } // namespace
+
+// A file prepared for streaming keeps its index in front; one without stays so.
+TEST(RoundTrip, IndexKeepsItsPlace)
+{
+    const QString dir = scratchDir();
+    const auto indexFirst = [](const QString &path) {
+        QFile file(path);
+        const QByteArray bytes = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        return bytes.indexOf("moov") >= 0 && bytes.indexOf("moov") < bytes.indexOf("mdat");
+    };
+    const QString streaming = QDir(dir).filePath("streaming.mp4");
+    ASSERT_TRUE(fixtures::run("ffmpeg", {"-v", "error", "-y", "-i", corpusFile("mp4-h264"), "-c", "copy", "-movflags",
+                                         "+faststart", streaming}));
+    for (const QString &in : {streaming, corpusFile("mp4-h264")}) {
+        const QString out = in + ".out.mp4";
+        auto t = VXTranscoding::initWithInput(in, out);
+        ASSERT_TRUE(t);
+        ASSERT_EQ(runToEnd(*t), VXTranscodingCompleted);
+        t.reset();
+        EXPECT_EQ(indexFirst(out), indexFirst(in)) << in.toStdString();
+    }
+    EXPECT_TRUE(indexFirst(streaming));
+}
