@@ -1,6 +1,7 @@
 #include "cli/CliBatch.h"
 
 #include "cli/CliProgress.h"
+#include "engine/codec/VXFilter.h"
 
 CliBatch::CliBatch(QList<Job> jobs, QList<CliFileResult> &results, int maxRunning,
                    CliProgress &progress, QObject *parent)
@@ -59,9 +60,18 @@ void CliBatch::onReport(int index, qint32 state, qint64 retCode)
     CliFileResult &r = m_results[m_jobs[index].result];
     r.seconds = m_clocks[index].nsecsElapsed() / 1e9;
     r.measurement = item->measurement();
+    const VXGainResult gain = item->gainResult();
+    r.gainDb = gain.gainDb;
+    r.outputI = gain.outputI;
+    r.outputTp = gain.outputTp;
+    r.outputLra = gain.outputLra;
+    r.normalization = gain.normalization;
+    if (retCode == -1)
+        r.reason = gain.reason.isEmpty() ? QStringLiteral("failed") : gain.reason;
     switch (retCode) {
     case 0:
-        r.outcome = r.measurement.isEmpty() ? CliOutcome::OnePass : CliOutcome::Ok;
+        r.outcome = gain.normalization == VXNormalizationName(VXNormalization::OnePass) ? CliOutcome::OnePass
+                                                                                         : CliOutcome::Ok;
         r.output = item->replaceOriginalFile() ? item->inputFile() : item->outPathFile();
         break;
     case -2:
@@ -74,6 +84,8 @@ void CliBatch::onReport(int index, qint32 state, qint64 retCode)
     QString line = QStringLiteral("%1  %2").arg(outcomeName(r.outcome), -9).arg(r.input);
     if (!r.output.isEmpty() && r.output != r.input)
         line += QStringLiteral(" -> ") + r.output;
+    if (!r.reason.isEmpty())
+        line += QStringLiteral(": ") + r.reason;
     line += QStringLiteral(" (%1 s)").arg(r.seconds, 0, 'f', 1);
     m_progress.fileEnded(index, line);
 

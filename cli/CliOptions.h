@@ -12,6 +12,8 @@ struct CliOptions {
     bool recursive = false;
     int jobs = 0;           // how many files at once
     bool json = false;
+    float truePeak = -2.0f; // dBTP ceiling, -9..0
+    bool limitPeaks = false;
     QStringList inputs;     // files and folders, as given
 };
 

@@ -35,23 +35,24 @@ double measuredValue(const CliFileResult &r, const char *key)
 
 namespace {
 
-QString number(double v, const char *unit)
+QString number(double v)
 {
-    return std::isnan(v) ? QStringLiteral("-") : QString::number(v, 'f', 1) + QLatin1String(unit);
+    return std::isfinite(v) ? QString::number(v, 'f', 1) : std::isinf(v) ? QStringLiteral("silent") : QStringLiteral("-");
 }
 
 QJsonValue jsonNumber(double v)
 {
-    return std::isnan(v) ? QJsonValue() : QJsonValue(v);
+    return std::isfinite(v) ? QJsonValue(v) : QJsonValue();
 }
 
 } // namespace
 
 QByteArray formatTable(const QList<CliFileResult> &results)
 {
-    const QStringList header = {QStringLiteral("RESULT"), QStringLiteral("LOUDNESS"),
-                                QStringLiteral("TRUE PEAK"), QStringLiteral("RANGE"),
-                                QStringLiteral("TIME"), QStringLiteral("FILE")};
+    const QStringList header = {QStringLiteral("RESULT"),   QStringLiteral("IN LUFS"),  QStringLiteral("dBTP"),
+                                QStringLiteral("LRA"),      QStringLiteral("GAIN dB"),  QStringLiteral("OUT LUFS"),
+                                QStringLiteral("dBTP"),     QStringLiteral("LRA"),      QStringLiteral("KIND"),
+                                QStringLiteral("TIME"),     QStringLiteral("FILE")};
     QList<QStringList> rows{header};
     for (const CliFileResult &r : results) {
         QString file = r.input;
@@ -60,9 +61,15 @@ QByteArray formatTable(const QList<CliFileResult> &results)
         if (!r.reason.isEmpty())
             file += QStringLiteral(" (") + r.reason + QLatin1Char(')');
         const bool ran = r.outcome != CliOutcome::Refused && r.outcome != CliOutcome::Missing;
-        rows << QStringList{outcomeName(r.outcome), number(measuredValue(r, "input_i"), " LUFS"),
-                            number(measuredValue(r, "input_tp"), " dBTP"),
-                            number(measuredValue(r, "input_lra"), " LU"),
+        rows << QStringList{outcomeName(r.outcome),
+                            number(measuredValue(r, "input_i")),
+                            number(measuredValue(r, "input_tp")),
+                            number(measuredValue(r, "input_lra")),
+                            std::isnan(r.gainDb) ? QStringLiteral("-") : QString::asprintf("%+.1f", r.gainDb),
+                            number(r.outputI),
+                            number(r.outputTp),
+                            number(r.outputLra),
+                            r.normalization.isEmpty() ? QStringLiteral("-") : r.normalization,
                             ran ? QString::number(r.seconds, 'f', 1) + QLatin1Char('s') : QStringLiteral("-"),
                             file};
     }
@@ -77,7 +84,7 @@ QByteArray formatTable(const QList<CliFileResult> &results)
         for (qsizetype c = 0; c < row.size(); ++c) {
             if (c == row.size() - 1)
                 line += row[c];
-            else if (c == 0)
+            else if (c == 0 || c == 8)
                 line += row[c].leftJustified(widths[c]) + QStringLiteral("  ");
             else // numbers line up on the right
                 line += row[c].rightJustified(widths[c]) + QStringLiteral("  ");
@@ -89,9 +96,12 @@ QByteArray formatTable(const QList<CliFileResult> &results)
 
 QByteArray formatJson(const QList<CliFileResult> &results)
 {
+    auto rounded = [](double v) { return jsonNumber(std::isnan(v) ? v : std::round(v * 100.0) / 100.0); };
     QJsonArray array;
     for (const CliFileResult &r : results) {
         QJsonObject o;
+        // Bumped whenever a field changes meaning; new fields keep it.
+        o[QStringLiteral("schema_version")] = 2;
         o[QStringLiteral("input")] = r.input;
         o[QStringLiteral("output")] = r.output.isEmpty() ? QJsonValue() : QJsonValue(r.output);
         o[QStringLiteral("result")] = outcomeName(r.outcome);
@@ -100,6 +110,11 @@ QByteArray formatJson(const QList<CliFileResult> &results)
         o[QStringLiteral("target_lufs")] = std::round(double(r.targetLufs) * 100.0) / 100.0;
         for (const char *key : {"input_i", "input_tp", "input_lra", "input_thresh", "target_offset"})
             o[QLatin1String(key)] = jsonNumber(measuredValue(r, key));
+        o[QStringLiteral("gain_db")] = rounded(r.gainDb);
+        o[QStringLiteral("output_i")] = rounded(r.outputI);
+        o[QStringLiteral("output_tp")] = rounded(r.outputTp);
+        o[QStringLiteral("output_lra")] = rounded(r.outputLra);
+        o[QStringLiteral("normalization")] = r.normalization.isEmpty() ? QJsonValue() : QJsonValue(r.normalization);
         o[QStringLiteral("seconds")] = std::round(r.seconds * 1000.0) / 1000.0;
         array.append(o);
     }

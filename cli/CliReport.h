@@ -5,6 +5,8 @@
 #include <QString>
 #include <QVariantMap>
 
+#include <cmath>
+
 // How one input ended.
 enum class CliOutcome {
     Ok,        // measured and normalised with one linear gain
@@ -26,6 +28,12 @@ struct CliFileResult {
     float targetLufs = 0;
     QVariantMap measurement; // the first pass's record ("input_i", ...), may be empty
     double seconds = 0;
+    // What the job did, NaN or empty where it did not get that far.
+    double gainDb = NAN;
+    double outputI = NAN;
+    double outputTp = NAN;
+    double outputLra = NAN;
+    QString normalization;
 };
 
 // A number from the measurement record (loudnorm prints them as strings),

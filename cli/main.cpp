@@ -122,6 +122,8 @@ int main(int argc, char *argv[])
         }
         item->setTargetLoudness(opt.target);
         item->setReplaceOriginalFile(opt.replace);
+        item->setTruePeakCeiling(opt.truePeak);
+        item->setLimitPeaks(opt.limitPeaks);
         item->setOutFolder(opt.replace ? QString() : opt.outputFolder);
         results << r;
         jobs << CliBatch::Job{item, int(results.size() - 1)};

@@ -129,6 +129,7 @@ void VXAudioGain::setState(qint32 state)
         return;
     emit stateChanged();
     emit stateImageChanged();
+    emit outcomeTextChanged();
     const bool wasEditable = old == 0 || old == 3;
     if (wasEditable != allowedTargetLoudnessEdit())
         emit allowedTargetLoudnessEditChanged();
@@ -142,6 +143,54 @@ void VXAudioGain::setRetCode(qint64 retCode)
         return;
     emit retCodeChanged();
     emit stateImageChanged();
+    emit outcomeTextChanged();
+}
+
+float VXAudioGain::truePeakCeiling() const { return m_truePeakCeiling.load(); }
+
+void VXAudioGain::setTruePeakCeiling(float dbtp)
+{
+    if (!(dbtp >= VXMinTruePeakTarget && dbtp <= VXMaxTruePeakTarget))
+        return;
+    if (m_truePeakCeiling.exchange(dbtp) != dbtp)
+        emit truePeakCeilingChanged();
+}
+
+bool VXAudioGain::limitPeaks() const { return m_limitPeaks.load(); }
+
+void VXAudioGain::setLimitPeaks(bool limit)
+{
+    if (m_limitPeaks.exchange(limit) != limit)
+        emit limitPeaksChanged();
+}
+
+VXGainResult VXAudioGain::gainResult() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_result;
+}
+
+QString VXAudioGain::outcomeText() const
+{
+    if (state() != 3)
+        return {};
+    if (retCode() == -2)
+        return QStringLiteral("Cancelled");
+    const VXGainResult r = gainResult();
+    if (retCode() != 0)
+        return r.reason.isEmpty() ? QStringLiteral("Failed") : r.reason;
+    // U+2212 for the minus, as typeset figures have it.
+    auto figure = [](double v, const char *unit) {
+        return std::isfinite(v) ? QString::number(v, 'f', 1).replace(QLatin1Char('-'), QChar(0x2212))
+                + QLatin1Char(' ') + QLatin1String(unit)
+                                : QStringLiteral("silent");
+    };
+    QStringList parts{figure(r.outputI, "LUFS")};
+    if (std::isfinite(r.outputTp))
+        parts << figure(r.outputTp, "dBTP");
+    if (!r.normalization.isEmpty())
+        parts << r.normalization;
+    return parts.join(QStringLiteral(" \u00b7 "));
 }
 
 quint64 VXAudioGain::duration() const { return m_duration; }

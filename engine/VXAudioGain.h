@@ -6,6 +6,7 @@
 #include <QObject>
 #include <QString>
 #include <atomic>
+#include <cmath>
 #include <functional>
 #include <memory>
 
@@ -17,6 +18,17 @@ class VXTranscoding;
 // The report callback of a job: (state, retCode), called on the main thread
 // after the item's state and retCode were set.
 using VXGainBlock = std::function<void(qint32 state, qint64 retCode)>;
+
+// What the last job did: the gain, how it was applied, and the output as
+// measured on the way to the encoder. NaN where not known.
+struct VXGainResult {
+    double gainDb = NAN;
+    double outputI = NAN;
+    double outputTp = NAN;
+    double outputLra = NAN;
+    QString normalization;  // "linear", "peak-capped", "limited" or "one-pass"
+    QString reason;         // why the job failed; empty when it did not
+};
 
 // One audio item: an input file, where its result goes, its target loudness
 // and the state of its two-pass job. States: 0 idle, 1 started, 2 running
@@ -42,6 +54,11 @@ class VXAudioGain : public QObject, public std::enable_shared_from_this<VXAudioG
     Q_PROPERTY(bool allowedTargetLoudnessEdit READ allowedTargetLoudnessEdit NOTIFY allowedTargetLoudnessEditChanged)
     Q_PROPERTY(float loudnormValue READ loudnormValue NOTIFY loudnormValueChanged)
     Q_PROPERTY(QImage stateImage READ stateImage NOTIFY stateImageChanged)
+    Q_PROPERTY(float truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY truePeakCeilingChanged)
+    Q_PROPERTY(bool limitPeaks READ limitPeaks WRITE setLimitPeaks NOTIFY limitPeaksChanged)
+    // The outcome in words: "-14.0 LUFS · -2.0 dBTP · linear", the reason of
+    // a failure, or empty while nothing has ended.
+    Q_PROPERTY(QString outcomeText READ outcomeText NOTIFY outcomeTextChanged)
 
 public:
     static constexpr float kDefaultTargetLoudness = 70.77f;
@@ -79,6 +96,14 @@ public:
     bool allowedTargetLoudnessEdit() const;
     float loudnormValue() const;
     bool isRunning() const { return state() == 1 || state() == 2; }
+    // dBTP, -9..0; the gain stops where the true peak meets it, unless
+    // limitPeaks lets a limiter hold the peaks instead. Read by the next job.
+    float truePeakCeiling() const;
+    void setTruePeakCeiling(float dbtp);
+    bool limitPeaks() const;
+    void setLimitPeaks(bool limit);
+    VXGainResult gainResult() const;
+    QString outcomeText() const;
 
     static QString formatSize(quint64 bytes);
     static QString formatDuration(quint64 ticks);
@@ -138,6 +163,9 @@ signals:
     void allowedTargetLoudnessEditChanged();
     void loudnormValueChanged();
     void stateImageChanged();
+    void truePeakCeilingChanged();
+    void limitPeaksChanged();
+    void outcomeTextChanged();
 
 private:
     struct Job;
@@ -147,9 +175,13 @@ private:
     bool deliver(qint32 state, qint64 retCode, const VXGainBlock &block);
     void applyReport(qint32 state, qint64 retCode, const VXGainBlock &block);
     bool chooseTempOutFile();
-    void runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, bool secondPass);
+    // secondPass: progress maps to 50..100; a correction pass reports none.
+    enum class Pass { First, Second, Correction };
+    void runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, Pass pass);
     void releaseTransCoding();
     qint64 finishWithPlacement();
+    qint64 fail(const QString &reason);
+    qint64 verifyAndPlace(const VXGainResult &result, double expected);
     void setOutPathFileFromJob(const QString &path);
 
     mutable QMutex m_lock;  // guards the strings, m_tempOutFile and m_transCoding
@@ -161,6 +193,9 @@ private:
     std::atomic<qint64> m_retCode{0};
     QString m_tempOutFile;
     QVariantMap m_measurement;  // under m_lock
+    VXGainResult m_result;      // under m_lock
+    std::atomic<float> m_truePeakCeiling{-2.0f};
+    std::atomic<bool> m_limitPeaks{false};
     std::shared_ptr<VXTranscoding> m_transCoding;
     bool m_cancelGain = false;  // under m_lock, read with m_transCoding
     quint64 m_duration = 0;

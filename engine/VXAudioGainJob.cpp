@@ -8,6 +8,7 @@
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXFilter.h"
 #include "engine/codec/VXLog.h"
+#include "engine/codec/VXLoudnessMeter.h"
 #include "engine/codec/VXTranscoding.h"
 #include "engine/codec/VXUtilCodec.h"
 
@@ -18,6 +19,7 @@
 #include <QSemaphore>
 #include <QThreadPool>
 #include <algorithm>
+#include <cmath>
 #include <malloc.h>
 
 struct VXAudioGain::Job {
@@ -174,16 +176,16 @@ bool VXAudioGain::chooseTempOutFile()
     return !path.isEmpty();
 }
 
-void VXAudioGain::runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, bool secondPass)
+void VXAudioGain::runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, Pass pass)
 {
     job.passResult = 0;
     Job *j = &job;  // the job outlives the pass: it waits for the end report below
-    transcoding->transcodingWithBlock([this, j, secondPass](int32_t state, int64_t value) {
+    transcoding->transcodingWithBlock([this, j, pass](int32_t state, int64_t value) {
         if (state == VXTranscodingStateEnd) {
             j->passResult = value;
             j->end.release();
-        } else if (state == VXTranscodingStateProgress) {
-            deliver(2, progressOf(value, secondPass), j->block);
+        } else if (state == VXTranscodingStateProgress && pass != Pass::Correction) {
+            deliver(2, progressOf(value, pass == Pass::Second), j->block);
         }
     });
     bool cancelled = false;
@@ -209,6 +211,13 @@ void VXAudioGain::releaseTransCoding()
     last.reset();  // outside the lock: it joins the codec's threads
 }
 
+qint64 VXAudioGain::fail(const QString &reason)
+{
+    QMutexLocker locker(&m_lock);
+    m_result.reason = reason;
+    return -1;
+}
+
 qint64 VXAudioGain::runJob(const VXGainBlock &block)
 {
     Job job;
@@ -216,6 +225,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     {
         QMutexLocker locker(&m_lock);
         m_measurement.clear();
+        m_result = {};
     }
     auto cancelRequested = [this] {
         QMutexLocker locker(&m_lock);
@@ -224,19 +234,23 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     if (cancelRequested())
         return -2;
     if (!chooseTempOutFile())
-        return -1;
+        return fail(QStringLiteral("Cannot create a temporary file in %1").arg(VXTempDir::path()));
     const QString input = inputFile();
     const QString temp = tempOutFile();
+    const float ceiling = truePeakCeiling();
+    QString why;
 
     {
-        auto pass1 = VXTranscoding::initWithInput(input, temp);
+        auto pass1 = VXTranscoding::initWithInput(input, temp, &why);
         if (!pass1)
-            return -1;
+            return fail(why);
         job.filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
         job.filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+        job.filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
         job.filter->setValue(QString::fromLatin1(VXPrintFormatJSON), QString::fromLatin1(kVXPrintFormat));
         pass1->addAudioFilter(job.filter);
-        runPass(job, pass1, false);
+        runPass(job, pass1, Pass::First);
+        why = pass1->failureReason();
     }
 
     QByteArray log;
@@ -247,7 +261,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         releaseTransCoding();  // the filter prints its record as it is freed
         job.filter->cancelRedirectStdErr();
         if (job.passResult == VXTranscodingFailed || job.passResult == VXTranscodingCancelled)
-            return job.passResult == VXTranscodingFailed ? -1 : -2;
+            return job.passResult == VXTranscodingFailed ? fail(why) : -2;
         QFile file(job.filter->logFile());
         if (file.open(QIODevice::ReadOnly))
             log = file.readAll();
@@ -281,9 +295,18 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         m_measurement = record.toVariantMap();
     }
     if (record.isEmpty()) {
-        // Pass 1 already normalised in one go: its output is still worth having.
+        // Pass 1 already normalised in one go: its output is still worth
+        // having, once it is measured like any other.
         VXLog(QStringLiteral("Waring: Can not using two pass gain(%1).").arg(reason));
-        return finishWithPlacement();
+        VXGainResult result;
+        result.normalization = VXNormalizationName(VXNormalization::OnePass);
+        VXLoudness loudness;
+        if (!VXMeasureFile(temp, &loudness, &why))
+            return fail(QStringLiteral("Cannot measure the result: %1").arg(why));
+        result.outputI = loudness.integrated;
+        result.outputTp = loudness.truePeak;
+        result.outputLra = loudness.range;
+        return verifyAndPlace(result, double(loudnormValue()));
     }
 
     // Each measured value goes on as the record spells it.
@@ -295,20 +318,77 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     for (const auto &[attribute, key] : measured)
         job.filter->setValue(record.value(QLatin1String(key)).toVariant(), QString::fromLatin1(attribute));
     job.filter->setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
+    job.filter->setValue(QVariant(limitPeaks()), QString::fromLatin1(kVXALimitPeaks));
     job.filter->setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
+    const std::optional<VXGainPlan> plan = job.filter->linearPlan();  // as first decided
 
-    {
-        auto pass2 = VXTranscoding::initWithInput(input, temp);
+    VXLoudness loudness;
+    auto secondPass = [&](Pass pass) -> qint64 {
+        auto pass2 = VXTranscoding::initWithInput(input, temp, &why);
         if (!pass2)
-            return -1;
+            return fail(why);
         pass2->addAudioFilter(job.filter);
-        runPass(job, pass2, true);
+        // A limiter leaves a true peak that only a meter can tell; a gain
+        // moves the measured one by exactly its size.
+        pass2->setMeasuresOutput(plan && plan->kind == VXNormalization::Limited);
+        runPass(job, pass2, pass);
+        loudness = pass2->outputLoudness();
+        why = pass2->failureReason();
+        pass2.reset();
+        releaseTransCoding();
+        if (job.passResult == VXTranscodingCancelled)
+            return -2;
+        return job.passResult == VXTranscodingFailed ? fail(why) : 0;
+    };
+    if (const qint64 r = secondPass(Pass::Second))
+        return r;
+    // Where loud peaks carry much of the loudness, limiting them costs some
+    // of it; the gain is raised by what is missing, a few times at most.
+    const float target = loudnormValue();
+    for (int round = 0; plan && plan->kind == VXNormalization::Limited && round < 3; ++round) {
+        const double missing = plan->expectedLoudness - loudness.integrated;
+        if (!std::isfinite(missing) || std::fabs(missing) <= 0.2)
+            break;
+        const double raised = double(job.filter->valueForAttribute(QString::fromLatin1(kVXAIntegratedLoudnessTarget))
+                                         .toFloat()) + missing;
+        if (raised - target > 12.0)
+            break;
+        job.filter->setValue(QVariant(float(raised)), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+        if (const qint64 r = secondPass(Pass::Correction))
+            return r;
     }
-    releaseTransCoding();
-    if (job.passResult == VXTranscodingCancelled)
-        return -2;
-    if (job.passResult == VXTranscodingFailed)
-        return -1;
+
+    VXGainResult result;
+    result.outputI = loudness.integrated;
+    result.outputLra = loudness.range;
+    if (!plan) {
+        // Nothing loud enough to measure (digital silence): left as it is.
+        result.gainDb = 0.0;
+        result.normalization = VXNormalizationName(VXNormalization::Linear);
+        return verifyAndPlace(result, NAN);
+    }
+    result.gainDb = job.filter->linearPlan().value_or(*plan).gainDb;
+    result.normalization = VXNormalizationName(plan->kind);
+    result.outputTp = plan->kind == VXNormalization::Limited
+        ? loudness.truePeak
+        : record.value(QLatin1String("input_tp")).toVariant().toDouble() + plan->gainDb;
+    return verifyAndPlace(result, plan->expectedLoudness);
+}
+
+// An output is kept only when it measures within half a LU of the level it
+// should have reached; otherwise nothing is placed and the original stays.
+qint64 VXAudioGain::verifyAndPlace(const VXGainResult &result, double expected)
+{
+    {
+        QMutexLocker locker(&m_lock);
+        m_result = result;
+    }
+    if (std::isfinite(expected)) {
+        if (!std::isfinite(result.outputI))
+            return fail(QStringLiteral("missed the target: the result measures silent"));
+        if (std::fabs(result.outputI - expected) > 0.5)
+            return fail(QStringLiteral("missed the target: reached %1 LUFS").arg(result.outputI, 0, 'f', 1));
+    }
     return finishWithPlacement();
 }
 

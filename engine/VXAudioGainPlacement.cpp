@@ -20,6 +20,7 @@ bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
             VXLog(QStringLiteral("Failed to replace original file.Can't remove original file(%1)").arg(result.error));
         else
             VXLog(QStringLiteral("Failed to move file to dest path(%1).").arg(result.error));
+        fail(result.error);
         return false;
     }
 
@@ -34,6 +35,7 @@ bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
         result = VXPlacement::placeInFolder(tempPath, folder, VXPath::deletingExtension(name), VXPath::extension(name));
     if (!result.ok) {
         VXLog(QStringLiteral("Failed to move file to dest path(%1).").arg(result.error));
+        fail(result.error);
         return false;
     }
     setOutPathFileFromJob(result.path);

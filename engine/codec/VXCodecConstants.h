@@ -18,6 +18,14 @@ inline constexpr const char kVXAMeasuredLoudnessRange[] = "measured_LRA";
 inline constexpr const char kVXAMeasuredThresh[] = "measured_thresh";
 inline constexpr const char kVXAGainOffset[] = "offset";
 inline constexpr const char kVXALinearGain[] = "linear";
+// The true-peak ceiling in dBTP (-9..0, default -2), loudnorm's own option.
+inline constexpr const char kVXATruePeakTarget[] = "TP";
+// Linear mode only: reach the target through a true-peak limiter instead of
+// capping the gain at the ceiling. The layer's own, never handed to loudnorm.
+inline constexpr const char kVXALimitPeaks[] = "limit_peaks";
+inline constexpr float VXDefaultTruePeakTarget = -2.0f;
+inline constexpr float VXMinTruePeakTarget = -9.0f;
+inline constexpr float VXMaxTruePeakTarget = 0.0f;
 
 // loudnorm's accepted range for I.
 inline constexpr float VXMinIntegratedLoudnessTarget = -70.0f;

@@ -14,6 +14,7 @@ extern "C" {
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 
 struct VXFilter::Private {
     QString name;
@@ -121,7 +122,108 @@ void VXFilter::cancelRedirectStdErr() { d->log->cancelRedirect(); }
 
 std::shared_ptr<VXFilterLogState> VXFilterAccess::logState(const VXFilter &filter) { return filter.d->log; }
 
-AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGraph *graph, const char *instanceName,
+namespace {
+
+double attributeNumber(const QMap<QString, QVariant> &attributes, const char *key, double fallback)
+{
+    const auto it = attributes.find(QLatin1String(key));
+    if (it == attributes.end())
+        return fallback;
+    char *end = nullptr;
+    const QByteArray text = optionString(*it);
+    const double v = std::strtod(text.constData(), &end);
+    return end != text.constData() ? v : std::numeric_limits<double>::quiet_NaN();
+}
+
+bool attributeTrue(const QMap<QString, QVariant> &attributes, const char *key)
+{
+    const QByteArray text = optionString(attributes.value(QLatin1String(key)));
+    return text == "true" || text == "1";
+}
+
+std::optional<VXGainPlan> planFor(const QMap<QString, QVariant> &attributes)
+{
+    if (!attributeTrue(attributes, kVXALinearGain))
+        return std::nullopt;
+    const double measured = attributeNumber(attributes, kVXAMeasuredIntegratedLoudness, NAN);
+    if (!std::isfinite(measured))
+        return std::nullopt;
+    const double target = attributeNumber(attributes, kVXAIntegratedLoudnessTarget, -24.0);
+    const double ceiling = attributeNumber(attributes, kVXATruePeakTarget, VXDefaultTruePeakTarget);
+    const double peak = attributeNumber(attributes, kVXAMeasuredTruePeak, NAN);
+    VXGainPlan plan{target - measured, VXNormalization::Linear, target};
+    if (std::isfinite(peak) && peak + plan.gainDb > ceiling + 1e-9) {
+        if (attributeTrue(attributes, kVXALimitPeaks)) {
+            plan.kind = VXNormalization::Limited;
+        } else {
+            plan.kind = VXNormalization::PeakCapped;
+            plan.gainDb = ceiling - peak;
+            plan.expectedLoudness = measured + plan.gainDb;
+        }
+    }
+    return plan;
+}
+
+AVFilterContext *createLinked(AVFilterGraph *graph, AVFilterContext *upstream, const char *filter,
+                              const QByteArray &instanceName, const QByteArray &args, QString *error)
+{
+    AVFilterContext *ctx = nullptr;
+    int err = avfilter_graph_create_filter(&ctx, avfilter_get_by_name(filter), instanceName.constData(),
+                                           args.constData(), nullptr, graph);
+    if (err >= 0)
+        err = avfilter_link(upstream, 0, ctx, 0);
+    if (err < 0) {
+        *error = QStringLiteral("%1: %2").arg(QLatin1String(filter), vx::errorString(err));
+        return nullptr;
+    }
+    return ctx;
+}
+
+// One gain at the input's own rate: loudnorm's linear mode without its round
+// trip through 192 kHz. Limited mode then oversamples to about 192 kHz, so
+// the limiter sees the peaks between samples, and holds them under the
+// ceiling with look-ahead; the graph's resampler brings the rate back.
+AVFilterContext *linearChain(const VXGainPlan &plan, double ceiling, AVFilterGraph *graph,
+                             AVFilterContext *upstream, int sampleRate, bool highPrecision,
+                             const QByteArray &name, QString *error)
+{
+    const QByteArray volume = "volume=" + QByteArray::number(plan.gainDb, 'g', 17) + "dB:precision="
+        + (highPrecision ? "double" : "float");
+    AVFilterContext *last = createLinked(graph, upstream, "volume", name, volume, error);
+    if (!last || plan.kind != VXNormalization::Limited)
+        return last;
+    const int factor = std::max(1, (176400 + sampleRate - 1) / std::max(sampleRate, 1));
+    if (factor > 1) {
+        const QByteArray up = "out_sample_rate=" + QByteArray::number(sampleRate * factor)
+            + ":resampler=soxr:precision=28";
+        if (!(last = createLinked(graph, last, "aresample", name + "-up", up, error)))
+            return nullptr;
+    }
+    // A little under the ceiling: the way back to the file's rate may add a
+    // few hundredths of a dB between samples.
+    const double limit = std::pow(10.0, (ceiling - 0.2) / 20.0);
+    const QByteArray limiter = "limit=" + QByteArray::number(std::max(limit, 0.0625), 'g', 9)
+        + ":attack=5:release=80:level=false:latency=true";
+    return createLinked(graph, last, "alimiter", name + "-limit", limiter, error);
+}
+
+} // namespace
+
+std::optional<VXGainPlan> VXFilter::linearPlan() const { return planFor(attributes()); }
+
+QString VXNormalizationName(VXNormalization kind)
+{
+    switch (kind) {
+    case VXNormalization::Linear: return QStringLiteral("linear");
+    case VXNormalization::PeakCapped: return QStringLiteral("peak-capped");
+    case VXNormalization::Limited: return QStringLiteral("limited");
+    case VXNormalization::OnePass: return QStringLiteral("one-pass");
+    }
+    return {};
+}
+
+AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGraph *graph, AVFilterContext *upstream,
+                                             int sampleRate, bool highPrecision, const char *instanceName,
                                              QString *error)
 {
     const QByteArray name = filter.name().toUtf8();
@@ -129,17 +231,18 @@ AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGra
 
     auto passThrough = [&](const QString &why) -> AVFilterContext * {
         VXLog(QStringLiteral("%1: %2; the level is left unchanged").arg(filter.name(), why));
-        AVFilterContext *ctx = nullptr;
-        const int err = avfilter_graph_create_filter(&ctx, avfilter_get_by_name("anull"), instanceName, nullptr,
-                                                     nullptr, graph);
-        if (err < 0)
-            *error = vx::errorString(err);
-        return ctx;
+        return createLinked(graph, upstream, "anull", instanceName, {}, error);
     };
 
     for (auto it = attributes.begin(); it != attributes.end(); ++it) {
         if (isMeasurement(it.key()) && !isFiniteNumber(optionString(it.value())))
             return passThrough(QStringLiteral("%1 is %2").arg(it.key(), it.value().toString()));
+    }
+    if (name == VXALoudnormName) {
+        if (const auto plan = planFor(attributes)) {
+            const double ceiling = attributeNumber(attributes, kVXATruePeakTarget, VXDefaultTruePeakTarget);
+            return linearChain(*plan, ceiling, graph, upstream, sampleRate, highPrecision, instanceName, error);
+        }
     }
 
     AVFilterContext *ctx = avfilter_graph_alloc_filter(graph, avfilter_get_by_name(name.constData()), instanceName);
@@ -148,6 +251,8 @@ AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGra
         return nullptr;
     }
     for (auto it = attributes.begin(); it != attributes.end(); ++it) {
+        if (it.key() == QLatin1String(kVXALimitPeaks))
+            continue;
         const int err = av_opt_set(ctx, it.key().toUtf8().constData(), optionString(it.value()).constData(),
                                    AV_OPT_SEARCH_CHILDREN);
         if (err == AVERROR(ERANGE) && isMeasurement(it.key())) {
@@ -160,11 +265,12 @@ AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGra
             return nullptr;
         }
     }
-    const int err = avfilter_init_str(ctx, nullptr);
+    int err = avfilter_init_str(ctx, nullptr);
+    if (err >= 0)
+        err = avfilter_link(upstream, 0, ctx, 0);
     if (err < 0) {
         *error = vx::errorString(err);
-        avfilter_free(ctx);
-        return nullptr;
+        return nullptr;  // the graph owns ctx now and frees it
     }
     return ctx;
 }

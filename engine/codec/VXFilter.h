@@ -5,10 +5,28 @@
 #include <QVariant>
 #include <memory>
 #include <mutex>
+#include <optional>
+
+// How a file was brought to its level.
+enum class VXNormalization {
+    Linear,      // one gain, the whole way to the target
+    PeakCapped,  // one gain, stopped where the true peak meets the ceiling
+    Limited,     // the whole gain, then a true-peak limiter on the peaks
+    OnePass,     // loudnorm's own single pass (no usable measurement)
+};
+QString VXNormalizationName(VXNormalization kind);
+
+// What linear mode applies, decided from the target, the ceiling and the
+// first pass's measurement.
+struct VXGainPlan {
+    double gainDb = 0;
+    VXNormalization kind = VXNormalization::Linear;
+    double expectedLoudness = 0;  // LUFS the output should measure
+};
 
 // One audio filter with named attributes. Attributes persist across the
 // transcodings the filter is added to (pass 1, then pass 2).
-class VXFilter : public std::enable_shared_from_this<VXFilter> {
+class VXFilter {
 public:
     static std::shared_ptr<VXFilter> filterWithName(const QString &name);
     ~VXFilter();
@@ -18,6 +36,10 @@ public:
     void setValue(const QVariant &value, const QString &attribute);
     QVariant valueForAttribute(const QString &attribute) const;
     QMap<QString, QVariant> attributes() const;
+    // With linear gain switched on and a usable measurement: the gain this
+    // filter applies (target - measured I, capped or limited at the true-peak
+    // ceiling). Linear mode works at the file's own rate, with no dynamics.
+    std::optional<VXGainPlan> linearPlan() const;
 
     // Where this filter's print-out is captured; the same path on every call.
     QString logFile() const;
@@ -35,6 +57,5 @@ private:
     explicit VXFilter(const QString &name);
     struct Private;
     std::unique_ptr<Private> d;
-    friend class VXTranscoding;
     friend struct VXFilterAccess;
 };

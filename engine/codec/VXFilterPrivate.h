@@ -27,11 +27,14 @@ struct VXFilterLogState {
 };
 
 struct VXFilterAccess {
-    // Creates and initialises the filter's instance in graph. When the
-    // attributes carry measurements that cannot be used (a silent first pass
-    // prints "-inf"), the instance is a pass-through so the level stays as it
-    // is. nullptr with *error filled when the attributes are refused.
-    static AVFilterContext *instantiate(const VXFilter &filter, AVFilterGraph *graph, const char *instanceName,
+    // Creates and initialises the filter's instances in graph after
+    // upstream, linked to it; returns the last one. Linear mode is a gain
+    // (and a limiter) at the input's rate; when the attributes carry
+    // measurements that cannot be used (a silent first pass prints "-inf"),
+    // it is a pass-through so the level stays as it is. nullptr with *error
+    // filled when the attributes are refused.
+    static AVFilterContext *instantiate(const VXFilter &filter, AVFilterGraph *graph, AVFilterContext *upstream,
+                                        int sampleRate, bool highPrecision, const char *instanceName,
                                         QString *error);
     static std::shared_ptr<VXFilterLogState> logState(const VXFilter &filter);
 };

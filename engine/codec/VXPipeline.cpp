@@ -11,6 +11,7 @@ extern "C" {
 
 #include <QFile>
 #include <QFileInfo>
+#include <QList>
 #include <QtEndian>
 #include <cstring>
 
@@ -148,6 +149,21 @@ QByteArray pictureComment(const AVStream *pic)
     return block.toBase64();
 }
 
+// Loudness tags describe the old audio: players would apply them on top of
+// the new level, so they do not survive the gain.
+void dropLoudnessTags(AVDictionary **metadata)
+{
+    QList<QByteArray> stale;
+    const AVDictionaryEntry *e = nullptr;
+    while ((e = av_dict_get(*metadata, "", e, AV_DICT_IGNORE_SUFFIX))) {
+        const QByteArray key = QByteArray(e->key).toUpper();
+        if (key.startsWith("REPLAYGAIN_") || key.startsWith("R128_") || key.contains("ITUNNORM"))
+            stale.append(e->key);
+    }
+    for (const QByteArray &key : std::as_const(stale))
+        av_dict_set(metadata, key.constData(), nullptr, AV_DICT_MATCH_CASE);
+}
+
 bool copyChapters(const AVFormatContext *in, AVFormatContext *out)
 {
     if (!in->nb_chapters)
@@ -203,6 +219,8 @@ std::unique_ptr<Pipeline> Pipeline::open(const QString &inPath, const QString &o
         return nullptr;
     p->mapOtherStreams();
     av_dict_copy(&p->output->metadata, p->input->metadata, 0);
+    dropLoudnessTags(&p->output->metadata);
+    dropLoudnessTags(&p->output->streams[p->outAudioIndex]->metadata);
     if (!copyChapters(p->input.get(), p->output.get())) {
         *why = QStringLiteral("out of memory");
         return nullptr;
@@ -357,7 +375,10 @@ bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters,
         av_channel_layout_copy(&inLayout, &decoder->ch_layout);
     char layout[128] = {};
     av_channel_layout_describe(&inLayout, layout, sizeof layout);
-    av_channel_layout_uninit(&inLayout);
+    av_channel_layout_uninit(&sourceLayout);
+    sourceLayout = inLayout;
+    sourceRate = decoder->sample_rate;
+    sourceFormat = decoder->sample_fmt;
     const QByteArray sourceArgs = QStringLiteral("time_base=%1/%2:sample_rate=%3:sample_fmt=%4:channel_layout=%5")
                                       .arg(ist->time_base.num).arg(ist->time_base.den).arg(decoder->sample_rate)
                                       .arg(av_get_sample_fmt_name(decoder->sample_fmt), layout).toUtf8();
@@ -368,20 +389,21 @@ bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters,
         return false;
     }
 
+    // Integer samples wider than 16 bits keep their depth through a gain.
+    const AVSampleFormat decoded = av_get_packed_sample_fmt(decoder->sample_fmt);
+    const bool highPrecision = decoded == AV_SAMPLE_FMT_S32 || decoded == AV_SAMPLE_FMT_S64
+        || decoded == AV_SAMPLE_FMT_DBL;
     AVFilterContext *last = source;
     for (size_t i = 0; i < filters.size(); ++i) {
         const QByteArray name = "vxfilter" + QByteArray::number(qulonglong(i));
-        AVFilterContext *ctx = VXFilterAccess::instantiate(*filters[i], graph.get(), name.constData(), why);
+        AVFilterContext *ctx = VXFilterAccess::instantiate(*filters[i], graph.get(), last, decoder->sample_rate,
+                                                           highPrecision, name.constData(), why);
         if (!ctx)
             return false;
         auto state = VXFilterAccess::logState(*filters[i]);
         state->clearPending();
         registerLogContext(ctx, state);
         routedLogs.emplace_back(ctx, std::move(state));
-        if ((err = avfilter_link(last, 0, ctx, 0)) < 0) {
-            *why = errorString(err);
-            return false;
-        }
         last = ctx;
     }
     if (!filters.empty()) {
@@ -398,15 +420,20 @@ bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters,
         last = split;
     }
 
-    // Back to what the encoder takes. soxr at its default precision is
-    // transparent and cheap; 16-bit targets get dither on the way down.
+    // Back to what the encoder takes. soxr's default 20-bit precision is
+    // transparent for 16-bit and lossy targets; 16-bit ones get dither on the
+    // way down, and deeper integer targets a 28-bit double-precision path.
     char outLayout[128] = {};
     av_channel_layout_describe(&encoder->ch_layout, outLayout, sizeof outLayout);
     const AVSampleFormat fmt = encoder->sample_fmt;
     const bool dither = av_get_bytes_per_sample(fmt) <= 2;
+    const AVSampleFormat packed = av_get_packed_sample_fmt(fmt);
+    const bool deep = packed == AV_SAMPLE_FMT_S32 || packed == AV_SAMPLE_FMT_S64 || packed == AV_SAMPLE_FMT_DBL;
     const QByteArray resampleArgs = QStringLiteral("out_sample_rate=%1:resampler=soxr%2")
                                         .arg(encoder->sample_rate)
-                                        .arg(dither ? ":dither_method=triangular" : "").toUtf8();
+                                        .arg(dither ? ":dither_method=triangular"
+                                             : deep ? ":precision=28:internal_sample_fmt=dblp"
+                                                    : "").toUtf8();
     const QByteArray formatArgs = QStringLiteral("sample_fmts=%1:sample_rates=%2:channel_layouts=%3")
                                       .arg(av_get_sample_fmt_name(fmt)).arg(encoder->sample_rate).arg(outLayout).toUtf8();
     AVFilterContext *resample = nullptr;
@@ -436,6 +463,18 @@ void Pipeline::releaseGraph()
     routedLogs.clear();
 }
 
-Pipeline::~Pipeline() { releaseGraph(); }
+bool Pipeline::matchesSource(const AVFrame *frame) const
+{
+    if (frame->sample_rate != sourceRate || frame->format != sourceFormat
+        || frame->ch_layout.nb_channels != sourceLayout.nb_channels)
+        return false;
+    return frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC || !av_channel_layout_compare(&frame->ch_layout, &sourceLayout);
+}
+
+Pipeline::~Pipeline()
+{
+    releaseGraph();
+    av_channel_layout_uninit(&sourceLayout);
+}
 
 } // namespace vx

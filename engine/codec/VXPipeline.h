@@ -29,6 +29,11 @@ struct Pipeline {
 
     GraphPtr graph;
     AVFilterContext *source = nullptr;
+    // What the graph's source was set up for: the decoder's first format.
+    int sourceRate = 0;
+    AVSampleFormat sourceFormat = AV_SAMPLE_FMT_NONE;
+    AVChannelLayout sourceLayout{};
+    bool matchesSource(const AVFrame *frame) const;
     AVFilterContext *sink = nullptr;
     std::vector<std::pair<const void *, std::shared_ptr<VXFilterLogState>>> routedLogs;
 

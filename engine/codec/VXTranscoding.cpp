@@ -8,9 +8,12 @@
 extern "C" {
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
+#include <libswresample/swresample.h>
 }
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -21,7 +24,41 @@ extern "C" {
 
 namespace {
 constexpr size_t kQueueCapacity = 48;
+
+struct SwrFreer {
+    void operator()(SwrContext *s) const { swr_free(&s); }
+};
+
+// Lossy encoders take float samples and assume they lie within full scale;
+// a corrupt frame that decodes to +79 dBFS makes libmp3lame abort the
+// process. What they get is clamped there, and NaN becomes silence.
+template <typename T>
+void clampSamples(T *data, size_t count)
+{
+    for (size_t i = 0; i < count; ++i)
+        data[i] = std::isnan(data[i]) ? T(0) : std::clamp(data[i], T(-1), T(1));
 }
+
+void clampFrame(AVFrame *frame)
+{
+    const auto fmt = AVSampleFormat(frame->format);
+    const bool planar = av_sample_fmt_is_planar(fmt);
+    const int planes = planar ? frame->ch_layout.nb_channels : 1;
+    const size_t count = size_t(frame->nb_samples) * size_t(planar ? 1 : frame->ch_layout.nb_channels);
+    for (int p = 0; p < planes; ++p) {
+        if (av_get_packed_sample_fmt(fmt) == AV_SAMPLE_FMT_FLT)
+            clampSamples(reinterpret_cast<float *>(frame->extended_data[p]), count);
+        else if (av_get_packed_sample_fmt(fmt) == AV_SAMPLE_FMT_DBL)
+            clampSamples(reinterpret_cast<double *>(frame->extended_data[p]), count);
+    }
+}
+
+bool isLossy(const AVCodecContext *encoder)
+{
+    const AVCodecDescriptor *desc = avcodec_descriptor_get(encoder->codec_id);
+    return desc && !(desc->props & AV_CODEC_PROP_LOSSLESS);
+}
+} // namespace
 
 struct VXTranscoding::Private {
     QString inPath;
@@ -39,6 +76,17 @@ struct VXTranscoding::Private {
     std::thread reader;
     std::thread writer;
     int lastProgress = -1; // writer thread only
+    QString failure;       // set once, by fail(), before the end report
+
+    // Reader thread: frames whose rate, layout or format differ from the
+    // stream's first are converted to it, since the graph is fixed.
+    std::unique_ptr<SwrContext, SwrFreer> conform;
+    vx::FramePtr conformed = vx::makeFrame();
+    bool clampForEncoder = false;
+    std::unique_ptr<vx::LoudnessMeter> meter;
+    VXLoudness loudness;
+
+    bool conformFrame(AVFrame *decoded);
 
     void run();
     bool readAll();
@@ -49,8 +97,10 @@ struct VXTranscoding::Private {
     void report(int64_t ptsInEncoderBase);
     void fail(const QString &why)
     {
-        if (!failed.exchange(true))
+        if (!failed.exchange(true)) {
+            failure = why;
             VXLog(QStringLiteral("Transcoding %1 failed: %2").arg(inPath, why));
+        }
         queue.abort();
     }
     bool stopping() const { return cancelled.load() || failed.load(); }
@@ -74,12 +124,15 @@ VXTranscoding::~VXTranscoding()
     d->pipeline.reset();
 }
 
-std::shared_ptr<VXTranscoding> VXTranscoding::initWithInput(const QString &input, const QString &output)
+std::shared_ptr<VXTranscoding> VXTranscoding::initWithInput(const QString &input, const QString &output,
+                                                            QString *reason)
 {
     QString why;
     auto pipeline = vx::Pipeline::open(input, output, &why);
     if (!pipeline) {
         VXLog(QStringLiteral("Cannot transcode %1: %2").arg(input, why));
+        if (reason)
+            *reason = why;
         return nullptr;
     }
     std::shared_ptr<VXTranscoding> t(new VXTranscoding);
@@ -116,9 +169,22 @@ void VXTranscoding::cancelTranscoding()
     d->queue.abort();
 }
 
+void VXTranscoding::setMeasuresOutput(bool truePeak)
+{
+    if (!d->started.load())
+        d->meter = std::make_unique<vx::LoudnessMeter>(truePeak);
+}
+
+// Both are written by the worker before its end report, which the caller
+// waits for; they are read only after it.
+VXLoudness VXTranscoding::outputLoudness() const { return d->loudness; }
+
+QString VXTranscoding::failureReason() const { return d->failure; }
+
 void VXTranscoding::Private::run()
 {
     QString why;
+    clampForEncoder = isLossy(pipeline->encoder.get());
     if (!pipeline->buildGraph(filters, &why)) {
         fail(why);
     } else {
@@ -127,6 +193,8 @@ void VXTranscoding::Private::run()
             fail(QStringLiteral("reading"));
         queue.close();
         writer.join();
+        if (meter && !stopping())
+            loudness = meter->finish();
     }
     const int64_t result = cancelled.load() ? VXTranscodingCancelled
         : failed.load()                     ? VXTranscodingFailed
@@ -194,7 +262,14 @@ bool VXTranscoding::Private::decode(AVPacket *packet, AVFrame *decoded, AVFrame 
         if (err < 0)
             continue;
         decoded->pts = decoded->best_effort_timestamp;
-        err = av_buffersrc_add_frame_flags(p.source, decoded, 0);
+        if (p.matchesSource(decoded)) {
+            err = av_buffersrc_add_frame_flags(p.source, decoded, 0);
+        } else if (conformFrame(decoded)) {
+            err = av_buffersrc_add_frame_flags(p.source, conformed.get(), 0);
+        } else {
+            fail(QStringLiteral("cannot convert a frame whose format changed mid-stream"));
+            return false;
+        }
         av_frame_unref(decoded);
         if (err < 0 || !drainGraph(filtered, false))
             return false;
@@ -206,6 +281,12 @@ bool VXTranscoding::Private::drainGraph(AVFrame *filtered, bool atEnd)
 {
     int err = 0;
     while ((err = av_buffersink_get_frame(pipeline->sink, filtered)) >= 0) {
+        if (clampForEncoder)
+            clampFrame(filtered);
+        if (meter && !meter->add(filtered)) {
+            fail(QStringLiteral("cannot measure the result"));
+            return false;
+        }
         vx::WorkItem item;
         item.frame = vx::makeFrame();
         av_frame_move_ref(item.frame.get(), filtered);
@@ -213,6 +294,30 @@ bool VXTranscoding::Private::drainGraph(AVFrame *filtered, bool atEnd)
             return false;
     }
     return err == AVERROR(EAGAIN) || (atEnd && err == AVERROR_EOF);
+}
+
+// The tail a rate change leaves inside the converter (a few samples) is
+// dropped when the format switches back; the stream stays continuous.
+bool VXTranscoding::Private::conformFrame(AVFrame *decoded)
+{
+    vx::Pipeline &p = *pipeline;
+    if (!conform)
+        conform.reset(swr_alloc());
+    if (!conform || !conformed)
+        return false;
+    av_frame_unref(conformed.get());
+    conformed->format = p.sourceFormat;
+    conformed->sample_rate = p.sourceRate;
+    if (av_channel_layout_copy(&conformed->ch_layout, &p.sourceLayout) < 0)
+        return false;
+    int err = swr_convert_frame(conform.get(), conformed.get(), decoded);
+    if (err == AVERROR_INPUT_CHANGED || err == AVERROR_OUTPUT_CHANGED) {
+        if (swr_config_frame(conform.get(), conformed.get(), decoded) < 0)
+            return false;
+        err = swr_convert_frame(conform.get(), conformed.get(), decoded);
+    }
+    conformed->pts = decoded->pts;
+    return err >= 0;
 }
 
 void VXTranscoding::Private::writeAll()

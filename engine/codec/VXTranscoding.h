@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engine/codec/VXLoudnessMeter.h"
+
 #include <QString>
 #include <cstdint>
 #include <functional>
@@ -21,10 +23,12 @@ inline constexpr int64_t VXTranscodingCancelled = 2;
 // back to the input's rate and encodes it with the input's codec into a file
 // of the same format at the output path (overwritten if present). Cover art,
 // video and subtitle streams, tags and chapters are copied unchanged.
-class VXTranscoding : public std::enable_shared_from_this<VXTranscoding> {
+class VXTranscoding {
 public:
-    // nullptr when the input cannot be read or no encoder exists for it.
-    static std::shared_ptr<VXTranscoding> initWithInput(const QString &input, const QString &output);
+    // nullptr when the input cannot be read or no encoder exists for it;
+    // *why (when given) then says what is wrong.
+    static std::shared_ptr<VXTranscoding> initWithInput(const QString &input, const QString &output,
+                                                        QString *why = nullptr);
     // Joins the worker threads, then frees the filter graph; that is when a
     // loudnorm filter prints its measurement record.
     ~VXTranscoding();
@@ -36,6 +40,14 @@ public:
     void transcodingWithBlock(VXTranscodingBlock block);
     // Asks the work to stop; returns at once from any thread.
     void cancelTranscoding();
+
+    // Measures what reaches the encoder (EBU R128 loudness and range, and
+    // true peak when asked). Set before transcodingWithBlock.
+    void setMeasuresOutput(bool truePeak);
+    // After the end report: what was measured (not measured() when not
+    // asked for), and why a failed transcoding failed.
+    VXLoudness outputLoudness() const;
+    QString failureReason() const;
 
     VXTranscoding(const VXTranscoding &) = delete;
     VXTranscoding &operator=(const VXTranscoding &) = delete;

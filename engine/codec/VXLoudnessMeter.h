@@ -1,0 +1,42 @@
+#pragma once
+
+// An EBU R128 meter (libebur128) that is independent of loudnorm: it checks
+// what a job really wrote, and measures files without writing anything.
+
+#include <QString>
+#include <atomic>
+#include <cmath>
+#include <memory>
+
+struct VXLoudness {
+    double integrated = NAN;  // LUFS; -inf when no block passes the gate
+    double truePeak = NAN;    // dBTP
+    double range = NAN;       // LU
+    bool measured() const { return !std::isnan(integrated); }
+};
+
+struct AVFrame;
+
+namespace vx {
+// Frames in, figures out. The first frame fixes the rate and layout; later
+// frames that differ (concatenated files) are converted to them. True peak
+// (four times oversampled) costs more than the rest together, so it is asked
+// for only where it cannot be known otherwise.
+class LoudnessMeter {
+public:
+    explicit LoudnessMeter(bool truePeak);
+    ~LoudnessMeter();
+    bool add(const AVFrame *frame);
+    VXLoudness finish();
+
+private:
+    struct Private;
+    std::unique_ptr<Private> d;
+};
+} // namespace vx
+
+// Measures the audio stream a transcoding would normalise (the best one),
+// decoding only. False with a reason when the file cannot be read; cancel,
+// when given and set, stops it early (also false).
+bool VXMeasureFile(const QString &path, VXLoudness *out, QString *why,
+                   const std::atomic<bool> *cancel = nullptr);
