@@ -131,7 +131,8 @@ VXLoudness LoudnessMeter::finish()
 
 } // namespace vx
 
-bool VXMeasureFile(const QString &path, VXLoudness *out, QString *why, const std::atomic<bool> *cancel)
+bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString *why,
+                   const std::atomic<bool> *cancel)
 {
     int code = 0;
     vx::InputPtr input = vx::openInput(path, why, &code);
@@ -153,7 +154,7 @@ bool VXMeasureFile(const QString &path, VXLoudness *out, QString *why, const std
     for (unsigned i = 0; i < input->nb_streams; ++i)
         input->streams[i]->discard = int(i) == index ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
 
-    vx::LoudnessMeter meter(true);
+    vx::LoudnessMeter meter(truePeak);
     auto packet = vx::makePacket();
     auto frame = vx::makeFrame();
     if (!packet || !frame) {

@@ -38,5 +38,5 @@ private:
 // Measures the audio stream a transcoding would normalise (the best one),
 // decoding only. False with a reason when the file cannot be read; cancel,
 // when given and set, stops it early (also false).
-bool VXMeasureFile(const QString &path, VXLoudness *out, QString *why,
+bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString *why,
                    const std::atomic<bool> *cancel = nullptr);

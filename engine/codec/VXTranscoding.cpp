@@ -83,8 +83,6 @@ struct VXTranscoding::Private {
     std::unique_ptr<SwrContext, SwrFreer> conform;
     vx::FramePtr conformed = vx::makeFrame();
     bool clampForEncoder = false;
-    std::unique_ptr<vx::LoudnessMeter> meter;
-    VXLoudness loudness;
 
     bool conformFrame(AVFrame *decoded);
 
@@ -169,16 +167,7 @@ void VXTranscoding::cancelTranscoding()
     d->queue.abort();
 }
 
-void VXTranscoding::setMeasuresOutput(bool truePeak)
-{
-    if (!d->started.load())
-        d->meter = std::make_unique<vx::LoudnessMeter>(truePeak);
-}
-
-// Both are written by the worker before its end report, which the caller
-// waits for; they are read only after it.
-VXLoudness VXTranscoding::outputLoudness() const { return d->loudness; }
-
+// Written by the worker before its end report, which the caller waits for.
 QString VXTranscoding::failureReason() const { return d->failure; }
 
 void VXTranscoding::Private::run()
@@ -193,8 +182,6 @@ void VXTranscoding::Private::run()
             fail(QStringLiteral("reading"));
         queue.close();
         writer.join();
-        if (meter && !stopping())
-            loudness = meter->finish();
     }
     const int64_t result = cancelled.load() ? VXTranscodingCancelled
         : failed.load()                     ? VXTranscodingFailed
@@ -283,10 +270,6 @@ bool VXTranscoding::Private::drainGraph(AVFrame *filtered, bool atEnd)
     while ((err = av_buffersink_get_frame(pipeline->sink, filtered)) >= 0) {
         if (clampForEncoder)
             clampFrame(filtered);
-        if (meter && !meter->add(filtered)) {
-            fail(QStringLiteral("cannot measure the result"));
-            return false;
-        }
         vx::WorkItem item;
         item.frame = vx::makeFrame();
         av_frame_move_ref(item.frame.get(), filtered);

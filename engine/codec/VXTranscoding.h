@@ -1,7 +1,5 @@
 #pragma once
 
-#include "engine/codec/VXLoudnessMeter.h"
-
 #include <QString>
 #include <cstdint>
 #include <functional>
@@ -40,13 +38,7 @@ public:
     void transcodingWithBlock(VXTranscodingBlock block);
     // Asks the work to stop; returns at once from any thread.
     void cancelTranscoding();
-
-    // Measures what reaches the encoder (EBU R128 loudness and range, and
-    // true peak when asked). Set before transcodingWithBlock.
-    void setMeasuresOutput(bool truePeak);
-    // After the end report: what was measured (not measured() when not
-    // asked for), and why a failed transcoding failed.
-    VXLoudness outputLoudness() const;
+    // After the end report of a failed transcoding: what went wrong.
     QString failureReason() const;
 
     VXTranscoding(const VXTranscoding &) = delete;
