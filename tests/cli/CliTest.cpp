@@ -75,6 +75,7 @@ TEST(CliUsage, ErrorsExitWithTwoAndSayWhy)
         {"--target", "50", "--lufs", "-20", "--replace", "some.mp3"},
         {"--replace", "-o", out, "some.mp3"},                  // both places
         {"--jobs", "0", "--replace", "some.mp3"},
+        {"--true-peak", "1", "--replace", "some.mp3"},         // a ceiling above full scale
         {"--replace"},                                         // nothing to do
         {"--no-such-option", "--replace", "some.mp3"},
     };
@@ -128,8 +129,15 @@ TEST(CliRun, NormalisesIntoNewFolderAndReportsJson)
         EXPECT_EQ(QFileInfo(output).suffix(), QFileInfo(o["input"].toString()).suffix());
         const fixtures::Loudness l = fixtures::measureLoudness(output);
         ASSERT_TRUE(l.ok) << output.toStdString();
-        EXPECT_NEAR(l.integrated, -16.0, 1.0) << output.toStdString();
+        EXPECT_NEAR(l.integrated, -16.0, 0.5) << output.toStdString();
         EXPECT_LE(l.truePeak, -1.5) << output.toStdString();
+        // What was done, as the independent meter sees it.
+        EXPECT_EQ(o["schema_version"].toInt(), 2);
+        EXPECT_EQ(o["normalization"].toString(), "linear");
+        EXPECT_NEAR(o["gain_db"].toDouble(), -16.0 - o["input_i"].toDouble(), 0.05);
+        EXPECT_NEAR(o["output_i"].toDouble(), l.integrated, 0.2);
+        EXPECT_TRUE(o["output_tp"].isDouble() && o["output_lra"].isDouble());
+        EXPECT_FALSE(o.contains("reason"));
     }
     EXPECT_EQ(digest(wav), wavBefore);
     EXPECT_EQ(entries(out).size(), 2);
@@ -162,6 +170,11 @@ TEST(CliRun, CorruptOrMissingInputMakesExitOne)
         outcomes << v.toObject()["result"].toString();
     outcomes.sort();
     EXPECT_EQ(outcomes, (QStringList{"missing", "ok", "refused"})) << r.out.toStdString();
+    for (const QJsonValue &v : results) {
+        const QJsonObject o = v.toObject();
+        EXPECT_EQ(o["result"] != "ok", !o["reason"].toString().isEmpty()) << r.out.toStdString();
+        EXPECT_EQ(o["result"] == "ok", o["output_i"].isDouble()) << r.out.toStdString();
+    }
     EXPECT_TRUE(r.err.contains("Can not import audio file(" + bad.fileName() + ")")) << r.err.toStdString();
     EXPECT_EQ(entries(out), QStringList{"good.ogg"});
 }

@@ -1,4 +1,5 @@
 #include "engine/codec/VXCodecConstants.h"
+#include "engine/codec/VXLoudnessMeter.h"
 #include "tests/codec/CodecTestUtil.h"
 
 #include <QDir>
@@ -133,3 +134,79 @@ TEST(Transcoding, SetUpFailuresAreValues)
 }
 
 } // namespace
+
+namespace {
+
+// Sets the global gain of every frame's first granule to its maximum, the
+// way some corrupt MP3s decode: to around +60 dBFS.
+QByteArray overdriven(QByteArray mp3)
+{
+    static const int kbps[] = {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320};
+    static const int rates[] = {44100, 48000, 32000};
+    qsizetype i = 0;
+    while (i + 8 < mp3.size()) {
+        const auto byte = [&](qsizetype at) { return quint8(mp3[at]); };
+        const int rateIndex = (byte(i + 2) >> 2) & 3;
+        if (byte(i) != 0xFF || (byte(i + 1) & 0xFE) != 0xFA || (byte(i + 2) >> 4) == 0 || (byte(i + 2) >> 4) == 15
+            || rateIndex == 3) {
+            ++i;
+            continue;
+        }
+        const qsizetype length = 144 * kbps[byte(i + 2) >> 4] * 1000 / rates[rateIndex] + ((byte(i + 2) >> 1) & 1);
+        const qsizetype side = i + 4 + ((byte(i + 1) & 1) ? 0 : 2);
+        for (int bit = 41; bit < 49; ++bit)  // stereo: gr0 ch0 global_gain
+            mp3[side + bit / 8] = char(byte(side + bit / 8) | (0x80 >> (bit % 8)));
+        i += length;
+    }
+    return mp3;
+}
+
+} // namespace
+
+// Input that real collections hold and that must neither fail a job nor
+// take the process down: loudness tags of the old level, an MP3 whose rate
+// changes halfway (two files joined), samples far beyond full scale.
+TEST(Transcoding, OddInputKeepsTheSignalPathWhole)
+{
+    const QString dir = scratchDir();
+    const QString tagged = fixtures::makeAudio(dir, "tagged.flac", 3,
+                                               {"-c:a", "flac", "-metadata", "title=Kept", "-metadata",
+                                                "REPLAYGAIN_TRACK_GAIN=-6.5 dB", "-metadata", "R128_TRACK_GAIN=-1664",
+                                                "-metadata", "iTunNORM= 0000031F 0000031F"});
+    const QString a = fixtures::makeAudio(dir, "a44.mp3", 3, {"-c:a", "libmp3lame", "-ar", "44100", "-write_xing", "0"});
+    const QString b = fixtures::makeAudio(dir, "b48.mp3", 3,
+                                          {"-c:a", "libmp3lame", "-ar", "48000", "-write_xing", "0", "-id3v2_version", "0"});
+    ASSERT_FALSE(tagged.isEmpty() || a.isEmpty() || b.isEmpty());
+    QFile fa(a), fb(b), joined(QDir(dir).filePath("joined.mp3")), hot(QDir(dir).filePath("hot.mp3"));
+    ASSERT_TRUE(fa.open(QIODevice::ReadOnly) && fb.open(QIODevice::ReadOnly));
+    const QByteArray first = fa.readAll();
+    ASSERT_TRUE(joined.open(QIODevice::WriteOnly) && hot.open(QIODevice::WriteOnly));
+    joined.write(first + fb.readAll());
+    hot.write(overdriven(first));
+    joined.close();
+    hot.close();
+
+    auto t = VXTranscoding::initWithInput(tagged, outPath("tagged.flac"));
+    ASSERT_TRUE(t);
+    ASSERT_EQ(runToEnd(*t), VXTranscodingCompleted);
+    const QVariantMap tags = allTags(ffprobe(outPath("tagged.flac")));
+    EXPECT_EQ(tags.value("title").toString(), "Kept");
+    for (const char *stale : {"replaygain_track_gain", "r128_track_gain", "itunnorm"})
+        EXPECT_FALSE(tags.contains(QLatin1String(stale))) << stale;
+
+    t = VXTranscoding::initWithInput(joined.fileName(), outPath("joined.mp3"));
+    ASSERT_TRUE(t);
+    ASSERT_EQ(runToEnd(*t), VXTranscodingCompleted) << t->failureReason().toStdString();
+    const QJsonObject probe = ffprobe(outPath("joined.mp3"));
+    EXPECT_NEAR(probe["format"].toObject()["duration"].toString().toDouble(), 6.0, 0.2);
+
+    t = VXTranscoding::initWithInput(hot.fileName(), outPath("hot.mp3"));
+    ASSERT_TRUE(t);
+    EXPECT_EQ(runToEnd(*t), VXTranscodingCompleted);
+    VXLoudness loudness;
+    QString why;
+    EXPECT_TRUE(VXMeasureFile(outPath("hot.mp3"), true, &loudness, &why)) << why.toStdString();
+    // Clipped at full scale before the encoder (a lossy codec's overshoot
+    // on clipped material aside), no longer some 60 dB beyond it.
+    EXPECT_LT(loudness.truePeak, 20.0);
+}

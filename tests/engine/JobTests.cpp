@@ -5,6 +5,9 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QThreadPool>
@@ -242,5 +245,101 @@ TEST_F(JobTest, ShutdownReleasesRunningJobsPromptly)
     EXPECT_TRUE(VXAudioGain::cancelAllJobsAndWait(20000));
     VXMainThread::resume();
     EXPECT_FALSE(run.ended());
+    EXPECT_TRUE(outputs().isEmpty());
+}
+
+namespace {
+
+// Synthetic material where the gain's kind is known in advance.
+QString makeEval(const QString &dir, const QString &name, const QString &expr, double seconds, int rate = 48000)
+{
+    const QString path = QDir(dir).filePath(name);
+    const bool ok = fixtures::run(QStringLiteral("ffmpeg"),
+                                  {"-v", "error", "-nostdin", "-y", "-f", "lavfi", "-i",
+                                   QStringLiteral("aevalsrc='%1':s=%2:d=%3").arg(expr).arg(rate).arg(seconds),
+                                   "-c:a", "pcm_s24le", path});
+    return ok ? path : QString();
+}
+
+} // namespace
+
+// Loud and quiet halves (range ~20 LU) must keep their range; a quiet file
+// with sharp clicks stops where the clicks meet the ceiling, or with a
+// limiter reaches the target; a clip shorter than loudnorm's 3 s window
+// still lands on the target. What the item reports agrees with an
+// independent meter.
+TEST_F(JobTest, GainIsLinearPeakCappedOrLimitedAndReportedTruly)
+{
+    const QString tone = QStringLiteral("sin(2*PI*330*t)+0.5*sin(2*PI*1250*t)");
+    const QString wide = makeEval(m_in.path(), "wide.wav", QStringLiteral("0.3*(%1)*if(lt(mod(t,8),4),1,0.1)").arg(tone), 16);
+    const QString peaky = makeEval(m_in.path(), "peaky.wav",
+                                   QStringLiteral("0.02*(%1)+if(lt(mod(t,1),0.002),0.9*sin(2*PI*900*t),0)").arg(tone), 12);
+    const QString clip = makeEval(m_in.path(), "clip.wav", QStringLiteral("0.2*(%1)*sin(2*PI*3*t)").arg(tone), 1.4);
+    ASSERT_FALSE(wide.isEmpty() || peaky.isEmpty() || clip.isEmpty());
+    const fixtures::Loudness wideIn = fixtures::measureLoudness(wide);
+    ASSERT_TRUE(wideIn.ok && wideIn.range > 10.0);
+
+    struct Case {
+        QString path;
+        float lufs;
+        bool limit;
+        QString kind;
+    };
+    const QList<Case> cases = {
+        {wide, -16, false, "linear"},     {wide, -14, false, "linear"},  {peaky, -16, false, "peak-capped"},
+        {peaky, -14, false, "peak-capped"}, {peaky, -14, true, "limited"}, {clip, -14, false, "linear"},
+    };
+    std::vector<std::unique_ptr<JobRun>> runs;
+    for (const Case &c : cases) {
+        auto gain = item(c.path);
+        ASSERT_TRUE(gain);
+        gain->setTargetLoudness((c.lufs + 70.0f) * 100.0f / 65.0f);
+        gain->setLimitPeaks(c.limit);
+        runs.push_back(std::make_unique<JobRun>(gain));
+        runs.back()->start();
+    }
+    for (size_t i = 0; i < runs.size(); ++i) {
+        const Case &c = cases[qsizetype(i)];
+        const std::string name = QFileInfo(c.path).fileName().toStdString() + " at " + std::to_string(c.lufs);
+        ASSERT_TRUE(runs[i]->waitEnd()) << name;
+        const VXAudioGainPtr &it = runs[i]->item;
+        const VXGainResult r = it->gainResult();
+        ASSERT_EQ(runs[i]->reports.last(), Report(3, 0)) << name << ": " << r.reason.toStdString();
+        EXPECT_EQ(r.normalization, c.kind) << name;
+        const fixtures::Loudness out = fixtures::measureLoudness(it->outPathFile());
+        ASSERT_TRUE(out.ok) << name;
+        EXPECT_NEAR(r.outputI, out.integrated, 0.2) << name;
+        EXPECT_TRUE(it->outcomeText().contains(c.kind)) << name;
+        if (c.kind == "peak-capped") {
+            EXPECT_NEAR(out.truePeak, -2.0, 0.5) << name;
+            EXPECT_LT(out.integrated, c.lufs - 1.0) << name;
+        } else {
+            EXPECT_NEAR(out.integrated, c.lufs, 0.5) << name;
+            EXPECT_LE(out.truePeak, -1.5) << name;
+        }
+        if (c.path == wide) {
+            EXPECT_NEAR(out.range, wideIn.range, 1.0) << name;
+        }
+    }
+}
+
+// A result that misses its level is not placed, and says why.
+TEST_F(JobTest, MissedTargetFailsWithItsReasonAndPlacesNothing)
+{
+    auto gain = item(makeWav(m_in.path(), QStringLiteral("m.wav"), 4.0));
+    ASSERT_TRUE(gain);
+    // The record claims the file is 6 LU louder than it is.
+    VXAudioGain::setCapturedLogHookForTesting([](const QByteArray &log) {
+        const QJsonObject record = QJsonDocument::fromJson(log.mid(log.indexOf('{'), log.indexOf('}') - log.indexOf('{') + 1)).object();
+        QJsonObject changed = record;
+        changed["input_i"] = QString::number(record["input_i"].toString().toDouble() + 6.0, 'f', 2);
+        return QJsonDocument(changed).toJson();
+    });
+    JobRun run(gain);
+    run.start();
+    ASSERT_TRUE(run.waitEnd());
+    EXPECT_EQ(run.reports.last(), Report(3, -1));
+    EXPECT_TRUE(gain->gainResult().reason.startsWith("missed the target: reached ")) << gain->gainResult().reason.toStdString();
+    EXPECT_EQ(gain->outcomeText(), gain->gainResult().reason);
     EXPECT_TRUE(outputs().isEmpty());
 }
