@@ -5,9 +5,11 @@
 
 #include <QAbstractItemView>
 #include <QApplication>
+#include <QHelpEvent>
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QToolTip>
 
 namespace {
 const QColor kUnselected(61, 57, 58);
@@ -15,6 +17,23 @@ const QColor kSelected(53, 51, 52);
 const QColor kSeparator(47, 43, 44);
 const QColor kTitle(195, 195, 195);
 const QColor kDimmed(132, 129, 128);
+const QColor kPeakCapped(240, 176, 64);
+
+const VXAudioGain *itemAt(const QModelIndex &index)
+{
+    return index.data(VXAudioGainList::ItemRole).value<VXAudioGain *>();
+}
+
+// A success whose gain stopped at the true-peak ceiling, so the file may sit
+// below its target: the success mark alone would hide that.
+bool isPeakCapped(const QModelIndex &index)
+{
+    if (index.data(VXAudioGainList::StateRole).toInt() != 3
+        || index.data(VXAudioGainList::RetCodeRole).toLongLong() != 0)
+        return false;
+    const VXAudioGain *item = itemAt(index);
+    return item && item->gainResult().normalization == QLatin1String("peak-capped");
+}
 
 QAbstractItemView *itemView(const QWidget *widget)
 {
@@ -117,7 +136,31 @@ void RQTableCellView::paint(QPainter *painter, const QStyleOptionViewItem &optio
     const QImage state = index.data(VXAudioGainList::StateImageRole).value<QImage>();
     if (!state.isNull())
         painter->drawImage(QRectF(l.state), state);
+    if (isPeakCapped(index)) {
+        // Small, at the mark's lower right, ringed in the row's colour so it
+        // stands apart from the mark without changing it.
+        painter->setRenderHint(QPainter::Antialiasing);
+        painter->setPen(QPen(isSelected(option, index) ? kSelected : kUnselected, 1.5));
+        painter->setBrush(kPeakCapped);
+        painter->drawEllipse(QRectF(l.state.right() - 9.5, l.state.bottom() - 9.5, 10, 10));
+    }
     painter->restore();
+}
+
+bool RQTableCellView::helpEvent(QHelpEvent *event, QAbstractItemView *view, const QStyleOptionViewItem &option,
+                                const QModelIndex &index)
+{
+    if (event && view && event->type() == QEvent::ToolTip) {
+        const QRect state = layout(option.rect).state;
+        const VXAudioGain *item = state.contains(event->pos()) ? itemAt(index) : nullptr;
+        const QString text = item ? item->outcomeText() : QString();
+        if (!text.isEmpty()) {
+            // Tied to the disc's rectangle: the tip goes when the pointer leaves it.
+            QToolTip::showText(event->globalPos(), text, view->viewport(), state);
+            return true;
+        }
+    }
+    return QStyledItemDelegate::helpEvent(event, view, option, index);
 }
 
 QSize RQTableCellView::sizeHint(const QStyleOptionViewItem &, const QModelIndex &) const

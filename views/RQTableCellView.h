@@ -15,7 +15,8 @@ public:
 
 // Paints one row of the audio list: background by selection, separator,
 // cover art, name, size, duration, the target-loudness button and the state
-// image. Reads the row's data through VXAudioGainList roles.
+// image, with an amber dot on the success mark when the gain stopped at the
+// true-peak ceiling. Reads the row's data through VXAudioGainList roles.
 class RQTableCellView : public QStyledItemDelegate {
     Q_OBJECT
 public:
@@ -40,6 +41,10 @@ public:
     QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const override;
     bool editorEvent(QEvent *event, QAbstractItemModel *model, const QStyleOptionViewItem &option,
                      const QModelIndex &index) override;
+    // Over the state image of an ended row: the outcome in words (the
+    // reason, for a failure) as the tooltip.
+    bool helpEvent(QHelpEvent *event, QAbstractItemView *view, const QStyleOptionViewItem &option,
+                   const QModelIndex &index) override;
 
 signals:
     // The row's target-loudness button was pressed; anchor is the loudness
