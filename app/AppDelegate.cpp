@@ -1,5 +1,6 @@
 #include "app/AppDelegate.h"
 
+#include "app/RQAppSettings.h"
 #include "app/RQPalette.h"
 #include "engine/VXMainThread.h"
 #include "views/RQPopupMenuWndCtrl.h"
@@ -137,10 +138,25 @@ void AppDelegate::applicationDidFinishLaunching()
 
     connect(RQNotificationCenter::defaultCenter(), &RQNotificationCenter::notificationPosted, this,
             &AppDelegate::targetLoudnessChanged, Qt::UniqueConnection);
+    // The popup shows the remembered peak settings and remembers each change.
+    RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
+    popup->setTruePeakCeiling(RQAppSettings::truePeakCeiling());
+    popup->setLimitPeaks(RQAppSettings::limitPeaks());
+    connect(popup, &RQPopupMenuWndCtrl::truePeakCeilingChanged, this, &AppDelegate::savePeakSettings,
+            Qt::UniqueConnection);
+    connect(popup, &RQPopupMenuWndCtrl::limitPeaksChanged, this, &AppDelegate::savePeakSettings,
+            Qt::UniqueConnection);
     if (qApp)
         connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate,
                 Qt::UniqueConnection);
     updateDerivedFlags();
+}
+
+void AppDelegate::savePeakSettings()
+{
+    const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
+    RQAppSettings::setTruePeakCeiling(popup->truePeakCeiling());
+    RQAppSettings::setLimitPeaks(popup->limitPeaks());
 }
 
 bool AppDelegate::windowShouldClose()

@@ -166,6 +166,7 @@ private:
     void alert(const QString &message, const QString &informative);
     void revealFolder(const QString &folder);
     void stopAllWork();
+    void savePeakSettings();
 
     std::unique_ptr<Ui::MainWindow> m_ui;
     QPointer<QMainWindow> m_window;

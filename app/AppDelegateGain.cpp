@@ -2,6 +2,7 @@
 
 #include "app/RQPalette.h"
 #include "engine/codec/VXLog.h"
+#include "views/RQPopupMenuWndCtrl.h"
 
 #include <QPushButton>
 
@@ -42,6 +43,9 @@ void AppDelegate::gainAudios()
         if (state == 3 && self)
             self->updateGainFace();
     };
+    const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
+    const float ceiling = popup->truePeakCeiling();
+    const bool limitPeaks = popup->limitPeaks();
     bool started = false;
     for (const VXAudioGainPtr &item : selectedAudioGains()) {
         if (!isEligible(*item))
@@ -50,6 +54,8 @@ void AppDelegate::gainAudios()
         item->setReplaceOriginalFile(m_replaceOriginalFile);
         if (!item->replaceOriginalFile())
             item->setOutFolder(folder);
+        item->setTruePeakCeiling(ceiling);
+        item->setLimitPeaks(limitPeaks);
         item->gainWithBlock(report);
         started = true;
     }

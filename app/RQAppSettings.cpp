@@ -1,5 +1,7 @@
 #include "app/RQAppSettings.h"
 
+#include "engine/codec/VXCodecConstants.h"
+
 #include <QFileInfo>
 #include <QSettings>
 
@@ -26,5 +28,25 @@ bool setUserSelectedOutFolder(const QString &folder)
     settings.sync();
     return settings.status() == QSettings::NoError;
 }
+
+float truePeakCeiling()
+{
+    bool ok = false;
+    const float stored = QSettings().value(QLatin1String(kRQTruePeakCeiling)).toFloat(&ok);
+    // A hand-edited file must not hand the engine a ceiling it refuses.
+    if (!ok || !(stored >= VXMinTruePeakTarget && stored <= VXMaxTruePeakTarget))
+        return VXDefaultTruePeakTarget;
+    return stored;
+}
+
+void setTruePeakCeiling(float dbtp)
+{
+    QSettings settings;
+    settings.setValue(QLatin1String(kRQTruePeakCeiling), qBound(VXMinTruePeakTarget, dbtp, VXMaxTruePeakTarget));
+}
+
+bool limitPeaks() { return QSettings().value(QLatin1String(kRQLimitPeaks), false).toBool(); }
+
+void setLimitPeaks(bool limit) { QSettings().setValue(QLatin1String(kRQLimitPeaks), limit); }
 
 } // namespace RQAppSettings

@@ -2,10 +2,13 @@
 
 #include <QString>
 
-// What the app remembers between runs: only the output folder.
+// What the app remembers between runs: the output folder and how peaks are
+// held at Gain.
 namespace RQAppSettings {
 
 inline constexpr char kRQUserSelectedOutFolder[] = "kRQUserSelectedOutFolder";
+inline constexpr char kRQTruePeakCeiling[] = "kRQTruePeakCeiling";
+inline constexpr char kRQLimitPeaks[] = "kRQLimitPeaks";
 
 // The remembered folder's absolute path; a null string when none is stored
 // or the stored one is no longer an existing folder (the entry stays).
@@ -13,5 +16,12 @@ QString userSelectedOutFolder();
 // Stores the folder's absolute path at once; false (and nothing stored) when
 // the path is not an existing folder.
 bool setUserSelectedOutFolder(const QString &folder);
+
+// dBTP, -9..0; the engine's default (-2) when none or a value out of range
+// is stored.
+float truePeakCeiling();
+void setTruePeakCeiling(float dbtp);
+bool limitPeaks();
+void setLimitPeaks(bool limit);
 
 } // namespace RQAppSettings

@@ -22,6 +22,8 @@ struct RQPopupMenuWndCtrl::Private {
     bool applyToAll = false;
     float targetLoudness = 70.77f;
     qint64 row = 0;
+    float truePeakCeiling = VXDefaultTruePeakTarget;
+    bool limitPeaks = false;
     QPointer<RQMeunWindow> window;
     Ui::RQPopupMenuWndCtrl ui;
 };
@@ -69,6 +71,29 @@ void RQPopupMenuWndCtrl::setRow(qint64 r)
     }
 }
 
+float RQPopupMenuWndCtrl::truePeakCeiling() const { return d->truePeakCeiling; }
+
+void RQPopupMenuWndCtrl::setTruePeakCeiling(float dbtp)
+{
+    dbtp = qBound(VXMinTruePeakTarget, dbtp, VXMaxTruePeakTarget);
+    if (d->truePeakCeiling == dbtp)
+        return;
+    d->truePeakCeiling = dbtp;
+    syncControls();
+    emit truePeakCeilingChanged();
+}
+
+bool RQPopupMenuWndCtrl::limitPeaks() const { return d->limitPeaks; }
+
+void RQPopupMenuWndCtrl::setLimitPeaks(bool limit)
+{
+    if (d->limitPeaks == limit)
+        return;
+    d->limitPeaks = limit;
+    syncControls();
+    emit limitPeaksChanged();
+}
+
 QWidget *RQPopupMenuWndCtrl::window()
 {
     if (!d->window) {
@@ -91,6 +116,18 @@ QAbstractButton *RQPopupMenuWndCtrl::btnApplyToAll()
     return d->ui.btnApplyToAll;
 }
 
+QDoubleSpinBox *RQPopupMenuWndCtrl::spnTruePeakCeiling()
+{
+    window();
+    return d->ui.spnTruePeakCeiling;
+}
+
+QAbstractButton *RQPopupMenuWndCtrl::chkLimitPeaks()
+{
+    window();
+    return d->ui.chkLimitPeaks;
+}
+
 void RQPopupMenuWndCtrl::awakeFromNib()
 {
     setApplyToAll(false);
@@ -100,7 +137,8 @@ void RQPopupMenuWndCtrl::awakeFromNib()
     checkPalette.setColor(QPalette::WindowText, QColor(132, 128, 129));
     checkPalette.setColor(QPalette::ButtonText, QColor(132, 128, 129));
     ui.btnApplyToAll->setPalette(checkPalette);
-    for (QLabel *label : {ui.lblTitle, ui.lblLufs}) {
+    ui.chkLimitPeaks->setPalette(checkPalette);
+    for (QLabel *label : {ui.lblTitle, ui.lblLufs, ui.lblTruePeakCeiling}) {
         QPalette palette = label->palette();
         palette.setColor(QPalette::WindowText, QColor(195, 195, 195));
         label->setPalette(palette);
@@ -118,6 +156,15 @@ void RQPopupMenuWndCtrl::awakeFromNib()
         if (on)
             targetLoudnessChanged(d->ui.btnApplyToAll);
     });
+    // A quiet rule: the peak settings below it are for every file, not the row.
+    QPalette rule = ui.sepPeaks->palette();
+    rule.setColor(QPalette::WindowText, QColor(83, 79, 80));
+    ui.sepPeaks->setPalette(rule);
+    // The engine's range decides, should it ever differ from the form's.
+    ui.spnTruePeakCeiling->setRange(VXMinTruePeakTarget, VXMaxTruePeakTarget);
+    connect(ui.spnTruePeakCeiling, &QDoubleSpinBox::valueChanged, this,
+            [this](double v) { setTruePeakCeiling(float(v)); });
+    connect(ui.chkLimitPeaks, &QAbstractButton::toggled, this, &RQPopupMenuWndCtrl::setLimitPeaks);
     connect(d->window, &RQMeunWindow::resignedKey, d->window, &QWidget::hide);
     connect(d->window, &RQMeunWindow::stepRequested, this, [this](int steps) {
         userChangedValue(qBound(0.0f, d->targetLoudness + float(steps), 100.0f), d->window);
@@ -140,6 +187,10 @@ void RQPopupMenuWndCtrl::syncControls()
     const float range = VXMaxIntegratedLoudnessTarget - VXMinIntegratedLoudnessTarget;
     const float lufs = v * range / 100.0f + VXMinIntegratedLoudnessTarget;
     ui.lblLufs->setText(QStringLiteral("%1 LUFS").arg(double(lufs), 0, 'f', 1));
+    const QSignalBlocker blockCeiling(ui.spnTruePeakCeiling);
+    const QSignalBlocker blockLimit(ui.chkLimitPeaks);
+    ui.spnTruePeakCeiling->setValue(d->truePeakCeiling);
+    ui.chkLimitPeaks->setChecked(d->limitPeaks);
 }
 
 void RQPopupMenuWndCtrl::userChangedValue(float value, QObject *sender)

@@ -5,6 +5,7 @@
 #include <QPointer>
 
 class QAbstractButton;
+class QDoubleSpinBox;
 class QWidget;
 class RQMenuView;
 
@@ -24,11 +25,16 @@ signals:
 
 // The shared target-loudness popup: one instance for the application's life.
 // Observers read applyToAll, row and targetLoudness from it when notified.
+// It also holds how peaks are treated, for every file at the next Gain: the
+// true-peak ceiling and whether a limiter may hold peaks to reach the target.
+// Those change through their own signals and post no notification.
 class RQPopupMenuWndCtrl : public QObject {
     Q_OBJECT
     Q_PROPERTY(bool applyToAll READ applyToAll WRITE setApplyToAll NOTIFY applyToAllChanged)
     Q_PROPERTY(float targetLoudness READ targetLoudness WRITE setTargetLoudness NOTIFY targetLoudnessValueChanged)
     Q_PROPERTY(qint64 row READ row WRITE setRow NOTIFY rowChanged)
+    Q_PROPERTY(float truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY truePeakCeilingChanged)
+    Q_PROPERTY(bool limitPeaks READ limitPeaks WRITE setLimitPeaks NOTIFY limitPeaksChanged)
 
 public:
     static RQPopupMenuWndCtrl *sharePopupMenuWndCtrl();
@@ -39,11 +45,18 @@ public:
     void setTargetLoudness(float value);
     qint64 row() const;
     void setRow(qint64 row);
+    // dBTP, clamped to -9..0.
+    float truePeakCeiling() const;
+    void setTruePeakCeiling(float dbtp);
+    bool limitPeaks() const;
+    void setLimitPeaks(bool limit);
 
     // The popup window, loaded from RQPopupMenuWndCtrl.ui on first use.
     QWidget *window();
     RQMenuView *menuView();
     QAbstractButton *btnApplyToAll();
+    QDoubleSpinBox *spnTruePeakCeiling();
+    QAbstractButton *chkLimitPeaks();
     // Top-left corner at the global point; shown and activated.
     void popupMenuWndWithLocation(const QPoint &globalPoint);
     // Posts kRQTargetLoudnessChaned, unconditionally.
@@ -53,6 +66,8 @@ signals:
     void applyToAllChanged();
     void targetLoudnessValueChanged();
     void rowChanged();
+    void truePeakCeilingChanged();
+    void limitPeaksChanged();
 
 private:
     RQPopupMenuWndCtrl();
