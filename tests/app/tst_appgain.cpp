@@ -1,14 +1,21 @@
 // The Gain/Cancel button: which items start, where their results go, the
 // button's face, cancel, the close guard while gaining, and quitting with
-// jobs under way. Real jobs on real files.
+// jobs under way, the remembered peak settings, a failure's reason on the
+// row. Real jobs on real files.
 #include "AppTestUtil.h"
 
+#include "app/RQAppSettings.h"
 #include "engine/codec/VXLog.h"
+#include "views/RQPopupMenuWndCtrl.h"
 
+#include <QAbstractButton>
 #include <QCheckBox>
+#include <QDoubleSpinBox>
 #include <QFileDialog>
+#include <QHelpEvent>
 #include <QListView>
 #include <QPushButton>
+#include <QToolTip>
 
 using namespace apptest;
 
@@ -176,6 +183,72 @@ private slots:
         QVERIFY(c->applicationWillTerminate());
         for (const VXAudioGainPtr &item : list->items())
             QVERIFY(!QFile::exists(out + QLatin1Char('/') + item->inputFileName()) || item->retCode() == 0);
+    }
+
+    // The popup's peak settings outlive the controller and the settings
+    // object, and every item the batch starts carries them.
+    void peakSettingsAreRememberedAndReachTheItems()
+    {
+        QSettings().clear();
+        RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
+        {
+            Controller c;
+            QCOMPARE(popup->truePeakCeiling(), -2.0f);  // nothing stored yet
+            QVERIFY(!popup->limitPeaks());
+            popup->spnTruePeakCeiling()->setValue(-4.5);
+            popup->chkLimitPeaks()->click();
+        }
+        // A new process starts from the popup's defaults.
+        popup->setTruePeakCeiling(-2.0f);
+        popup->setLimitPeaks(false);
+        QCOMPARE(RQAppSettings::truePeakCeiling(), -4.5f);
+        QVERIFY(RQAppSettings::limitPeaks());
+
+        const QString out = m_dir.filePath(QStringLiteral("out-peaks"));
+        QVERIFY(QDir().mkpath(out));
+        Controller c;
+        QCOMPARE(popup->spnTruePeakCeiling()->value(), -4.5);
+        QVERIFY(popup->chkLimitPeaks()->isChecked());
+        c->folderSheetDidEnd(QDialog::Accepted, out, false);
+        QVERIFY(c.import({m_short[0], m_short[2]}));
+        c->gainAudioAction();
+        for (const VXAudioGainPtr &item : c->audioGains()->items()) {
+            QCOMPARE(item->truePeakCeiling(), -4.5f);
+            QVERIFY(item->limitPeaks());
+        }
+        QVERIFY(waitFor([&] { return allEnded(*c.app); }));
+
+        // A ceiling the engine would refuse is never handed out.
+        QSettings().setValue(QLatin1String(RQAppSettings::kRQTruePeakCeiling), 3.0);
+        QCOMPARE(RQAppSettings::truePeakCeiling(), -2.0f);
+    }
+
+    // A row whose job failed tells why when the pointer rests on its state
+    // image.
+    void failedRowTellsItsReasonOnHover()
+    {
+        QSettings().clear();
+        Controller c;
+        c->window()->show();
+        QVERIFY(QTest::qWaitForWindowExposed(c->window()));
+        const QString gone = m_dir.filePath(QStringLiteral("never-made"));
+        c->folderSheetDidEnd(QDialog::Accepted, gone, false);
+        QVERIFY(c.import({m_short[1]}));
+        c->gainAudioAction();
+        QVERIFY(waitFor([&] { return allEnded(*c.app); }));
+        const VXAudioGainPtr item = c->audioGains()->at(0);
+        QCOMPARE(item->retCode(), -1);
+        const QString reason = item->gainResult().reason;
+        QVERIFY2(reason.contains(gone), qPrintable(reason));
+
+        QListView *list = c->tableView();
+        const QRect state = RQTableCellView::layout(list->visualRect(c->audioGains()->index(0))).state;
+        QHelpEvent hover(QEvent::ToolTip, state.center(), list->viewport()->mapToGlobal(state.center()));
+        QApplication::sendEvent(list->viewport(), &hover);
+        QTRY_VERIFY(QToolTip::isVisible());
+        QCOMPARE(QToolTip::text(), reason);
+        QToolTip::hideText();
+        c->window()->hide();
     }
 };
 
