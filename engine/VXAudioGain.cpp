@@ -143,7 +143,8 @@ void VXAudioGain::setRetCode(qint64 retCode)
         return;
     emit retCodeChanged();
     emit stateImageChanged();
-    emit outcomeTextChanged();
+    if (state() == 3)  // while running, retCode is only the progress
+        emit outcomeTextChanged();
 }
 
 float VXAudioGain::truePeakCeiling() const { return m_truePeakCeiling.load(); }

@@ -40,6 +40,8 @@ QVariant VXAudioGainList::data(const QModelIndex &index, int role) const
     case StateRole: return item->state();
     case RetCodeRole: return item->retCode();
     case TargetLoudnessRole: return item->targetLoudness();
+    // Screen readers hear how the job ended: its figures or its reason.
+    case Qt::AccessibleDescriptionRole: return item->outcomeText();
     default: return {};
     }
 }
@@ -185,7 +187,8 @@ void VXAudioGainList::watch(const VXAudioGainPtr &item)
     watch.connections << on(&VXAudioGain::stateChanged, {StateRole, AllowedTargetEditRole})
                       << on(&VXAudioGain::retCodeChanged, {RetCodeRole})
                       << on(&VXAudioGain::stateImageChanged, {StateImageRole})
-                      << on(&VXAudioGain::targetLoudnessChanged, {TargetLoudnessRole, TargetTextRole});
+                      << on(&VXAudioGain::targetLoudnessChanged, {TargetLoudnessRole, TargetTextRole})
+                      << on(&VXAudioGain::outcomeTextChanged, {Qt::AccessibleDescriptionRole});
 }
 
 void VXAudioGainList::unwatch(const VXAudioGainPtr &item)
