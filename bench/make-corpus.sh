@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Writes the benchmark corpus into $1 once: music-like synthetic material
 # (chords under note and phrase envelopes over pink noise, loudness range of
-# a few LU so loudnorm can stay linear) at several levels and in the usual
-# formats. A stamp file marks a complete corpus; change VERSION to rebuild.
+# a few LU) at several levels and in the usual formats, plus material that
+# a high target pushes past the peak ceiling: a wide-range piece with loud
+# and soft movements, a quiet take with hot transients, and a short spoken
+# clip. A stamp file marks a complete corpus; change VERSION to rebuild.
 set -euo pipefail
 dir=$1
-VERSION=1
+VERSION=2
 stamp="$dir/.corpus-v$VERSION"
 [ -f "$stamp" ] && exit 0
 rm -rf "$dir"; mkdir -p "$dir"
@@ -44,4 +46,23 @@ for entry in "${corpus[@]}"; do
     -ar "$rate" -metadata title="Bench $name" -metadata artist="Evenloud bench" \
     $enc "$dir/$name"
 done
+# Wide range: movements 12 dB apart, peaks near -1 dBFS in the loud ones.
+echo "  corpus: wide-range.flac (150s)" >&2
+ffmpeg -v error -nostdin -y \
+  -f lavfi -i "aevalsrc='(0.3*sin(2*PI*196*t)+0.2*sin(2*PI*294*t)+0.1*sin(2*PI*1175*t))*(0.6+0.4*sin(2*PI*1.1*t))*if(lt(mod(t,50),25),1,0.25)|(0.3*sin(2*PI*196*t)+0.2*sin(2*PI*247*t)+0.1*sin(2*PI*988*t))*(0.6+0.4*sin(2*PI*0.9*t))*if(lt(mod(t,50),25),1,0.25)':s=44100:d=150" \
+  -f lavfi -i "anoisesrc=color=pink:amplitude=0.02:r=44100:d=150:seed=7" \
+  -filter_complex "[1]aformat=channel_layouts=stereo[n];[0][n]amix=inputs=2:normalize=0" \
+  -c:a flac -sample_fmt s32 -metadata title="Bench wide-range" "$dir/wide-range.flac"
+# Quiet body, hot transients (a hit every 0.75 s to about -0.5 dBFS).
+echo "  corpus: hot-peaks.mp3 (120s)" >&2
+ffmpeg -v error -nostdin -y \
+  -f lavfi -i "aevalsrc='0.05*(sin(2*PI*220*t)+0.6*sin(2*PI*660*t))+0.9*exp(-60*mod(t,0.75))*sin(2*PI*180*t)':s=44100:d=120" \
+  -f lavfi -i "anoisesrc=color=pink:amplitude=0.01:r=44100:d=120:seed=3" \
+  -filter_complex "[0]aformat=channel_layouts=stereo[s];[1]aformat=channel_layouts=stereo[n];[s][n]amix=inputs=2:normalize=0" \
+  -c:a libmp3lame -b:a 192k -metadata title="Bench hot-peaks" "$dir/hot-peaks.mp3"
+# A short spoken-like clip: shorter than loudnorm's three-second window.
+echo "  corpus: short-clip.wav (1.4s)" >&2
+ffmpeg -v error -nostdin -y -f lavfi \
+  -i "aevalsrc='0.25*(sin(2*PI*150*t)+0.5*sin(2*PI*450*t)+0.25*sin(2*PI*1350*t))*abs(sin(2*PI*2.5*t))':s=48000:d=1.4" \
+  -ac 1 -c:a pcm_s16le "$dir/short-clip.wav"
 touch "$stamp"
