@@ -3,6 +3,7 @@
 # fixed corpus, in the same run, and checks every output with an independent
 # meter (libebur128).
 #   bench/run.sh            full run (builds Release in build/bench if needed)
+#   BENCH_TIMING_ONLY=1 bench/run.sh   the timed comparison alone, for repeated runs
 # Results: printed, and kept in build/bench-work/summary.txt.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -80,6 +81,11 @@ say "batch speed-up       vs sequential $(ratio "$seq" "$ours")x (target >= 2.5)
 say "single-file latency  evenloud-cli ${lat_ours}s   recipe ${lat_rec}s   ours/recipe $(ratio "$lat_ours" "$lat_rec") (target <= 0.7)"
 say "CPU time (user+sys)  evenloud-cli $(cpu ours)s   recipe sequential $(cpu seq)s   recipe x2 $(cpu par)s"
 say "peak memory (batch)  ${rss_mb} MB max RSS (target < 150); one recipe process peaks at $(ffmpeg_rss)"
+
+if [ "${BENCH_TIMING_ONLY:-0}" = 1 ]; then
+  echo "summary kept in $summary" >&2
+  exit 0
+fi
 
 # --- the codec layer's memory does not grow with the file's length
 echo "== filterless transcoding, 6 and 60 minutes of FLAC" >&2
