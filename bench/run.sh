@@ -59,6 +59,11 @@ timed ours "$cli" --jobs "$jobs" -o "$work/ours" --json "${files[@]}" >"$work/ou
 ours=$(field ours 1)
 rss_mb=$(awk '{ printf "%.1f", $4 / 1024 }' "$work/ours.time")
 
+echo "== evenloud-cli, batch, codec work in process (what isolation costs)" >&2
+timed inproc env EVENLOUD_WORKER=none "$cli" --jobs "$jobs" -o "$work/inproc" --json "${files[@]}" >/dev/null 2>&1 ||
+  { echo "evenloud-cli in process failed" >&2; exit 1; }
+inproc=$(field inproc 1)
+
 echo "== recipe, sequential" >&2
 mkdir -p "$work/seq"
 timed seq bash -c 'for f; do "$root/bench/recipe.sh" "$f" "$work/seq" "$target" || exit 1; done' _ "${files[@]}"
@@ -80,7 +85,8 @@ say "batch wall time      evenloud-cli ${ours}s   recipe sequential ${seq}s   re
 say "batch speed-up       vs sequential $(ratio "$seq" "$ours")x (target >= 2.5)   vs two at a time $(ratio "$par" "$ours")x (target >= 1.3)"
 say "single-file latency  evenloud-cli ${lat_ours}s   recipe ${lat_rec}s   ours/recipe $(ratio "$lat_ours" "$lat_rec") (target <= 0.7)"
 say "CPU time (user+sys)  evenloud-cli $(cpu ours)s   recipe sequential $(cpu seq)s   recipe x2 $(cpu par)s"
-say "peak memory (batch)  ${rss_mb} MB max RSS (target < 150); one recipe process peaks at $(ffmpeg_rss)"
+say "isolation            worker processes ${ours}s ($(cpu ours)s CPU) vs in process ${inproc}s ($(cpu inproc)s CPU): wall x$(ratio "$ours" "$inproc") (target < 1.03)"
+say "peak memory (batch)  ${rss_mb} MB max RSS of the largest process (in process: $(awk '{ printf "%.1f", $4 / 1024 }' "$work/inproc.time") MB); one recipe process peaks at $(ffmpeg_rss)"
 
 if [ "${BENCH_TIMING_ONLY:-0}" = 1 ]; then
   echo "summary kept in $summary" >&2

@@ -1,6 +1,8 @@
 #include "cli/CliBatch.h"
 
 #include "cli/CliProgress.h"
+
+#include <algorithm>
 #include "engine/codec/VXFilter.h"
 
 CliBatch::CliBatch(QList<Job> jobs, QList<CliFileResult> &results, int maxRunning,
@@ -8,6 +10,10 @@ CliBatch::CliBatch(QList<Job> jobs, QList<CliFileResult> &results, int maxRunnin
     : QObject(parent), m_jobs(std::move(jobs)), m_clocks(m_jobs.size()), m_results(results),
       m_maxRunning(std::max(1, maxRunning)), m_progress(progress)
 {
+    // Longest first: a long file started last would leave the other cores
+    // idle while it finishes alone. The report keeps the order given.
+    std::stable_sort(m_jobs.begin(), m_jobs.end(),
+                     [](const Job &a, const Job &b) { return a.item->duration() > b.item->duration(); });
 }
 
 void CliBatch::start()

@@ -2,6 +2,7 @@
 #include "cli/CliOptions.h"
 #include "cli/CliProgress.h"
 #include "cli/CliReport.h"
+#include "engine/codec/VXWorker.h"
 #include "cli/CliSignals.h"
 #include "engine/VXAudioGain.h"
 #include "engine/VXImport.h"
@@ -68,6 +69,8 @@ int main(int argc, char *argv[])
         return parsed.exitCode;
     }
     const CliOptions &opt = *parsed.options;
+    // A file that crashes a decoder fails alone; the batch goes on.
+    vx::useWorkerProcess();
 
     if (!opt.replace) {
         QString why;

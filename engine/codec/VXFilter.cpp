@@ -122,6 +122,8 @@ void VXFilter::cancelRedirectStdErr() { d->log->cancelRedirect(); }
 
 std::shared_ptr<VXFilterLogState> VXFilterAccess::logState(const VXFilter &filter) { return filter.d->log; }
 
+QByteArray VXFilterAccess::optionText(const QVariant &value) { return optionString(value); }
+
 namespace {
 
 double attributeNumber(const QMap<QString, QVariant> &attributes, const char *key, double fallback)

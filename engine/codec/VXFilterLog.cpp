@@ -175,6 +175,12 @@ void VXFilterLogState::clearPending()
     pending.clear();
 }
 
+QByteArray VXFilterLogState::takePending()
+{
+    std::lock_guard<std::mutex> guard(lock);
+    return std::exchange(pending, {});
+}
+
 VXFilterLogState::~VXFilterLogState()
 {
     if (sink)

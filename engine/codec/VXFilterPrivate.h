@@ -23,6 +23,7 @@ struct VXFilterLogState {
     bool redirect(const QString &path);
     void cancelRedirect();
     void clearPending();
+    QByteArray takePending();
     ~VXFilterLogState();
 };
 
@@ -37,6 +38,8 @@ struct VXFilterAccess {
                                         int sampleRate, bool highPrecision, const char *instanceName,
                                         QString *error);
     static std::shared_ptr<VXFilterLogState> logState(const VXFilter &filter);
+    // An attribute's value as the filter's option string spells it.
+    static QByteArray optionText(const QVariant &value);
 };
 
 namespace vx {

@@ -2,6 +2,7 @@
 
 #include "engine/codec/VXLibav.h"
 #include "engine/codec/VXProbe.h"
+#include "engine/codec/VXWorker.h"
 
 extern "C" {
 #include <libavutil/channel_layout.h>
@@ -134,6 +135,15 @@ VXLoudness LoudnessMeter::finish()
 bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString *why,
                    const std::atomic<bool> *cancel)
 {
+    if (!vx::workerProgram().isEmpty()) {
+        // Decoding the result can crash like any decoding: in the child too.
+        vx::WorkerRun run({QStringLiteral("measure"), path, truePeak ? QStringLiteral("1") : QStringLiteral("0")},
+                          600.0);
+        const vx::WorkerRun::Outcome outcome = run.run({});
+        *out = outcome.loudness;
+        *why = outcome.reason;
+        return outcome.completed && out->measured();
+    }
     int code = 0;
     vx::InputPtr input = vx::openInput(path, why, &code);
     if (!input)

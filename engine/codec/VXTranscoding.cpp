@@ -4,6 +4,8 @@
 #include "engine/codec/VXLog.h"
 #include "engine/codec/VXPipeline.h"
 #include "engine/codec/VXWorkQueue.h"
+#include "engine/codec/VXWorker.h"
+#include "engine/codec/VXFilterPrivate.h"
 
 extern "C" {
 #include <libavfilter/buffersink.h>
@@ -62,6 +64,8 @@ bool isLossy(const AVCodecContext *encoder)
 
 struct VXTranscoding::Private {
     QString inPath;
+    QString outPath;
+    std::unique_ptr<vx::WorkerRun> worker;  // set when the work runs in a child
     std::unique_ptr<vx::Pipeline> pipeline;
     std::vector<std::shared_ptr<VXFilter>> filters;
     VXTranscodingBlock block;
@@ -87,6 +91,7 @@ struct VXTranscoding::Private {
     bool conformFrame(AVFrame *decoded);
 
     void run();
+    void runInWorker();
     bool readAll();
     bool decode(AVPacket *packet, AVFrame *decoded, AVFrame *filtered);
     bool drainGraph(AVFrame *filtered, bool atEnd);
@@ -135,6 +140,7 @@ std::shared_ptr<VXTranscoding> VXTranscoding::initWithInput(const QString &input
     }
     std::shared_ptr<VXTranscoding> t(new VXTranscoding);
     t->d->inPath = input;
+    t->d->outPath = output;
     t->d->pipeline = std::move(pipeline);
     return t;
 }
@@ -155,6 +161,26 @@ void VXTranscoding::transcodingWithBlock(VXTranscodingBlock block)
     }
     d->block = std::move(block);
     std::lock_guard<std::mutex> guard(d->threadLock);
+    if (!vx::workerProgram().isEmpty()) {
+        QStringList args{QStringLiteral("transcode"), d->inPath, d->outPath};
+        for (const auto &filter : d->filters) {
+            args << QStringLiteral("--filter") << filter->name();
+            const QMap<QString, QVariant> attributes = filter->attributes();
+            for (auto it = attributes.begin(); it != attributes.end(); ++it)
+                args << QStringLiteral("--attr") << it.key() + QLatin1Char('=')
+                        + QString::fromUtf8(VXFilterAccess::optionText(it.value()));
+        }
+        // Generous: pass 1 of a long file runs at about 40x real time.
+        const double seconds = 120.0 + 2.0 * double(d->pipeline->durationUs) / AV_TIME_BASE;
+        // The child writes the output from scratch; ours must be closed first.
+        d->pipeline.reset();
+        d->worker = std::make_unique<vx::WorkerRun>(args, seconds);
+        d->reader = std::thread([p = d.get()] {
+            { std::lock_guard<std::mutex> assigned(p->threadLock); }
+            p->runInWorker();
+        });
+        return;
+    }
     d->reader = std::thread([p = d.get()] {
         { std::lock_guard<std::mutex> assigned(p->threadLock); }
         p->run();
@@ -165,6 +191,9 @@ void VXTranscoding::cancelTranscoding()
 {
     d->cancelled.store(true);
     d->queue.abort();
+    std::lock_guard<std::mutex> guard(d->threadLock);
+    if (d->worker)
+        d->worker->cancel();
 }
 
 // Written by the worker before its end report, which the caller waits for.
@@ -188,6 +217,33 @@ void VXTranscoding::Private::run()
                                             : VXTranscodingCompleted;
     // The end report is the last thing this thread does: its receiver may
     // release the transcoding from inside the call.
+    VXTranscodingBlock end = std::move(block);
+    if (end)
+        end(VXTranscodingStateEnd, result);
+}
+
+void VXTranscoding::Private::runInWorker()
+{
+    for (const auto &filter : filters)
+        VXFilterAccess::logState(*filter)->clearPending();
+    vx::WorkerRun::Handlers handlers;
+    handlers.progress = [this](int percent) {
+        if (percent > lastProgress && block) {
+            lastProgress = percent;
+            block(VXTranscodingStateProgress, percent);
+        }
+    };
+    // What the child's filters printed as they were freed: as if ours had.
+    handlers.printOut = [this](int index, const QByteArray &bytes) {
+        if (index >= 0 && size_t(index) < filters.size())
+            VXFilterAccess::logState(*filters[size_t(index)])->append(bytes.constData(), size_t(bytes.size()));
+    };
+    const vx::WorkerRun::Outcome outcome = worker->run(handlers);
+    if (!outcome.completed && !outcome.cancelled && !cancelled.load())
+        fail(outcome.reason.isEmpty() ? QStringLiteral("the worker failed") : outcome.reason);
+    const int64_t result = cancelled.load() || outcome.cancelled ? VXTranscodingCancelled
+        : failed.load()                                           ? VXTranscodingFailed
+                                                                  : VXTranscodingCompleted;
     VXTranscodingBlock end = std::move(block);
     if (end)
         end(VXTranscodingStateEnd, result);

@@ -343,3 +343,24 @@ TEST_F(JobTest, MissedTargetFailsWithItsReasonAndPlacesNothing)
     EXPECT_EQ(gain->outcomeText(), gain->gainResult().reason);
     EXPECT_TRUE(outputs().isEmpty());
 }
+
+// A file whose decoding crashes the codec fails alone, with a reason; the
+// jobs beside it and this process carry on.
+TEST_F(JobTest, CrashInTheCodecFailsThatFileAlone)
+{
+    auto good = item(makeWav(m_in.path(), QStringLiteral("good.wav"), 3.0));
+    auto bad = item(makeWav(m_in.path(), QStringLiteral("crasher.wav"), 3.0));
+    ASSERT_TRUE(good && bad);
+    qputenv("EVENLOUD_WORKER_ABORT_ON", "crasher.wav");
+    JobRun a(good), b(bad);
+    a.start();
+    b.start();
+    const bool ended = a.waitEnd() && b.waitEnd();
+    qunsetenv("EVENLOUD_WORKER_ABORT_ON");
+    ASSERT_TRUE(ended);
+    EXPECT_EQ(a.reports.last(), Report(3, 0));
+    EXPECT_EQ(b.reports.last(), Report(3, -1));
+    EXPECT_TRUE(bad->gainResult().reason.startsWith("the decoder crashed on this file"))
+        << bad->gainResult().reason.toStdString();
+    EXPECT_EQ(outputs(), QStringList{QStringLiteral("good.wav")});
+}

@@ -1,4 +1,5 @@
 #include "engine/VXAudioGain.h"
+#include "engine/codec/VXWorker.h"
 
 #include <QGuiApplication>
 #include <gtest/gtest.h>
@@ -8,6 +9,9 @@ int main(int argc, char **argv)
     // A GUI application: the state image and the artwork are drawn, and jobs
     // report to this (main) thread.
     QGuiApplication app(argc, argv);
+    // Jobs run their codec work in the worker, as the programs do.
+    if (!vx::useWorkerProcess())
+        return 1;
     ::testing::InitGoogleTest(&argc, argv);
     const int failed = RUN_ALL_TESTS();
     // Failed and cancelled jobs leave temporary files, as the application's.

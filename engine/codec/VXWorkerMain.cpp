@@ -1,0 +1,237 @@
+// The worker program's side: a small server that forks one child per run.
+// It loads FFmpeg once; a fork then costs a millisecond where starting the
+// program again would cost a tenth of a second of library loading.
+
+#include "engine/codec/VXFilter.h"
+#include "engine/codec/VXFilterPrivate.h"
+#include "engine/codec/VXLog.h"
+#include "engine/codec/VXTranscoding.h"
+#include "engine/codec/VXWorker.h"
+#include "engine/codec/VXWorkerProtocol.h"
+
+#include <QSemaphore>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace vx {
+namespace {
+
+// Address space for one file's codec work: far above what a pass needs (about
+// 100 MB), low enough that a runaway allocation fails in the child.
+constexpr rlim_t kAddressSpace = rlim_t(4) << 30;
+
+QString oneLine(const QString &text)
+{
+    QString line = text;
+    line.replace(QLatin1Char('\n'), QLatin1Char(' '));
+    return line;
+}
+
+// The child's side of the pipe: whole messages, one writer at a time.
+class Channel {
+public:
+    void send(const QByteArray &line, const QByteArray &payload = {})
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        std::fwrite(line.constData(), 1, size_t(line.size()), stdout);
+        std::fputc('\n', stdout);
+        if (!payload.isEmpty())
+            std::fwrite(payload.constData(), 1, size_t(payload.size()), stdout);
+        std::fflush(stdout);
+    }
+
+private:
+    std::mutex m_lock;
+};
+
+int transcode(Channel &channel, const QStringList &args)
+{
+    if (args.size() < 2)
+        return 2;
+    std::vector<std::shared_ptr<VXFilter>> filters;
+    for (qsizetype i = 2; i + 1 < args.size(); i += 2) {
+        if (args[i] == QLatin1String("--filter")) {
+            filters.push_back(VXFilter::filterWithName(args[i + 1]));
+            if (!filters.back())
+                return 2;
+        } else if (args[i] == QLatin1String("--attr") && !filters.empty()) {
+            const qsizetype eq = args[i + 1].indexOf(QLatin1Char('='));
+            filters.back()->setValue(args[i + 1].mid(eq + 1), args[i + 1].left(eq));
+        }
+    }
+    QString why;
+    auto t = VXTranscoding::initWithInput(args[0], args[1], &why);
+    if (!t) {
+        channel.send("R " + oneLine(why).toUtf8());
+        channel.send("E 1");
+        return 0;
+    }
+    for (const auto &f : filters)
+        t->addAudioFilter(f);
+    QSemaphore ended;
+    int64_t result = VXTranscodingFailed;
+    t->transcodingWithBlock([&](int32_t state, int64_t value) {
+        if (state == VXTranscodingStateProgress) {
+            channel.send("P " + QByteArray::number(qint64(value)));
+        } else if (state == VXTranscodingStateEnd) {
+            result = value;
+            ended.release();
+        }
+    });
+    ended.acquire();
+    why = t->failureReason();
+    t.reset();  // the filters print their records now
+    for (size_t i = 0; i < filters.size(); ++i) {
+        const QByteArray printOut = VXFilterAccess::logState(*filters[i])->takePending();
+        channel.send("F " + QByteArray::number(qulonglong(i)) + ' ' + QByteArray::number(printOut.size()), printOut);
+    }
+    if (!why.isEmpty())
+        channel.send("R " + oneLine(why).toUtf8());
+    channel.send("E " + QByteArray::number(qint64(result)));
+    return 0;
+}
+
+int measure(Channel &channel, const QStringList &args)
+{
+    if (args.size() < 2)
+        return 2;
+    VXLoudness l;
+    QString why;
+    if (!VXMeasureFile(args[0], args[1] == QLatin1String("1"), &l, &why)) {
+        channel.send("R " + oneLine(why).toUtf8());
+        channel.send("E 1");
+        return 0;
+    }
+    channel.send("M " + QByteArray::number(l.integrated, 'g', 17) + ' ' + QByteArray::number(l.truePeak, 'g', 17)
+                 + ' ' + QByteArray::number(l.range, 'g', 17));
+    channel.send("E 0");
+    return 0;
+}
+
+
+
+int runCommand(QStringList args)
+{
+    Channel channel;
+    VXSetLogSink([&channel](const QString &line) { channel.send("L " + oneLine(line).toUtf8()); });
+    // Test seam (see WorkerRun::run): a stand-in for a file that crashes a decoder.
+    if (!args.isEmpty() && args.first() == QLatin1String("--abort-for-test"))
+        std::abort();
+    if (args.isEmpty())
+        return 2;
+    const QString command = args.takeFirst();
+    if (command == QLatin1String("transcode"))
+        return transcode(channel, args);
+    if (command == QLatin1String("measure"))
+        return measure(channel, args);
+    return 2;
+}
+
+void limitChild(quint64 cpuSeconds)
+{
+    const rlimit cpu{rlim_t(std::max<quint64>(cpuSeconds, 1)), rlim_t(std::max<quint64>(cpuSeconds, 1) + 5)};
+    setrlimit(RLIMIT_CPU, &cpu);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    // (Sanitizer builds reserve terabytes of address space for their shadow.)
+    const rlimit space{kAddressSpace, kAddressSpace};
+    setrlimit(RLIMIT_AS, &space);
+#endif
+}
+
+} // namespace
+
+int workerMain(int, char **)
+{
+    // No parent-death signal here: it follows the thread that started us,
+    // which may be any short-lived thread. The socket's end tells instead:
+    // it closes with the program, whatever way that ends.
+    const int sock = kWorkerSocketFd;
+    sigset_t childSignals, previous;
+    sigemptyset(&childSignals);
+    sigaddset(&childSignals, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &childSignals, &previous);
+    const int childEvents = signalfd(-1, &childSignals, SFD_CLOEXEC);
+    if (childEvents < 0)
+        return 2;
+    std::map<pid_t, quint64> children;
+    auto reply = [sock](quint64 id, int status) {
+        const WorkerEnded message{'X', id, status};
+        ::send(sock, &message, sizeof message, MSG_NOSIGNAL);
+    };
+    for (;;) {
+        pollfd fds[2] = {{sock, POLLIN, 0}, {childEvents, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0)
+            continue;
+        if (fds[1].revents & POLLIN) {
+            signalfd_siginfo info;
+            while (::read(childEvents, &info, sizeof info) < 0 && errno == EINTR) {
+            }
+            int status = 0;
+            pid_t pid;
+            while ((pid = ::waitpid(-1, &status, WNOHANG)) > 0) {
+                if (const auto it = children.find(pid); it != children.end()) {
+                    reply(it->second, status);
+                    children.erase(it);
+                }
+            }
+        }
+        if (!(fds[0].revents & (POLLIN | POLLHUP)))
+            continue;
+        std::vector<char> buffer(kWorkerMaxRequest);
+        int passed = -1;
+        const ssize_t n = receiveRequest(sock, buffer.data(), buffer.size(), &passed);
+        if (n <= 0) {  // the program has gone: so do its runs
+            for (const auto &child : children)
+                ::kill(child.first, SIGKILL);
+            return 0;
+        }
+        WorkerRequest request;
+        if (size_t(n) < sizeof request) {
+            if (passed >= 0)
+                ::close(passed);
+            continue;
+        }
+        std::memcpy(&request, buffer.data(), sizeof request);
+        if (request.type == 'K') {
+            for (const auto &child : children)
+                if (child.second == request.id)
+                    ::kill(child.first, SIGKILL);
+            continue;
+        }
+        if (request.type != 'R' || passed < 0)
+            continue;
+        QStringList args;
+        for (const QByteArray &a : QByteArray(buffer.data() + sizeof request, n - qsizetype(sizeof request)).split('\0'))
+            if (!a.isEmpty())
+                args << QString::fromUtf8(a);
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            sigprocmask(SIG_SETMASK, &previous, nullptr);
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            ::close(sock);
+            ::close(childEvents);
+            ::dup2(passed, 1);
+            ::close(passed);
+            limitChild(request.cpuSeconds);
+            std::fflush(nullptr);
+            _exit(runCommand(args));
+        }
+        ::close(passed);
+        if (pid < 0)
+            reply(request.id, -1);
+        else
+            children.emplace(pid, request.id);
+    }
+}
+
+} // namespace vx
