@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 #include "app/RQDebugDriver.h"
 #include "app/RQPalette.h"
+#include "engine/codec/VXWorker.h"
 
 #include <QApplication>
 #include <QIcon>
@@ -16,6 +17,8 @@ int main(int argc, char *argv[])
     QApplication::setDesktopFileName(QStringLiteral("evenloud"));
     QApplication::setWindowIcon(QIcon(QStringLiteral(":/images/evenloud.svg")));
     RQPalette::applyDarkPalette(app);
+    // A file that crashes a decoder fails alone; the window stays.
+    vx::useWorkerProcess();
 
     AppDelegate delegate;
     delegate.applicationDidFinishLaunching();
