@@ -169,6 +169,7 @@ int main(int argc, char *argv[])
     writeOut(stdout, opt.json ? formatJson(results) : formatTable(results));
 
     jobs.clear();
+    vx::stopWorkerProcess();
     VXAudioGain::cleanCache();
     if (batch.isCancelled() || CliSignals::pending())
         return 130;

@@ -121,7 +121,6 @@ private:
             return false;
         }
         m_sock = sv[0];
-        m_pid = pid;
         std::thread([this, sock = sv[0], pid] { readEnds(sock, pid); }).detach();
         return true;
     }
@@ -139,23 +138,39 @@ private:
             m_changed.notify_all();
         }
         // The server is gone: its runs with it. The next run starts another.
+        int status = 0;
+        ::waitpid(pid, &status, 0);
         std::lock_guard<std::mutex> guard(m_lock);
-        VXLog(QStringLiteral("The worker process stopped; starting a new one for the next file"));
+        if (!m_stopping)
+            VXLog(QStringLiteral("The worker process stopped; starting a new one for the next file"));
         for (auto &run : m_running)
             if (run.second == kRunning)
                 run.second = -1;
         ::close(sock);
         if (m_sock == sock)
             m_sock = -1;
-        int status = 0;
-        ::waitpid(pid, &status, 0);
         m_changed.notify_all();
     }
+
+public:
+    // Ends the server and waits for it: its CPU time and memory then count
+    // in this process's own accounts of its children, as they should.
+    void stop()
+    {
+        std::unique_lock<std::mutex> lock(m_lock);
+        if (m_sock < 0)
+            return;
+        m_stopping = true;
+        ::shutdown(m_sock, SHUT_RDWR);
+        m_changed.wait(lock, [&] { return m_sock < 0; });
+    }
+
+private:
 
     std::mutex m_lock;
     std::condition_variable m_changed;
     int m_sock = -1;
-    pid_t m_pid = -1;
+    bool m_stopping = false;
     quint64 m_next = 1;
     std::unordered_map<quint64, int> m_running;  // id -> wait status, kRunning until it ends
 };
@@ -173,6 +188,8 @@ QString workerProgram()
     std::lock_guard<std::mutex> guard(programLock);
     return program;
 }
+
+void stopWorkerProcess() { Zygote::instance().stop(); }
 
 bool useWorkerProcess()
 {

@@ -27,6 +27,8 @@ QString workerProgram();
 // (and codec work stays in process) when none is there, or when
 // EVENLOUD_WORKER is "none".
 bool useWorkerProcess();
+// At the end of a program: ends the worker server and waits for it.
+void stopWorkerProcess();
 
 // One run of the worker: arguments in, reports out, as the child sends them.
 class WorkerRun {

@@ -190,9 +190,11 @@ int workerMain(int, char **)
         std::vector<char> buffer(kWorkerMaxRequest);
         int passed = -1;
         const ssize_t n = receiveRequest(sock, buffer.data(), buffer.size(), &passed);
-        if (n <= 0) {  // the program has gone: so do its runs
+        if (n <= 0) {  // the program has gone or is ending: so do its runs
             for (const auto &child : children)
                 ::kill(child.first, SIGKILL);
+            while (::wait(nullptr) > 0 || errno == EINTR) {
+            }
             return 0;
         }
         WorkerRequest request;
