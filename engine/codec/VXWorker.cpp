@@ -76,6 +76,15 @@ public:
         return request.id;
     }
 
+    // Started ahead of the first file, so that file does not wait for it.
+    void warmUp()
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        QString why;
+        if (m_sock < 0 && !launch(&why))
+            VXLog(why);
+    }
+
     void kill(quint64 id)
     {
         std::lock_guard<std::mutex> guard(m_lock);
@@ -205,6 +214,7 @@ bool useWorkerProcess()
     for (const QString &c : std::as_const(candidates)) {
         if (!c.isEmpty() && QFileInfo(c).isExecutable()) {
             setWorkerProgram(c);
+            Zygote::instance().warmUp();
             return true;
         }
     }
