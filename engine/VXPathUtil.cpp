@@ -1,5 +1,7 @@
 #include "engine/VXPathUtil.h"
 
+#include <QFile>
+
 namespace VXPath {
 
 namespace {
@@ -61,6 +63,14 @@ QString appendingExtension(const QString &path, const QString &ext)
     if (ext.isEmpty())
         return path;
     return path + QLatin1Char('.') + ext;
+}
+
+QString leftBytes(const QString &name, int maxBytes)
+{
+    QString cut = name;
+    while (!cut.isEmpty() && QFile::encodeName(cut).size() > maxBytes)
+        cut.chop(cut.size() >= 2 && cut.at(cut.size() - 1).isLowSurrogate() ? 2 : 1);
+    return cut;
 }
 
 } // namespace VXPath

@@ -18,5 +18,9 @@ QString extension(const QString &path);
 QString deletingExtension(const QString &path);
 // "name" + "ext" -> "name.ext"; an empty extension adds nothing.
 QString appendingExtension(const QString &path, const QString &ext);
+// name cut to at most maxBytes in the file system's encoding, never inside a
+// character: names of our own made from a user's name must stay within the
+// 255-byte limit of a name whatever that name's length.
+QString leftBytes(const QString &name, int maxBytes);
 
 } // namespace VXPath

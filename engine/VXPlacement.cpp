@@ -94,7 +94,9 @@ struct Staged {
 bool stage(const QString &src, const QString &folder, const QString &name, mode_t mode, const struct stat *owner,
            Staged *staged, QString *error)
 {
-    QByteArray pattern = native(VXPath::appendingComponent(folder, QLatin1Char('.') + name + QStringLiteral(".evenloud-XXXXXX")));
+    // "." + name + ".evenloud-XXXXXX" within a name's 255 bytes.
+    const QString hidden = QLatin1Char('.') + VXPath::leftBytes(name, 255 - 17) + QStringLiteral(".evenloud-XXXXXX");
+    QByteArray pattern = native(VXPath::appendingComponent(folder, hidden));
     FdCloser out{::mkostemp(pattern.data(), O_CLOEXEC)};
     if (out.fd < 0) {
         *error = QStringLiteral("Cannot create a file in %1: %2").arg(folder, errnoText(errno));

@@ -1,5 +1,7 @@
 #include "engine/VXTempDir.h"
 
+#include "engine/VXPathUtil.h"
+
 #include "engine/codec/VXUtilCodec.h"
 
 #include <QCoreApplication>
@@ -132,8 +134,11 @@ QString VXTempDir::reserveFile(const QString &base, const QString &ext)
         return {};
     // createUniformFileName does not create the file; creating it here, under
     // the lock, is what keeps the next job from choosing the same name.
+    // Room for the extension and a counter within a name's 255 bytes; the
+    // final name is chosen apart from this one.
+    const QString shortBase = VXPath::leftBytes(base, 255 - 16 - int(QFile::encodeName(ext).size()));
     for (int attempt = 0; attempt < 100; ++attempt) {
-        const QString candidate = VXUtilCodec::createUniformFileName(base, ext, folder);
+        const QString candidate = VXUtilCodec::createUniformFileName(shortBase, ext, folder);
         const int fd = ::open(native(candidate).constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         if (fd >= 0) {
             ::close(fd);

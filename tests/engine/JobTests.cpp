@@ -364,3 +364,24 @@ TEST_F(JobTest, CrashInTheCodecFailsThatFileAlone)
         << bad->gainResult().reason.toStdString();
     EXPECT_EQ(outputs(), QStringList{QStringLiteral("good.wav")});
 }
+
+// Names at the file system's 255-byte limit are valid names: staging and
+// temporary names made from them must still fit, in both modes.
+TEST_F(JobTest, NamesAtTheLengthLimitAreProcessed)
+{
+    const QString longName = QString(120, QChar(0xe9)) + QStringLiteral("abcdefghi.wav");  // 240 + 13 bytes
+    ASSERT_EQ(QFile::encodeName(longName).size(), 253);
+    auto toFolder = item(makeWav(m_in.path(), longName, 1.0));
+    QTemporaryDir other;
+    auto inPlace = item(makeWav(other.path(), longName, 1.0));
+    ASSERT_TRUE(toFolder && inPlace);
+    inPlace->setReplaceOriginalFile(true);
+    JobRun a(toFolder), b(inPlace);
+    a.start();
+    b.start();
+    ASSERT_TRUE(a.waitEnd() && b.waitEnd());
+    EXPECT_EQ(a.reports.last(), Report(3, 0)) << toFolder->gainResult().reason.toStdString();
+    EXPECT_EQ(b.reports.last(), Report(3, 0)) << inPlace->gainResult().reason.toStdString();
+    EXPECT_EQ(outputs(), QStringList{longName});
+    EXPECT_EQ(QDir(other.path()).entryList(QDir::Files | QDir::Hidden), QStringList{longName});
+}
