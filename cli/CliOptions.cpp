@@ -74,9 +74,9 @@ QString helpText(const QList<QCommandLineOption> &options)
         "a second Ctrl-C quits at once.\n");
     text += QStringLiteral("\nExit status:\n"
                            "  0    all files succeeded\n"
-                           "  1    some file failed, was refused or is missing\n"
+                           "  1    some file failed, was refused or is missing, or none was found\n"
                            "  2    usage error\n"
-                           "  130  interrupted\n");
+                           "  130  interrupted (Ctrl-C); 143 terminated (SIGTERM): 128 + the signal\n");
     text += QStringLiteral("\nExamples:\n"
                            "  %1 --lufs -16 --output-folder out/ --recursive music/\n"
                            "  %1 --replace --json podcast.mp3\n"

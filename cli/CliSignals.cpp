@@ -12,15 +12,18 @@ namespace {
 int g_pipe[2] = {-1, -1};
 std::atomic<int> g_pending{0};
 std::atomic<bool> g_interrupted{false};
+std::atomic<int> g_signal{0};
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
               "set from a signal handler");
 
-void onSignal(int)
+void onSignal(int sig)
 {
+    int none = 0;
+    g_signal.compare_exchange_strong(none, sig);
     // Should the event loop ever be stuck, the third interrupt still ends
     // the process (only async-signal-safe calls here).
     if (g_pending.fetch_add(1) + 1 >= 3)
-        _exit(130);
+        _exit(128 + g_signal.load());
     g_interrupted.store(true);
     const int saved = errno;
     const char byte = 1;
@@ -59,6 +62,12 @@ CliSignals::~CliSignals()
 const std::atomic<bool> &CliSignals::pending()
 {
     return g_interrupted;
+}
+
+int CliSignals::exitStatus()
+{
+    const int sig = g_signal.load();
+    return 128 + (sig ? sig : SIGINT);
 }
 
 void CliSignals::drain()

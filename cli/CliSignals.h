@@ -18,6 +18,9 @@ public:
     // Set by the first interrupt, for work that runs before the event loop
     // (the folder walk and probing).
     static const std::atomic<bool> &pending();
+    // 128 + the first signal's number (130 for SIGINT, 143 for SIGTERM), as
+    // a shell reports a process that a signal ended.
+    static int exitStatus();
 
 signals:
     // count: how many interrupts have arrived so far (1 for the first).

@@ -61,6 +61,8 @@ int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("evenloud-cli"));
+    // First thing: a signal that comes early is still a clean cancel.
+    CliSignals signalWatcher;
 
     const int defaultJobs = std::max(1, VXAudioGain::jobPool()->maxThreadCount());
     const CliParse parsed = parseCommandLine(app.arguments(), defaultJobs);
@@ -81,7 +83,6 @@ int main(int argc, char *argv[])
         }
     }
 
-    CliSignals signalWatcher;
     const bool terminal = isatty(STDERR_FILENO);
     QList<CliFileResult> results;
     const float targetLufs = lufsForPosition(opt.target);
@@ -133,7 +134,12 @@ int main(int argc, char *argv[])
     });
     if (CliSignals::pending()) {
         VXAudioGain::cleanCache();
-        return 130;
+        return CliSignals::exitStatus();
+    }
+    if (results.isEmpty()) {
+        say(QStringLiteral("evenloud-cli: no audio files to process (supported: %1)")
+                .arg(VXImport::supportAudioGainExts().join(QStringLiteral(", "))));
+        return 1;
     }
 
     quint64 totalDuration = 0;
@@ -151,7 +157,7 @@ int main(int argc, char *argv[])
             // results already placed are complete (placing is a rename).
             progress.finish();
             VXAudioGain::cleanCache();
-            _exit(130);
+            _exit(CliSignals::exitStatus());
         }
         progress.message(QStringLiteral("Interrupted: cancelling running files (Ctrl-C again to quit at once)"));
         batch.cancel();
@@ -172,6 +178,6 @@ int main(int argc, char *argv[])
     vx::stopWorkerProcess();
     VXAudioGain::cleanCache();
     if (batch.isCancelled() || CliSignals::pending())
-        return 130;
+        return CliSignals::exitStatus();
     return failed > 0 ? 1 : 0;
 }

@@ -177,6 +177,12 @@ TEST(CliRun, CorruptOrMissingInputMakesExitOne)
     }
     EXPECT_TRUE(r.err.contains("Can not import audio file(" + bad.fileName() + ")")) << r.err.toStdString();
     EXPECT_EQ(entries(out), QStringList{"good.ogg"});
+
+    // Nothing to do is not success: a folder without audio says so.
+    QDir(tmp.path()).mkdir("empty");
+    const CliRunResult none = runCli({"-o", out, tmp.filePath("empty")});
+    EXPECT_EQ(none.exitCode, 1);
+    EXPECT_TRUE(none.err.contains("no audio files")) << none.err.toStdString();
 }
 
 TEST(CliRun, InterruptCancelsCleanly)
@@ -192,9 +198,10 @@ TEST(CliRun, InterruptCancelsCleanly)
     struct Case {
         QStringList args;
         int interrupts;
+        int signal = SIGINT;
     } cases[] = {
         {{"-o", out, input}, 1},        // cancels, waits for the job, exits
-        {{"--replace", input}, 1},
+        {{"--replace", input}, 1, SIGTERM},
         {{"--replace", input}, 2},      // the second one quits at once
     };
     for (const Case &c : cases) {
@@ -209,11 +216,11 @@ TEST(CliRun, InterruptCancelsCleanly)
         }
         ASSERT_TRUE(err.contains("start")) << err.toStdString();
         for (int i = 0; i < c.interrupts; ++i)
-            ::kill(pid_t(p.processId()), SIGINT);
+            ::kill(pid_t(p.processId()), c.signal);
         ASSERT_TRUE(p.waitForFinished(120000));
         err += p.readAllStandardError();
         EXPECT_EQ(p.exitStatus(), QProcess::NormalExit);
-        EXPECT_EQ(p.exitCode(), 130) << err.toStdString();
+        EXPECT_EQ(p.exitCode(), 128 + c.signal) << err.toStdString();
         EXPECT_EQ(digest(input), before);
         EXPECT_TRUE(entries(out).isEmpty()) << entries(out).join(' ').toStdString();
         EXPECT_EQ(entries(tmp.path()), QStringList{"long.flac"});
