@@ -5,13 +5,17 @@
 
 #include <QFile>
 #include <QMutex>
+#include <QSet>
 
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -84,11 +88,55 @@ bool copyContent(int from, int to)
     }
 }
 
+// A staging name: "." + name + ".evenloud-" + six characters of mkostemp's.
+bool isStagingName(const char *name)
+{
+    const size_t n = std::strlen(name);
+    constexpr size_t tail = sizeof(".evenloud-XXXXXX") - 1;
+    return name[0] == '.' && n > tail + 1 && std::strncmp(name + n - tail, ".evenloud-", 10) == 0;
+}
+
+// Hidden staging files that a killed placement left beside the user's files.
+// One is taken only when no live process holds its lock (a placement keeps
+// its staged file locked until it is done) and it has not been written to
+// for a while, which covers the instant between a rename and its lock.
+// Each folder is looked at once per process.
+void sweepStale(const QString &folder)
+{
+    static QMutex lock;
+    static QSet<QString> swept;
+    {
+        QMutexLocker locker(&lock);
+        if (swept.contains(folder))
+            return;
+        swept.insert(folder);
+    }
+    FdCloser dirFd{::open(native(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    DIR *dir = dirFd.fd >= 0 ? ::fdopendir(dirFd.fd) : nullptr;
+    if (!dir)
+        return;
+    dirFd.fd = -1;  // the DIR owns it now
+    const time_t now = ::time(nullptr);
+    while (const dirent *entry = ::readdir(dir)) {
+        struct stat st {};
+        if (!isStagingName(entry->d_name)
+            || ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)
+            || st.st_uid != ::geteuid() || now - st.st_mtime < 600)
+            continue;
+        FdCloser file{::openat(::dirfd(dir), entry->d_name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
+        if (file.fd >= 0 && ::flock(file.fd, LOCK_EX | LOCK_NB) == 0)
+            ::unlinkat(::dirfd(dir), entry->d_name, 0);
+    }
+    ::closedir(dir);
+}
+
 // The source brought next to its destination under a hidden name: same file
 // system, complete and on disk, so that a final rename() publishes it whole.
+// The staged file stays locked while this lives (see sweepStale).
 struct Staged {
     QString path;
     bool renamed = false;  // src was moved here (else copied)
+    FdCloser locked;
 };
 
 bool stage(const QString &src, const QString &folder, const QString &name, mode_t mode, const struct stat *owner,
@@ -97,16 +145,21 @@ bool stage(const QString &src, const QString &folder, const QString &name, mode_
     // "." + name + ".evenloud-XXXXXX" within a name's 255 bytes.
     const QString hidden = QLatin1Char('.') + VXPath::leftBytes(name, 255 - 17) + QStringLiteral(".evenloud-XXXXXX");
     QByteArray pattern = native(VXPath::appendingComponent(folder, hidden));
-    FdCloser out{::mkostemp(pattern.data(), O_CLOEXEC)};
+    sweepStale(folder);
+    FdCloser &out = staged->locked;
+    out.fd = ::mkostemp(pattern.data(), O_CLOEXEC);
     if (out.fd < 0) {
         *error = QStringLiteral("Cannot create a file in %1: %2").arg(folder, errnoText(errno));
         return false;
     }
+    ::flock(out.fd, LOCK_EX);
     staged->path = QFile::decodeName(pattern);
     if (::rename(native(src).constData(), pattern.constData()) == 0) {
         staged->renamed = true;
         ::close(out.fd);
         out.fd = ::open(pattern.constData(), O_RDWR | O_CLOEXEC);
+        if (out.fd >= 0)
+            ::flock(out.fd, LOCK_EX);
     } else if (errno == EXDEV) {
         FdCloser in{::open(native(src).constData(), O_RDONLY | O_CLOEXEC)};
         if (in.fd < 0 || !copyContent(in.fd, out.fd)) {

@@ -12,6 +12,8 @@
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 #include <latch>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -213,4 +215,32 @@ TEST(Placement, CleanCacheSparesALiveProcessAndSweepsADeadOne)
     VXAudioGain::cleanCache();
     EXPECT_FALSE(QFileInfo::exists(QFileInfo(otherFile).path()));
     EXPECT_FALSE(QFileInfo::exists(again));
+}
+
+// What a killed placement leaves beside the user's files goes with the next
+// placement there; what a live placement holds, or has just written, stays.
+TEST(Placement, StaleStagingFilesAreSweptLiveOnesKept)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString stale = dir.filePath(".song.mp3.evenloud-Ab3dE9");
+    const QString held = dir.filePath(".take.wav.evenloud-Zz81qQ");
+    const QString fresh = dir.filePath(".new.flac.evenloud-k2L0pX");
+    const QString unrelated = dir.filePath(".notes.evenloud-old");
+    for (const QString &p : {stale, held, fresh, unrelated})
+        ASSERT_TRUE(writeFile(p, "partial"));
+    const struct timespec hourAgo[2] = {{::time(nullptr) - 3600, 0}, {::time(nullptr) - 3600, 0}};
+    for (const QString &p : {stale, held, unrelated})
+        ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(p).constData(), hourAgo, 0), 0);
+    QFile holder(held);
+    ASSERT_TRUE(holder.open(QIODevice::ReadOnly));
+    ASSERT_EQ(::flock(holder.handle(), LOCK_EX), 0);  // as a live placement in another process holds it
+
+    QTemporaryDir src;
+    const QString result = src.filePath("r.wav");
+    ASSERT_TRUE(writeFile(result, "result"));
+    const VXPlacement::Result placed = VXPlacement::placeInFolder(result, dir.path(), "r", "wav");
+    ASSERT_TRUE(placed.ok) << placed.error.toStdString();
+    EXPECT_FALSE(QFile::exists(stale));
+    EXPECT_TRUE(QFile::exists(held) && QFile::exists(fresh) && QFile::exists(unrelated));
 }
