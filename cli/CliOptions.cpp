@@ -43,7 +43,7 @@ QString helpText(const QList<QCommandLineOption> &options)
 {
     QString text;
     text += QStringLiteral("Usage: %1 [--target POS | --lufs LUFS] [--true-peak DBTP] [--limit-peaks]\n"
-                           "                    (--output-folder DIR | --replace)\n"
+                           "                    (--output-folder DIR | --replace [--preserve-mtime])\n"
                            "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n")
                 .arg(kProgram);
     text += QStringLiteral(
@@ -135,6 +135,8 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
                                        QStringLiteral("DIR"));
     const QCommandLineOption replace(QStringLiteral("replace"),
                                      QStringLiteral("replace each original with its result"));
+    const QCommandLineOption preserveMtime(QStringLiteral("preserve-mtime"),
+                                           QStringLiteral("with --replace, keep each original's modification time"));
     const QCommandLineOption recursive({QStringLiteral("r"), QStringLiteral("recursive")},
                                        QStringLiteral("descend into sub-folders"));
     const QCommandLineOption jobs({QStringLiteral("j"), QStringLiteral("jobs")},
@@ -148,7 +150,7 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
     const QCommandLineOption version({QStringLiteral("V"), QStringLiteral("version")},
                                      QStringLiteral("show the version and exit"));
     const QList<QCommandLineOption> all = {target, lufs, truePeak, limitPeaks, outFolder, replace,
-                                           recursive, jobs, json, help, version};
+                                           preserveMtime, recursive, jobs, json, help, version};
 
     QCommandLineParser parser;
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsCompactedShortOptions);
@@ -215,6 +217,11 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
         }
     }
     o.replace = parser.isSet(replace);
+    o.preserveMtime = parser.isSet(preserveMtime);
+    if (o.preserveMtime && !o.replace) {
+        result.text = usageError(QStringLiteral("--preserve-mtime goes with --replace"));
+        return result;
+    }
     if (parser.isSet(outFolder)) {
         if (o.replace) {
             result.text = usageError(QStringLiteral("--output-folder and --replace exclude each other"));

@@ -14,6 +14,7 @@ struct CliOptions {
     bool json = false;
     float truePeak = -2.0f; // dBTP ceiling, -9..0
     bool limitPeaks = false;
+    bool preserveMtime = false;
     QStringList inputs;     // files and folders, as given
 };
 

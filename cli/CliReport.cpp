@@ -60,6 +60,8 @@ QByteArray formatTable(const QList<CliFileResult> &results)
             file += QStringLiteral(" -> ") + r.output;
         if (!r.reason.isEmpty())
             file += QStringLiteral(" (") + r.reason + QLatin1Char(')');
+        if (!r.warning.isEmpty())
+            file += QStringLiteral(" (warning: ") + r.warning + QLatin1Char(')');
         const bool ran = r.outcome != CliOutcome::Refused && r.outcome != CliOutcome::Missing;
         rows << QStringList{outcomeName(r.outcome),
                             number(measuredValue(r, "input_i")),
@@ -107,6 +109,8 @@ QByteArray formatJson(const QList<CliFileResult> &results)
         o[QStringLiteral("result")] = outcomeName(r.outcome);
         if (!r.reason.isEmpty())
             o[QStringLiteral("reason")] = r.reason;
+        if (!r.warning.isEmpty())
+            o[QStringLiteral("warning")] = r.warning;
         o[QStringLiteral("target_lufs")] = std::round(double(r.targetLufs) * 100.0) / 100.0;
         for (const char *key : {"input_i", "input_tp", "input_lra", "input_thresh", "target_offset"})
             o[QLatin1String(key)] = jsonNumber(measuredValue(r, key));

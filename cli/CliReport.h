@@ -34,6 +34,7 @@ struct CliFileResult {
     double outputTp = NAN;
     double outputLra = NAN;
     QString normalization;
+    QString warning;      // succeeded, with something to know (other hard links)
 };
 
 // A number from the measurement record (loudnorm prints them as strings),

@@ -128,6 +128,7 @@ int main(int argc, char *argv[])
         item->setReplaceOriginalFile(opt.replace);
         item->setTruePeakCeiling(opt.truePeak);
         item->setLimitPeaks(opt.limitPeaks);
+        item->setPreserveModificationTime(opt.preserveMtime);
         item->setOutFolder(opt.replace ? QString() : opt.outputFolder);
         results << r;
         jobs << CliBatch::Job{item, int(results.size() - 1)};

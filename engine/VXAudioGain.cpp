@@ -165,6 +165,14 @@ void VXAudioGain::setLimitPeaks(bool limit)
         emit limitPeaksChanged();
 }
 
+bool VXAudioGain::preserveModificationTime() const { return m_preserveModificationTime.load(); }
+
+void VXAudioGain::setPreserveModificationTime(bool keep)
+{
+    if (m_preserveModificationTime.exchange(keep) != keep)
+        emit preserveModificationTimeChanged();
+}
+
 VXGainResult VXAudioGain::gainResult() const
 {
     QMutexLocker locker(&m_lock);
@@ -191,6 +199,8 @@ QString VXAudioGain::outcomeText() const
         parts << figure(r.outputTp, "dBTP");
     if (!r.normalization.isEmpty())
         parts << r.normalization;
+    if (!r.warning.isEmpty())
+        parts << r.warning;
     return parts.join(QStringLiteral(" \u00b7 "));
 }
 

@@ -28,6 +28,7 @@ struct VXGainResult {
     double outputLra = NAN;
     QString normalization;  // "linear", "peak-capped", "limited" or "one-pass"
     QString reason;         // why the job failed; empty when it did not
+    QString warning;        // succeeded, but something the user should know
 };
 
 // One audio item: an input file, where its result goes, its target loudness
@@ -56,6 +57,8 @@ class VXAudioGain : public QObject, public std::enable_shared_from_this<VXAudioG
     Q_PROPERTY(QImage stateImage READ stateImage NOTIFY stateImageChanged)
     Q_PROPERTY(float truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY truePeakCeilingChanged)
     Q_PROPERTY(bool limitPeaks READ limitPeaks WRITE setLimitPeaks NOTIFY limitPeaksChanged)
+    Q_PROPERTY(bool preserveModificationTime READ preserveModificationTime WRITE setPreserveModificationTime
+                   NOTIFY preserveModificationTimeChanged)
     // The outcome in words: "-14.0 LUFS · -2.0 dBTP · linear", the reason of
     // a failure, or empty while nothing has ended.
     Q_PROPERTY(QString outcomeText READ outcomeText NOTIFY outcomeTextChanged)
@@ -102,6 +105,9 @@ public:
     void setTruePeakCeiling(float dbtp);
     bool limitPeaks() const;
     void setLimitPeaks(bool limit);
+    // Replace mode: the result keeps the original's modification time.
+    bool preserveModificationTime() const;
+    void setPreserveModificationTime(bool keep);
     VXGainResult gainResult() const;
     QString outcomeText() const;
 
@@ -165,6 +171,7 @@ signals:
     void stateImageChanged();
     void truePeakCeilingChanged();
     void limitPeaksChanged();
+    void preserveModificationTimeChanged();
     void outcomeTextChanged();
 
 private:
@@ -196,6 +203,7 @@ private:
     VXGainResult m_result;      // under m_lock
     std::atomic<float> m_truePeakCeiling{-2.0f};
     std::atomic<bool> m_limitPeaks{false};
+    std::atomic<bool> m_preserveModificationTime{false};
     std::shared_ptr<VXTranscoding> m_transCoding;
     bool m_cancelGain = false;  // under m_lock, read with m_transCoding
     quint64 m_duration = 0;

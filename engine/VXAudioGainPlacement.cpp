@@ -13,9 +13,13 @@
 bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
 {
     if (replaceOriginalFile()) {
-        const VXPlacement::Result result = VXPlacement::replaceFile(tempPath, inputFile());
-        if (result.ok)
+        const VXPlacement::Result result =
+            VXPlacement::replaceFile(tempPath, inputFile(), preserveModificationTime());
+        if (result.ok) {
+            QMutexLocker locker(&m_lock);
+            m_result.warning = result.warning;
             return true;
+        }
         if (result.beforeRemoval)
             VXLog(QStringLiteral("Failed to replace original file.Can't remove original file(%1)").arg(result.error));
         else

@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace VXPlacement {
@@ -260,7 +261,34 @@ Result placeInFolder(const QString &src, const QString &folder, const QString &b
     return result;
 }
 
-Result replaceFile(const QString &src, const QString &target)
+namespace {
+
+// Best effort: attributes the file system or our rights refuse are skipped.
+void copyExtendedAttributes(const QString &from, int toFd)
+{
+    FdCloser in{::open(native(from).constData(), O_RDONLY | O_CLOEXEC)};
+    if (in.fd < 0)
+        return;
+    const ssize_t size = ::flistxattr(in.fd, nullptr, 0);
+    if (size <= 0)
+        return;
+    QByteArray names(size, '\0');
+    const ssize_t got = ::flistxattr(in.fd, names.data(), size_t(names.size()));
+    for (const QByteArray &name : names.left(std::max<ssize_t>(got, 0)).split('\0')) {
+        if (name.isEmpty())
+            continue;
+        const ssize_t length = ::fgetxattr(in.fd, name.constData(), nullptr, 0);
+        if (length < 0)
+            continue;
+        QByteArray value(length, '\0');
+        if (::fgetxattr(in.fd, name.constData(), value.data(), size_t(value.size())) == length)
+            (void)::fsetxattr(toFd, name.constData(), value.constData(), size_t(value.size()), 0);
+    }
+}
+
+} // namespace
+
+Result replaceFile(const QString &src, const QString &target, bool keepModificationTime)
 {
     Result result;
     result.beforeRemoval = true;
@@ -278,6 +306,15 @@ Result replaceFile(const QString &src, const QString &target)
         unstage(staged, src);
         return result;
     }
+    copyExtendedAttributes(real, staged.locked.fd);
+    if (keepModificationTime) {
+        const struct timespec times[2] = {st.st_atim, st.st_mtim};
+        ::futimens(staged.locked.fd, times);
+    }
+    ::fsync(staged.locked.fd);  // the attributes too, before the name is given up
+    if (st.st_nlink > 1)
+        result.warning = QStringLiteral("the file has %1 hard links; the other names keep the old audio")
+                             .arg(st.st_nlink);
     result.beforeRemoval = false;
     if (::rename(native(staged.path).constData(), native(real).constData()) != 0) {
         result.error = QStringLiteral("Cannot move %1 to %2: %3").arg(staged.path, real, errnoText(errno));

@@ -12,6 +12,7 @@ struct Result {
     QString path;         // where the file now is, when ok
     QString error;        // why not, when !ok
     bool beforeRemoval = false;  // replace mode: failed before the original could be given up
+    QString warning;      // placed, but the user should know something
 };
 
 // Moves src into folder as "base.ext", or the next free name when that is
@@ -21,7 +22,10 @@ Result placeInFolder(const QString &src, const QString &folder, const QString &b
 
 // Replaces target with src atomically: at every instant target holds either
 // its old content or all of src's, even if the process is killed. The result
-// keeps the target's permission bits (and owner, where allowed).
-Result replaceFile(const QString &src, const QString &target);
+// keeps the target's permission bits (and owner, where allowed), its
+// extended attributes (ACLs among them) where the file system has them, and
+// with keepModificationTime its modification time. A target with other hard
+// links gets a warning: those names keep the old content.
+Result replaceFile(const QString &src, const QString &target, bool keepModificationTime = false);
 
 } // namespace VXPlacement

@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <thread>
 #include <unistd.h>
 
@@ -114,6 +115,28 @@ TEST(Placement, ReplaceKeepsPermissionsAndLeavesNothingBehind)
     }
     EXPECT_TRUE(QFileInfo(link).isSymLink());
     EXPECT_TRUE(hiddenEntries(dir.path()).isEmpty());
+
+    // Extended attributes stay (where the file system has them), the
+    // modification time when asked, and other hard links are told of.
+    const QByteArray native = QFile::encodeName(target);
+    const bool xattrs = ::setxattr(native.constData(), "user.evenloud.test", "kept", 4, 0) == 0;
+    const struct timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, native.constData(), old, 0), 0);
+    const QString second = QDir(dir.path()).filePath(QStringLiteral("second.flac"));
+    ASSERT_EQ(::link(native.constData(), QFile::encodeName(second).constData()), 0);
+    const QString temp = VXTempDir::reserveFile(QStringLiteral("orig"), QStringLiteral("flac"));
+    ASSERT_TRUE(writeFile(temp, "kept as it was"));
+    const VXPlacement::Result r = VXPlacement::replaceFile(temp, target, true);
+    ASSERT_TRUE(r.ok) << qPrintable(r.error);
+    struct stat st {};
+    ASSERT_EQ(::stat(native.constData(), &st), 0);
+    EXPECT_EQ(st.st_mtime, 1000000000);
+    EXPECT_TRUE(r.warning.contains("hard links")) << r.warning.toStdString();
+    char value[8] = {};
+    if (xattrs) {
+        EXPECT_EQ(::getxattr(native.constData(), "user.evenloud.test", value, sizeof value), 4);
+        EXPECT_STREQ(value, "kept");
+    }
 }
 
 TEST(Placement, ReplaceFailuresLeaveTheInputUntouched)
