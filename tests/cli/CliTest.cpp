@@ -11,6 +11,7 @@
 #include <QTemporaryDir>
 
 #include <csignal>
+#include <random>
 #include <gtest/gtest.h>
 
 namespace {
@@ -224,5 +225,48 @@ TEST(CliRun, InterruptCancelsCleanly)
         EXPECT_EQ(digest(input), before);
         EXPECT_TRUE(entries(out).isEmpty()) << entries(out).join(' ').toStdString();
         EXPECT_EQ(entries(tmp.path()), QStringList{"long.flac"});
+    }
+}
+
+// Mutated copies of every format (fixed seeds): whatever a damaged file does
+// to a codec, the run ends on its own, reports every file, and says why each
+// failure failed.
+TEST(CliRun, DamagedFilesOfEveryFormatFailWithReasons)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    QStringList inputs;
+    quint32 seed = 1;
+    for (const fixtures::Format &f : fixtures::formats()) {
+        const QString clean = fixtures::makeFormat(tmp.path(), f.variant, 1.0);
+        ASSERT_FALSE(clean.isEmpty()) << f.variant.toStdString();
+        QFile file(clean);
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        const QByteArray bytes = file.readAll();
+        file.close();
+        for (int copy = 0; copy < 3; ++copy) {
+            std::mt19937 random(seed++);
+            QByteArray damaged = bytes;
+            // A few bytes anywhere past the first, or a burst in the middle.
+            const int flips = 1 + int(random() % 24);
+            for (int i = 0; i < flips; ++i)
+                damaged[1 + qsizetype(random() % quint32(damaged.size() - 1))] = char(random());
+            if (copy == 2)
+                damaged.replace(damaged.size() / 2, std::min<qsizetype>(512, damaged.size() / 4), QByteArray(512, '\xff'));
+            const QString path = tmp.filePath(QStringLiteral("%1-%2.%3").arg(f.variant).arg(copy).arg(f.ext));
+            QFile out(path);
+            ASSERT_TRUE(out.open(QIODevice::WriteOnly) && out.write(damaged) == damaged.size());
+            inputs << path;
+        }
+    }
+    const CliRunResult r = runCli(QStringList{"--json", "-o", tmp.filePath("out")} + inputs);
+    ASSERT_TRUE(r.exitCode == 0 || r.exitCode == 1) << r.exitCode << r.err.toStdString();
+    const QJsonArray results = QJsonDocument::fromJson(r.out.toUtf8()).array();
+    EXPECT_EQ(results.size(), inputs.size()) << r.out.toStdString();
+    for (const QJsonValue &v : results) {
+        const QJsonObject o = v.toObject();
+        if (o["result"] != "ok" && o["result"] != "one-pass") {
+            EXPECT_FALSE(o["reason"].toString().isEmpty()) << o["input"].toString().toStdString();
+        }
     }
 }
