@@ -185,7 +185,7 @@ bool AppDelegate::applicationWillTerminate()
     if (m_terminated)
         return true;
     m_terminated = true;
-    m_cancelImport->store(true);
+    cancelImport();
     // Hops are refused from here on, so neither a walk nor a job can wait
     // for this thread while it waits for them.
     VXMainThread::shutdown();

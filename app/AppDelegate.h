@@ -9,6 +9,7 @@
 #include <QThreadPool>
 #include <QUrl>
 #include <atomic>
+#include <vector>
 #include <functional>
 #include <memory>
 
@@ -179,7 +180,8 @@ private:
     QString m_importingFileName;
     // Read by the walks on pool threads; shared so a walk never touches
     // the controller itself, which may be gone before the walk notices.
-    std::shared_ptr<std::atomic<bool>> m_cancelImport = std::make_shared<std::atomic<bool>>(false);
+    // The cancel flags of the imports under way (each walk holds its own).
+    std::vector<std::weak_ptr<std::atomic<bool>>> m_importCancels;
     int m_runningImports = 0;
     QThreadPool m_importPool;
 

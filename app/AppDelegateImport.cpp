@@ -84,7 +84,11 @@ void AppDelegate::importAudioWithURLs(const QList<QUrl> &urls, bool recursive)
 
 void AppDelegate::importAudioWithPaths(const QStringList &paths, bool recursive)
 {
-    m_cancelImport->store(false);
+    // Each import has a cancel of its own: starting one must never revive a
+    // walk the user has just cancelled.
+    const auto cancel = std::make_shared<std::atomic<bool>>(false);
+    std::erase_if(m_importCancels, [](const auto &weak) { return weak.expired(); });
+    m_importCancels.push_back(cancel);
     // The commands go off before this returns, not one hop later: a click
     // on Gain right after a drop must not slip in before the import.
     if (m_runningImports++ == 0) {
@@ -93,7 +97,6 @@ void AppDelegate::importAudioWithPaths(const QStringList &paths, bool recursive)
     }
     setImportingFileName(QStringLiteral("Import, please wait..."));
 
-    const std::shared_ptr<std::atomic<bool>> cancel = m_cancelImport;
     const QPointer<AppDelegate> self(this);
     RQImportWalk walk;
     walk.paths = paths;
@@ -167,7 +170,9 @@ void AppDelegate::showImportFailure(const QString &path, const VXError &error)
 
 void AppDelegate::cancelImport()
 {
-    m_cancelImport->store(true);
+    for (const auto &weak : m_importCancels)
+        if (const auto cancel = weak.lock())
+            cancel->store(true);
 }
 
 void AppDelegate::setAllowedImport(bool allowed)
