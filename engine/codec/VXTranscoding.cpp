@@ -13,6 +13,8 @@ extern "C" {
 #include <libswresample/swresample.h>
 }
 
+#include <QFileInfo>
+
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -131,6 +133,19 @@ std::shared_ptr<VXTranscoding> VXTranscoding::initWithInput(const QString &input
                                                             QString *reason)
 {
     QString why;
+    if (!vx::workerProgram().isEmpty()) {
+        // The worker opens the file itself and says why when it cannot: a
+        // damaged file is never parsed in this process.
+        if (!QFileInfo(input).isFile()) {
+            if (reason)
+                *reason = QFileInfo::exists(input) ? QStringLiteral("not a regular file") : QStringLiteral("no such file");
+            return nullptr;
+        }
+        std::shared_ptr<VXTranscoding> t(new VXTranscoding);
+        t->d->inPath = input;
+        t->d->outPath = output;
+        return t;
+    }
     auto pipeline = vx::Pipeline::open(input, output, &why);
     if (!pipeline) {
         VXLog(QStringLiteral("Cannot transcode %1: %2").arg(input, why));
@@ -170,11 +185,9 @@ void VXTranscoding::transcodingWithBlock(VXTranscodingBlock block)
                 args << QStringLiteral("--attr") << it.key() + QLatin1Char('=')
                         + QString::fromUtf8(VXFilterAccess::optionText(it.value()));
         }
-        // Generous: pass 1 of a long file runs at about 40x real time.
-        const double seconds = 120.0 + 2.0 * double(d->pipeline->durationUs) / AV_TIME_BASE;
-        // The child writes the output from scratch; ours must be closed first.
-        d->pipeline.reset();
-        d->worker = std::make_unique<vx::WorkerRun>(args, seconds);
+        // An hour of CPU at most; the child lowers it once it knows the
+        // file's length (see inputDuration).
+        d->worker = std::make_unique<vx::WorkerRun>(args, 3600.0);
         d->reader = std::thread([p = d.get()] {
             { std::lock_guard<std::mutex> assigned(p->threadLock); }
             p->runInWorker();
@@ -195,6 +208,8 @@ void VXTranscoding::cancelTranscoding()
     if (d->worker)
         d->worker->cancel();
 }
+
+quint64 VXTranscoding::inputDuration() const { return d->pipeline ? quint64(d->pipeline->durationUs) : 0; }
 
 // Written by the worker before its end report, which the caller waits for.
 QString VXTranscoding::failureReason() const { return d->failure; }

@@ -40,6 +40,9 @@ public:
     void cancelTranscoding();
     // After the end report of a failed transcoding: what went wrong.
     QString failureReason() const;
+    // The input's length in microseconds as its headers tell; 0 when unknown
+    // or when the work is handed to a worker process.
+    quint64 inputDuration() const;
 
     VXTranscoding(const VXTranscoding &) = delete;
     VXTranscoding &operator=(const VXTranscoding &) = delete;

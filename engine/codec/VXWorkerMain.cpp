@@ -76,6 +76,10 @@ int transcode(Channel &channel, const QStringList &args)
         channel.send("E 1");
         return 0;
     }
+    // Generous: pass 1 of a long file runs at about 40 times real time.
+    const rlim_t seconds = rlim_t(120 + 2 * t->inputDuration() / 1000000);
+    const rlimit cpu{seconds, seconds + 5};
+    setrlimit(RLIMIT_CPU, &cpu);
     for (const auto &f : filters)
         t->addAudioFilter(f);
     QSemaphore ended;
