@@ -328,20 +328,19 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         if (!pass2)
             return fail(why);
         pass2->addAudioFilter(job.filter);
+        // The file as written, decoded again: what a player will hear. A
+        // limiter leaves a true peak only a meter can tell; a gain moves the
+        // measured one by exactly its size.
+        pass2->setMeasuresOutput(plan && plan->kind == VXNormalization::Limited);
         runPass(job, pass2, pass);
         why = pass2->failureReason();
+        loudness = pass2->outputLoudness();
         pass2.reset();
         releaseTransCoding();
         if (job.passResult == VXTranscodingCancelled)
             return -2;
         if (job.passResult == VXTranscodingFailed)
             return fail(why);
-        // The file as written, decoded again: what a player will hear. A
-        // limiter leaves a true peak only a meter can tell; a gain moves the
-        // measured one by exactly its size.
-        const bool limited = plan && plan->kind == VXNormalization::Limited;
-        if (!VXMeasureFile(temp, limited, &loudness, &why))
-            return fail(QStringLiteral("Cannot measure the result: %1").arg(why));
         return 0;
     };
     if (const qint64 r = secondPass(Pass::Second))

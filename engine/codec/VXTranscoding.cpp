@@ -89,6 +89,8 @@ struct VXTranscoding::Private {
     std::unique_ptr<SwrContext, SwrFreer> conform;
     vx::FramePtr conformed = vx::makeFrame();
     bool clampForEncoder = false;
+    int measureOutput = -1;  // -1 no, 0 loudness and range, 1 with true peak
+    VXLoudness loudness;     // written before the end report
 
     bool conformFrame(AVFrame *decoded);
 
@@ -178,6 +180,8 @@ void VXTranscoding::transcodingWithBlock(VXTranscodingBlock block)
     std::lock_guard<std::mutex> guard(d->threadLock);
     if (!vx::workerProgram().isEmpty()) {
         QStringList args{QStringLiteral("transcode"), d->inPath, d->outPath};
+        if (d->measureOutput >= 0)
+            args << QStringLiteral("--measure") << QString::number(d->measureOutput);
         for (const auto &filter : d->filters) {
             args << QStringLiteral("--filter") << filter->name();
             const QMap<QString, QVariant> attributes = filter->attributes();
@@ -209,6 +213,14 @@ void VXTranscoding::cancelTranscoding()
         d->worker->cancel();
 }
 
+void VXTranscoding::setMeasuresOutput(bool truePeak)
+{
+    if (!d->started.load())
+        d->measureOutput = truePeak ? 1 : 0;
+}
+
+VXLoudness VXTranscoding::outputLoudness() const { return d->loudness; }
+
 quint64 VXTranscoding::inputDuration() const { return d->pipeline ? quint64(d->pipeline->durationUs) : 0; }
 
 // Written by the worker before its end report, which the caller waits for.
@@ -226,6 +238,11 @@ void VXTranscoding::Private::run()
             fail(QStringLiteral("reading"));
         queue.close();
         writer.join();
+    }
+    if (measureOutput >= 0 && !stopping()) {
+        QString why;
+        if (!VXMeasureFile(outPath, measureOutput == 1, &loudness, &why))
+            fail(QStringLiteral("cannot measure the result: %1").arg(why));
     }
     const int64_t result = cancelled.load() ? VXTranscodingCancelled
         : failed.load()                     ? VXTranscodingFailed
@@ -254,6 +271,7 @@ void VXTranscoding::Private::runInWorker()
             VXFilterAccess::logState(*filters[size_t(index)])->append(bytes.constData(), size_t(bytes.size()));
     };
     const vx::WorkerRun::Outcome outcome = worker->run(handlers);
+    loudness = outcome.loudness;
     if (!outcome.completed && !outcome.cancelled && !cancelled.load())
         fail(outcome.reason.isEmpty() ? QStringLiteral("the worker failed") : outcome.reason);
     const int64_t result = cancelled.load() || outcome.cancelled ? VXTranscodingCancelled

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engine/codec/VXLoudnessMeter.h"
+
 #include <QString>
 #include <cstdint>
 #include <functional>
@@ -38,6 +40,12 @@ public:
     void transcodingWithBlock(VXTranscodingBlock block);
     // Asks the work to stop; returns at once from any thread.
     void cancelTranscoding();
+    // Measures the written file once it is complete, before the end report
+    // (EBU R128 loudness and range; true peak too when asked). A file that
+    // cannot be measured fails the transcoding. Set before transcodingWithBlock.
+    void setMeasuresOutput(bool truePeak);
+    // After the end report: the figures of a completed, measured transcoding.
+    VXLoudness outputLoudness() const;
     // After the end report of a failed transcoding: what went wrong.
     QString failureReason() const;
     // The input's length in microseconds as its headers tell; 0 when unknown

@@ -59,8 +59,11 @@ int transcode(Channel &channel, const QStringList &args)
     if (args.size() < 2)
         return 2;
     std::vector<std::shared_ptr<VXFilter>> filters;
+    int measure = -1;
     for (qsizetype i = 2; i + 1 < args.size(); i += 2) {
-        if (args[i] == QLatin1String("--filter")) {
+        if (args[i] == QLatin1String("--measure")) {
+            measure = args[i + 1].toInt();
+        } else if (args[i] == QLatin1String("--filter")) {
             filters.push_back(VXFilter::filterWithName(args[i + 1]));
             if (!filters.back())
                 return 2;
@@ -82,6 +85,8 @@ int transcode(Channel &channel, const QStringList &args)
     setrlimit(RLIMIT_CPU, &cpu);
     for (const auto &f : filters)
         t->addAudioFilter(f);
+    if (measure >= 0)
+        t->setMeasuresOutput(measure == 1);
     QSemaphore ended;
     int64_t result = VXTranscodingFailed;
     t->transcodingWithBlock([&](int32_t state, int64_t value) {
@@ -94,7 +99,11 @@ int transcode(Channel &channel, const QStringList &args)
     });
     ended.acquire();
     why = t->failureReason();
+    const VXLoudness l = t->outputLoudness();
     t.reset();  // the filters print their records now
+    if (result == VXTranscodingCompleted && l.measured())
+        channel.send("M " + QByteArray::number(l.integrated, 'g', 17) + ' ' + QByteArray::number(l.truePeak, 'g', 17)
+                     + ' ' + QByteArray::number(l.range, 'g', 17));
     for (size_t i = 0; i < filters.size(); ++i) {
         const QByteArray printOut = VXFilterAccess::logState(*filters[i])->takePending();
         channel.send("F " + QByteArray::number(qulonglong(i)) + ' ' + QByteArray::number(printOut.size()), printOut);
