@@ -7,6 +7,7 @@ extern "C" {
 #include <libavfilter/avfilter.h>
 #include <libavformat/avformat.h>
 #include <libavutil/frame.h>
+#include <libswresample/swresample.h>
 }
 
 #include <QString>
@@ -44,6 +45,11 @@ struct PacketFreer {
     void operator()(AVPacket *p) const { av_packet_free(&p); }
 };
 using PacketPtr = std::unique_ptr<AVPacket, PacketFreer>;
+
+struct SwrFreer {
+    void operator()(SwrContext *s) const { swr_free(&s); }
+};
+using SwrPtr = std::unique_ptr<SwrContext, SwrFreer>;
 
 struct GraphFreer {
     void operator()(AVFilterGraph *g) const { avfilter_graph_free(&g); }

@@ -6,7 +6,6 @@
 
 extern "C" {
 #include <libavutil/channel_layout.h>
-#include <libswresample/swresample.h>
 }
 
 #include <ebur128.h>
@@ -19,11 +18,6 @@ struct MeterCloser {
     void operator()(ebur128_state *s) const { ebur128_destroy(&s); }
 };
 using MeterPtr = std::unique_ptr<ebur128_state, MeterCloser>;
-
-struct SwrFreer {
-    void operator()(SwrContext *s) const { swr_free(&s); }
-};
-using SwrPtr = std::unique_ptr<SwrContext, SwrFreer>;
 
 // BS.1770 weights by position: the LFE does not count, surrounds weigh more.
 int channelWeight(const AVChannelLayout &layout, int index)

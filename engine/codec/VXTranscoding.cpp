@@ -10,7 +10,6 @@
 extern "C" {
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
-#include <libswresample/swresample.h>
 }
 
 #include <QFileInfo>
@@ -28,10 +27,6 @@ extern "C" {
 
 namespace {
 constexpr size_t kQueueCapacity = 48;
-
-struct SwrFreer {
-    void operator()(SwrContext *s) const { swr_free(&s); }
-};
 
 // Lossy encoders take float samples and assume they lie within full scale;
 // a corrupt frame that decodes to +79 dBFS makes libmp3lame abort the
@@ -86,7 +81,7 @@ struct VXTranscoding::Private {
 
     // Reader thread: frames whose rate, layout or format differ from the
     // stream's first are converted to it, since the graph is fixed.
-    std::unique_ptr<SwrContext, SwrFreer> conform;
+    vx::SwrPtr conform;
     vx::FramePtr conformed = vx::makeFrame();
     bool clampForEncoder = false;
     int measureOutput = -1;  // -1 no, 0 loudness and range, 1 with true peak
