@@ -77,7 +77,11 @@ struct VXTranscoding::Private {
     std::thread reader;
     std::thread writer;
     int lastProgress = -1; // writer thread only
-    QString failure;       // set once, by fail(), before the end report
+    // Written by the workers before the end report and read after it; the
+    // lock makes that order visible to ThreadSanitizer, to which the job's
+    // QSemaphore wait is opaque.
+    mutable std::mutex resultLock;
+    QString failure;       // set once, by fail()
 
     // Reader thread: frames whose rate, layout or format differ from the
     // stream's first are converted to it, since the graph is fixed.
@@ -85,7 +89,7 @@ struct VXTranscoding::Private {
     vx::FramePtr conformed = vx::makeFrame();
     bool clampForEncoder = false;
     int measureOutput = -1;  // -1 no, 0 loudness and range, 1 with true peak
-    VXLoudness loudness;     // written before the end report
+    VXLoudness loudness;     // under resultLock
 
     bool conformFrame(AVFrame *decoded);
 
@@ -100,6 +104,7 @@ struct VXTranscoding::Private {
     void fail(const QString &why)
     {
         if (!failed.exchange(true)) {
+            std::lock_guard<std::mutex> guard(resultLock);
             failure = why;
             VXLog(QStringLiteral("Transcoding %1 failed: %2").arg(inPath, why));
         }
@@ -214,12 +219,20 @@ void VXTranscoding::setMeasuresOutput(bool truePeak)
         d->measureOutput = truePeak ? 1 : 0;
 }
 
-VXLoudness VXTranscoding::outputLoudness() const { return d->loudness; }
+VXLoudness VXTranscoding::outputLoudness() const
+{
+    std::lock_guard<std::mutex> guard(d->resultLock);
+    return d->loudness;
+}
 
 quint64 VXTranscoding::inputDuration() const { return d->pipeline ? quint64(d->pipeline->durationUs) : 0; }
 
 // Written by the worker before its end report, which the caller waits for.
-QString VXTranscoding::failureReason() const { return d->failure; }
+QString VXTranscoding::failureReason() const
+{
+    std::lock_guard<std::mutex> guard(d->resultLock);
+    return d->failure;
+}
 
 void VXTranscoding::Private::run()
 {
@@ -236,8 +249,11 @@ void VXTranscoding::Private::run()
     }
     if (measureOutput >= 0 && !stopping()) {
         QString why;
-        if (!VXMeasureFile(outPath, measureOutput == 1, &loudness, &why))
+        VXLoudness measured;
+        if (!VXMeasureFile(outPath, measureOutput == 1, &measured, &why))
             fail(QStringLiteral("cannot measure the result: %1").arg(why));
+        std::lock_guard<std::mutex> guard(resultLock);
+        loudness = measured;
     }
     const int64_t result = cancelled.load() ? VXTranscodingCancelled
         : failed.load()                     ? VXTranscodingFailed
@@ -266,7 +282,10 @@ void VXTranscoding::Private::runInWorker()
             VXFilterAccess::logState(*filters[size_t(index)])->append(bytes.constData(), size_t(bytes.size()));
     };
     const vx::WorkerRun::Outcome outcome = worker->run(handlers);
-    loudness = outcome.loudness;
+    {
+        std::lock_guard<std::mutex> guard(resultLock);
+        loudness = outcome.loudness;
+    }
     if (!outcome.completed && !outcome.cancelled && !cancelled.load())
         fail(outcome.reason.isEmpty() ? QStringLiteral("the worker failed") : outcome.reason);
     const int64_t result = cancelled.load() || outcome.cancelled ? VXTranscodingCancelled
