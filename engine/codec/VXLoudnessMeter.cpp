@@ -36,15 +36,15 @@ int channelWeight(const AVChannelLayout &layout, int index)
     }
 }
 
-} // namespace
-
-namespace vx {
-
-struct LoudnessMeter::Private {
+// Frames in, figures out. The first frame fixes the rate and layout; later
+// frames that differ (concatenated files) are converted to them. True peak
+// (four times oversampled) costs more than the rest together, so it is asked
+// for only where it is needed.
+struct Meter {
     bool truePeak = false;
     MeterPtr meter;
-    SwrPtr swr;
-    FramePtr converted;
+    vx::SwrPtr swr;
+    vx::FramePtr converted;
 
     bool start(const AVFrame *frame)
     {
@@ -53,7 +53,7 @@ struct LoudnessMeter::Private {
             av_channel_layout_default(&layout, frame->ch_layout.nb_channels);
         else if (av_channel_layout_copy(&layout, &frame->ch_layout) < 0)
             return false;
-        converted = makeFrame();
+        converted = vx::makeFrame();
         swr.reset(swr_alloc());
         if (!converted || !swr || layout.nb_channels <= 0 || frame->sample_rate <= 0) {
             av_channel_layout_uninit(&layout);
@@ -83,40 +83,36 @@ struct LoudnessMeter::Private {
     }
 };
 
-LoudnessMeter::LoudnessMeter(bool truePeak) : d(std::make_unique<Private>()) { d->truePeak = truePeak; }
-
-LoudnessMeter::~LoudnessMeter() = default;
-
-bool LoudnessMeter::add(const AVFrame *frame)
+bool add(Meter &m, const AVFrame *frame)
 {
-    if (!d->meter && !d->start(frame))
+    if (!m.meter && !m.start(frame))
         return false;
-    int err = swr_convert_frame(d->swr.get(), d->converted.get(), frame);
+    int err = swr_convert_frame(m.swr.get(), m.converted.get(), frame);
     if (err == AVERROR_INPUT_CHANGED) {
-        if (swr_config_frame(d->swr.get(), d->converted.get(), frame) < 0)
+        if (swr_config_frame(m.swr.get(), m.converted.get(), frame) < 0)
             return false;
-        err = swr_convert_frame(d->swr.get(), d->converted.get(), frame);
+        err = swr_convert_frame(m.swr.get(), m.converted.get(), frame);
     }
     if (err < 0)
         return false;
-    d->feed();
+    m.feed();
     return true;
 }
 
-VXLoudness LoudnessMeter::finish()
+VXLoudness finish(Meter &m)
 {
     VXLoudness r;
-    if (!d->meter)
+    if (!m.meter)
         return r;
-    if (swr_convert_frame(d->swr.get(), d->converted.get(), nullptr) >= 0)
-        d->feed();
-    ebur128_loudness_global(d->meter.get(), &r.integrated);
-    ebur128_loudness_range(d->meter.get(), &r.range);
-    if (d->truePeak) {
+    if (swr_convert_frame(m.swr.get(), m.converted.get(), nullptr) >= 0)
+        m.feed();
+    ebur128_loudness_global(m.meter.get(), &r.integrated);
+    ebur128_loudness_range(m.meter.get(), &r.range);
+    if (m.truePeak) {
         double peak = 0;
-        for (unsigned c = 0; c < d->meter->channels; ++c) {
+        for (unsigned c = 0; c < m.meter->channels; ++c) {
             double p = 0;
-            if (ebur128_true_peak(d->meter.get(), c, &p) == EBUR128_SUCCESS)
+            if (ebur128_true_peak(m.meter.get(), c, &p) == EBUR128_SUCCESS)
                 peak = std::max(peak, p);
         }
         r.truePeak = peak > 0 ? 20.0 * std::log10(peak) : -HUGE_VAL;
@@ -124,7 +120,7 @@ VXLoudness LoudnessMeter::finish()
     return r;
 }
 
-} // namespace vx
+} // namespace
 
 bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString *why,
                    const std::atomic<bool> *cancel)
@@ -158,7 +154,8 @@ bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString 
     for (unsigned i = 0; i < input->nb_streams; ++i)
         input->streams[i]->discard = int(i) == index ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
 
-    vx::LoudnessMeter meter(truePeak);
+    Meter meter;
+    meter.truePeak = truePeak;
     auto packet = vx::makePacket();
     auto frame = vx::makeFrame();
     if (!packet || !frame) {
@@ -169,7 +166,7 @@ bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString 
         int err;
         while ((err = avcodec_receive_frame(decoder.get(), frame.get())) >= 0 || err == AVERROR_INVALIDDATA) {
             if (err >= 0) {
-                const bool ok = meter.add(frame.get());
+                const bool ok = add(meter, frame.get());
                 av_frame_unref(frame.get());
                 if (!ok)
                     return false;
@@ -195,7 +192,7 @@ bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString 
         *why = QStringLiteral("cannot measure the decoded audio");
         return false;
     }
-    *out = meter.finish();
+    *out = finish(meter);
     if (!out->measured()) {
         *why = QStringLiteral("no audio decoded");
         return false;

@@ -6,7 +6,6 @@
 #include <QString>
 #include <atomic>
 #include <cmath>
-#include <memory>
 
 struct VXLoudness {
     double integrated = NAN;  // LUFS; -inf when no block passes the gate
@@ -14,26 +13,6 @@ struct VXLoudness {
     double range = NAN;       // LU
     bool measured() const { return !std::isnan(integrated); }
 };
-
-struct AVFrame;
-
-namespace vx {
-// Frames in, figures out. The first frame fixes the rate and layout; later
-// frames that differ (concatenated files) are converted to them. True peak
-// (four times oversampled) costs more than the rest together, so it is asked
-// for only where it cannot be known otherwise.
-class LoudnessMeter {
-public:
-    explicit LoudnessMeter(bool truePeak);
-    ~LoudnessMeter();
-    bool add(const AVFrame *frame);
-    VXLoudness finish();
-
-private:
-    struct Private;
-    std::unique_ptr<Private> d;
-};
-} // namespace vx
 
 // Measures the audio stream a transcoding would normalise (the best one),
 // decoding only. False with a reason when the file cannot be read; cancel,
