@@ -101,6 +101,13 @@ void VXAudioGain::gainWithBlock(VXGainBlock block)
     const bool reported = VXMainThread::isMainThread() && deliver(1, 0, block);
     VXStartOnPool(jobPool(), [self, block, reported]() mutable {
         const qint64 result = reported || self->deliver(1, 0, block) ? self->runJob(block) : -2;
+        if (result != 0) {
+            // The file stays until the cache is cleaned, but not its size: a
+            // disk filled by one file must not fail the files after it.
+            const QString temp = self->tempOutFile();
+            if (!temp.isEmpty())
+                QFile::resize(temp, 0);
+        }
         {
             QMutexLocker locker(&shared().jobsLock);
             shared().jobs.remove(self.get());

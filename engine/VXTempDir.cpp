@@ -14,7 +14,9 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 namespace {
@@ -117,7 +119,21 @@ QString pathLocked()
 
 QString VXTempDir::rootPath()
 {
-    return QDir::tempPath() + QStringLiteral("/evenloud-%1").arg(::geteuid());
+    static const QString base = [] {
+        // Whole encoded files go here, videos of several GB among them. Many
+        // systems keep /tmp in RAM; unless the user chose a folder, the
+        // disk-backed /var/tmp takes them.
+        if (!qEnvironmentVariableIsSet("TMPDIR")) {
+            struct statfs tmp {};
+            if (::statfs("/tmp", &tmp) == 0 && tmp.f_type == TMPFS_MAGIC && ::access("/var/tmp", W_OK | X_OK) == 0) {
+                struct statfs var {};
+                if (::statfs("/var/tmp", &var) == 0 && var.f_type != TMPFS_MAGIC)
+                    return QStringLiteral("/var/tmp");
+            }
+        }
+        return QDir::tempPath();
+    }();
+    return base + QStringLiteral("/evenloud-%1").arg(::geteuid());
 }
 
 QString VXTempDir::path()

@@ -3,7 +3,8 @@
 #include <QString>
 
 // The process's private temporary directory:
-//   <QDir::tempPath()>/evenloud-<uid>/<pid>-<random>/   (mode 0700)
+//   <temp>/evenloud-<uid>/<pid>-<random>/   (mode 0700)
+// where <temp> is $TMPDIR, else /var/tmp when /tmp is held in RAM, else /tmp,
 // next to a lock file "<pid>-<random>.lock" that the process holds with
 // flock() for as long as the directory is its own. The kernel drops the
 // lock when the process dies, so a cleaner can tell a dead process's leftovers

@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <random>
+#include <unistd.h>
 #include <gtest/gtest.h>
 
 namespace {
@@ -22,9 +23,10 @@ struct CliRunResult {
     QString err;
 };
 
-CliRunResult runCli(const QStringList &args)
+CliRunResult runCli(const QStringList &args, const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
 {
     QProcess p;
+    p.setProcessEnvironment(env);
     p.setStandardInputFile(QProcess::nullDevice());
     p.start(QStringLiteral(EVENLOUD_CLI), args);
     CliRunResult r;
@@ -225,6 +227,50 @@ TEST(CliRun, InterruptCancelsCleanly)
         EXPECT_EQ(digest(input), before);
         EXPECT_TRUE(entries(out).isEmpty()) << entries(out).join(' ').toStdString();
         EXPECT_EQ(entries(tmp.path()), QStringList{"long.flac"});
+    }
+}
+
+// A disk that fills up on one file fails that file with the reason, and
+// frees what it took: the files after it, on the same disk, still succeed.
+TEST(CliRun, FullDiskFailsOnlyTheFileThatFilledIt)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    const QString big = fixtures::makeWav(tmp.path(), "big.wav", 60);     // 10.6 MB
+    const QString small1 = fixtures::makeWav(tmp.path(), "small1.wav", 5); // 0.9 MB
+    const QString small2 = fixtures::makeWav(tmp.path(), "small2.wav", 5);
+    ASSERT_FALSE(big.isEmpty() || small1.isEmpty() || small2.isEmpty());
+    const QString small = tmp.filePath("small"), out = tmp.filePath("out");
+    QDir().mkpath(small);
+    if (::geteuid() != 0 || !fixtures::run("mount", {"-t", "tmpfs", "-o", "size=3m", "tmpfs", small}))
+        GTEST_SKIP() << "needs to mount a small file system";
+    struct Unmount {
+        QString path;
+        ~Unmount() { fixtures::run("umount", {"-l", path}); }
+    } unmount{small};
+
+    // The disk that fills is first the temporary folder, then the output folder.
+    for (const bool fullTemp : {true, false}) {
+        SCOPED_TRACE(fullTemp ? "temporary folder" : "output folder");
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        if (fullTemp)
+            env.insert("TMPDIR", small);
+        const QString folder = fullTemp ? out : small;
+        // One job at a time, the longest first: the big file fills the disk
+        // before the small ones start.
+        const CliRunResult r = runCli({"--json", "--jobs", "1", "-o", folder, small1, big, small2}, env);
+        EXPECT_EQ(r.exitCode, 1) << r.err.toStdString();
+        for (const QJsonValue &v : QJsonDocument::fromJson(r.out.toUtf8()).array()) {
+            const QJsonObject o = v.toObject();
+            const bool isBig = o["input"].toString() == big;
+            EXPECT_EQ(o["result"].toString(), isBig ? "failed" : "ok") << r.out.toStdString();
+            if (isBig) {
+                EXPECT_TRUE(o["reason"].toString().contains("No space left on device")) << r.out.toStdString();
+            }
+        }
+        EXPECT_EQ(entries(folder), (QStringList{"small1.wav", "small2.wav"}));
+        for (const QString &name : entries(folder))
+            QFile::remove(QDir(folder).filePath(name));
     }
 }
 
