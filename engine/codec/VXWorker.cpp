@@ -4,6 +4,7 @@
 #include "engine/codec/VXWorkerProtocol.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <climits>
@@ -206,8 +207,12 @@ bool useWorkerProcess()
     if (qgetenv("EVENLOUD_WORKER") == "none")
         return false;
     QStringList candidates{QString::fromLocal8Bit(qgetenv("EVENLOUD_WORKER"))};
-    if (QCoreApplication::instance())
-        candidates << QCoreApplication::applicationDirPath() + QStringLiteral("/evenloud-worker");
+    if (QCoreApplication::instance()) {
+        const QString dir = QCoreApplication::applicationDirPath();
+        // Beside the program in a build; under libexec/evenloud when installed.
+        candidates << dir + QStringLiteral("/evenloud-worker")
+                   << QDir::cleanPath(dir + QStringLiteral("/../libexec/evenloud/evenloud-worker"));
+    }
 #ifdef EVENLOUD_WORKER_BUILD_PATH
     candidates << QStringLiteral(EVENLOUD_WORKER_BUILD_PATH);
 #endif
