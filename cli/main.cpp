@@ -2,20 +2,22 @@
 #include "cli/CliOptions.h"
 #include "cli/CliProgress.h"
 #include "cli/CliReport.h"
-#include "engine/codec/VXWorker.h"
 #include "cli/CliSignals.h"
 #include "engine/VXAudioGain.h"
 #include "engine/VXImport.h"
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXLog.h"
+#include "engine/codec/VXWorker.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
-#include <QSet>
 #include <QThreadPool>
 
 #include <cstdio>
+#include <set>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -103,15 +105,17 @@ int main(int argc, char *argv[])
         }
     }
 
-    // Same rules as the app's import: walk order, extensions, duplicates by
-    // case-insensitive path; each accepted file is probed as it is found.
-    QSet<QString> seen;
+    // The app's walk order and extensions. A file is itself whatever its
+    // spelling (./a.mp3, /abs/a.mp3, a link to it): one file is processed
+    // once, and Take.wav and take.wav, two files here, both are. Hidden
+    // entries of walked folders are skipped. Each file is probed as found.
+    std::set<std::pair<dev_t, ino_t>> seen;
     QList<CliBatch::Job> jobs;
     VXImport::walk(opt.inputs, opt.recursive, CliSignals::pending(), [&](const QString &file) {
-        const QString key = VXImport::inputKey(file);
-        if (CliSignals::pending() || seen.contains(key))
+        struct stat st {};
+        if (CliSignals::pending() || ::stat(QFile::encodeName(file).constData(), &st) != 0
+            || !seen.insert({st.st_dev, st.st_ino}).second)
             return;
-        seen.insert(key);
         CliFileResult r;
         r.input = file;
         r.targetLufs = targetLufs;
@@ -132,7 +136,7 @@ int main(int argc, char *argv[])
         item->setOutFolder(opt.replace ? QString() : opt.outputFolder);
         results << r;
         jobs << CliBatch::Job{item, int(results.size() - 1)};
-    });
+    }, true);
     if (CliSignals::pending()) {
         VXAudioGain::cleanCache();
         return CliSignals::exitStatus();

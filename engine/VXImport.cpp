@@ -78,9 +78,9 @@ struct FolderIdHash {
 
 class Walker {
 public:
-    Walker(bool recursive, const std::atomic<bool> &cancel,
+    Walker(bool recursive, bool skipHidden, const std::atomic<bool> &cancel,
            const std::function<void(const QString &)> &onFile)
-        : m_recursive(recursive), m_cancel(cancel), m_onFile(onFile)
+        : m_recursive(recursive), m_skipHidden(skipHidden), m_cancel(cancel), m_onFile(onFile)
     {
     }
 
@@ -111,7 +111,7 @@ private:
             if (cancelled())
                 return;
             const char *name = entry->d_name;
-            if (qstrcmp(name, ".") == 0 || qstrcmp(name, "..") == 0)
+            if (qstrcmp(name, ".") == 0 || qstrcmp(name, "..") == 0 || (m_skipHidden && name[0] == '.'))
                 continue;
             const QString path = prefix + QFile::decodeName(name);
             struct stat entrySt {};
@@ -130,6 +130,7 @@ private:
     }
 
     const bool m_recursive;
+    const bool m_skipHidden;
     const std::atomic<bool> &m_cancel;
     const std::function<void(const QString &)> &m_onFile;
     std::unordered_set<FolderId, FolderIdHash> m_seen;
@@ -138,9 +139,9 @@ private:
 } // namespace
 
 void walk(const QStringList &paths, bool recursive, const std::atomic<bool> &cancel,
-          const std::function<void(const QString &file)> &onFile)
+          const std::function<void(const QString &file)> &onFile, bool skipHidden)
 {
-    Walker walker(recursive, cancel, onFile);
+    Walker walker(recursive, skipHidden, cancel, onFile);
     for (const QString &path : paths) {
         walker.walkPath(path);
         if (cancel.load(std::memory_order_relaxed))

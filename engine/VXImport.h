@@ -32,8 +32,10 @@ QString inputKey(const QString &path);
 // extension test go to onFile; folders are listed (one level, or depth-first
 // in listing order when recursive); a folder already walked (by device and
 // inode) is skipped so link loops end. cancel is checked before each entry,
-// before descending and after each top-level path.
+// before descending and after each top-level path. With skipHidden, entries
+// of walked folders whose names begin with a dot (hidden files and folders,
+// and the "._name" sidecars that macOS leaves on shared drives) are passed over.
 void walk(const QStringList &paths, bool recursive, const std::atomic<bool> &cancel,
-          const std::function<void(const QString &file)> &onFile);
+          const std::function<void(const QString &file)> &onFile, bool skipHidden = false);
 
 } // namespace VXImport

@@ -23,10 +23,12 @@ struct CliRunResult {
     QString err;
 };
 
-CliRunResult runCli(const QStringList &args, const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
+CliRunResult runCli(const QStringList &args, const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment(),
+                    const QString &workingDirectory = {})
 {
     QProcess p;
     p.setProcessEnvironment(env);
+    p.setWorkingDirectory(workingDirectory);
     p.setStandardInputFile(QProcess::nullDevice());
     p.start(QStringLiteral(EVENLOUD_CLI), args);
     CliRunResult r;
@@ -181,11 +183,6 @@ TEST(CliRun, CorruptOrMissingInputMakesExitOne)
     EXPECT_TRUE(r.err.contains("Can not import audio file(" + bad.fileName() + ")")) << r.err.toStdString();
     EXPECT_EQ(entries(out), QStringList{"good.ogg"});
 
-    // Nothing to do is not success: a folder without audio says so.
-    QDir(tmp.path()).mkdir("empty");
-    const CliRunResult none = runCli({"-o", out, tmp.filePath("empty")});
-    EXPECT_EQ(none.exitCode, 1);
-    EXPECT_TRUE(none.err.contains("no audio files")) << none.err.toStdString();
 }
 
 TEST(CliRun, InterruptCancelsCleanly)
@@ -228,6 +225,39 @@ TEST(CliRun, InterruptCancelsCleanly)
         EXPECT_TRUE(entries(out).isEmpty()) << entries(out).join(' ').toStdString();
         EXPECT_EQ(entries(tmp.path()), QStringList{"long.flac"});
     }
+}
+
+// A file is itself under any spelling, and files that differ only in case
+// are two files; the hidden entries of a walked folder, such as the "._"
+// sidecars macOS leaves on shared drives, are not audio to process.
+TEST(CliRun, EachFileOnceWhateverItsSpelling)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    const QString in = tmp.filePath("in");
+    QDir().mkpath(in);
+    ASSERT_FALSE(fixtures::makeWav(in, "Take.wav").isEmpty() || fixtures::makeWav(in, "take.wav").isEmpty()
+                 || fixtures::makeWav(in, ".hidden.wav").isEmpty());
+    QFile sidecar(in + "/._Take.wav");
+    ASSERT_TRUE(sidecar.open(QIODevice::WriteOnly));
+    sidecar.write(QByteArray::fromHex("00051607") + QByteArray(4092, '\0'));
+    sidecar.close();
+    ASSERT_TRUE(QFile::link(in + "/Take.wav", tmp.filePath("link.wav")));
+
+    const QString out = tmp.filePath("out");
+    const CliRunResult r = runCli({"--json", "-o", out, "in", "./in/Take.wav", in + "/Take.wav", "link.wav",
+                                   "in/../in/take.wav"},
+                                  QProcessEnvironment::systemEnvironment(), tmp.path());
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_EQ(QJsonDocument::fromJson(r.out.toUtf8()).array().size(), 2) << r.out.toStdString();
+    EXPECT_EQ(entries(out), (QStringList{"Take.wav", "take.wav"}));
+
+    // Nothing but sidecars: nothing was done, and the run says so.
+    QFile::remove(in + "/Take.wav");
+    QFile::remove(in + "/take.wav");
+    const CliRunResult none = runCli({"-o", out, in});
+    EXPECT_EQ(none.exitCode, 1);
+    EXPECT_TRUE(none.err.contains("no audio files")) << none.err.toStdString();
 }
 
 // A disk that fills up on one file fails that file with the reason, and
