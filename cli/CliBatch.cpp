@@ -73,6 +73,7 @@ void CliBatch::onReport(int index, qint32 state, qint64 retCode)
     r.outputLra = gain.outputLra;
     r.normalization = gain.normalization;
     r.warning = gain.warning;
+    r.otherStreams = gain.otherStreams;
     if (retCode == -1)
         r.reason = gain.reason.isEmpty() ? QStringLiteral("failed") : gain.reason;
     switch (retCode) {

@@ -119,6 +119,14 @@ QByteArray formatJson(const QList<CliFileResult> &results)
         o[QStringLiteral("output_tp")] = rounded(r.outputTp);
         o[QStringLiteral("output_lra")] = rounded(r.outputLra);
         o[QStringLiteral("normalization")] = r.normalization.isEmpty() ? QJsonValue() : QJsonValue(r.normalization);
+        if (!r.otherStreams.isEmpty()) {
+            QJsonArray streams;
+            for (const VXGainResult::Stream &s : r.otherStreams)
+                streams.append(QJsonObject{{QStringLiteral("stream"), s.index},
+                                           {QStringLiteral("gain_db"), rounded(s.gainDb)},
+                                           {QStringLiteral("normalization"), s.normalization}});
+            o[QStringLiteral("other_audio_streams")] = streams;
+        }
         o[QStringLiteral("seconds")] = std::round(r.seconds * 1000.0) / 1000.0;
         array.append(o);
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engine/VXAudioGain.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QString>
@@ -35,6 +37,7 @@ struct CliFileResult {
     double outputLra = NAN;
     QString normalization;
     QString warning;      // succeeded, with something to know (other hard links)
+    QList<VXGainResult::Stream> otherStreams;
 };
 
 // A number from the measurement record (loudnorm prints them as strings),

@@ -29,6 +29,14 @@ struct VXGainResult {
     QString normalization;  // "linear", "peak-capped", "limited" or "one-pass"
     QString reason;         // why the job failed; empty when it did not
     QString warning;        // succeeded, but something the user should know
+    // Further audio streams (commentary, other languages), each normalised
+    // on its own: input stream index, gain and kind.
+    struct Stream {
+        int index = -1;
+        double gainDb = NAN;
+        QString normalization;
+    };
+    QList<Stream> otherStreams;
 };
 
 // One audio item: an input file, where its result goes, its target loudness

@@ -20,6 +20,7 @@
 #include <QThreadPool>
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <malloc.h>
 
 struct VXAudioGain::Job {
@@ -27,6 +28,7 @@ struct VXAudioGain::Job {
     QSemaphore end;  // released by the transcoding's end report
     std::atomic<qint64> passResult{0};
     std::shared_ptr<VXFilter> filter;
+    std::map<int, VXLoudness> otherStreams;  // pass 1's figures of further audio streams
 };
 
 namespace {
@@ -256,8 +258,10 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         job.filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
         job.filter->setValue(QString::fromLatin1(VXPrintFormatJSON), QString::fromLatin1(kVXPrintFormat));
         pass1->addAudioFilter(job.filter);
+        pass1->setMeasuresOtherAudio();
         runPass(job, pass1, Pass::First);
         why = pass1->failureReason();
+        job.otherStreams = pass1->otherAudioLoudness();
     }
 
     QByteArray log;
@@ -329,12 +333,31 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     job.filter->setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
     const std::optional<VXGainPlan> plan = job.filter->linearPlan();  // as first decided
 
+    // Each further audio stream gets its own gain, by the same rules.
+    std::map<int, std::shared_ptr<VXFilter>> streamFilters;
+    for (const auto &[index, measuredStream] : job.otherStreams) {
+        if (!std::isfinite(measuredStream.integrated))
+            continue;  // silent: left as it is
+        auto filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
+        filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+        filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
+        filter->setValue(QVariant(measuredStream.integrated), QString::fromLatin1(kVXAMeasuredIntegratedLoudness));
+        filter->setValue(QVariant(measuredStream.truePeak), QString::fromLatin1(kVXAMeasuredTruePeak));
+        filter->setValue(QVariant(measuredStream.range), QString::fromLatin1(kVXAMeasuredLoudnessRange));
+        filter->setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
+        filter->setValue(QVariant(limitPeaks()), QString::fromLatin1(kVXALimitPeaks));
+        filter->setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
+        streamFilters[index] = filter;
+    }
+
     VXLoudness loudness;
     auto secondPass = [&](Pass pass) -> qint64 {
         auto pass2 = VXTranscoding::initWithInput(input, temp, &why);
         if (!pass2)
             return fail(why);
         pass2->addAudioFilter(job.filter);
+        for (const auto &[index, filter] : streamFilters)
+            pass2->addStreamFilter(index, filter);
         // The file as written, decoded again: what a player will hear. A
         // limiter leaves a true peak only a meter can tell; a gain moves the
         // measured one by exactly its size.
@@ -371,6 +394,10 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     VXGainResult result;
     result.outputI = loudness.integrated;
     result.outputLra = loudness.range;
+    for (const auto &[index, filter] : streamFilters) {
+        if (const auto streamPlan = filter->linearPlan())
+            result.otherStreams.append({index, streamPlan->gainDb, VXNormalizationName(streamPlan->kind)});
+    }
     if (!plan) {
         // Nothing loud enough to measure (digital silence): left as it is.
         result.gainDb = 0.0;

@@ -36,11 +36,9 @@ int channelWeight(const AVChannelLayout &layout, int index)
     }
 }
 
-// Frames in, figures out. The first frame fixes the rate and layout; later
-// frames that differ (concatenated files) are converted to them. True peak
-// (four times oversampled) costs more than the rest together, so it is asked
-// for only where it is needed.
-struct Meter {
+} // namespace
+
+struct VXFrameMeter::Impl {
     bool truePeak = false;
     MeterPtr meter;
     vx::SwrPtr swr;
@@ -83,8 +81,13 @@ struct Meter {
     }
 };
 
-bool add(Meter &m, const AVFrame *frame)
+VXFrameMeter::VXFrameMeter(bool truePeak) : d(std::make_unique<Impl>()) { d->truePeak = truePeak; }
+
+VXFrameMeter::~VXFrameMeter() = default;
+
+bool VXFrameMeter::add(const AVFrame *frame)
 {
+    Impl &m = *d;
     if (!m.meter && !m.start(frame))
         return false;
     int err = swr_convert_frame(m.swr.get(), m.converted.get(), frame);
@@ -99,8 +102,9 @@ bool add(Meter &m, const AVFrame *frame)
     return true;
 }
 
-VXLoudness finish(Meter &m)
+VXLoudness VXFrameMeter::finish()
 {
+    Impl &m = *d;
     VXLoudness r;
     if (!m.meter)
         return r;
@@ -119,8 +123,6 @@ VXLoudness finish(Meter &m)
     }
     return r;
 }
-
-} // namespace
 
 bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString *why,
                    const std::atomic<bool> *cancel)
@@ -154,8 +156,7 @@ bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString 
     for (unsigned i = 0; i < input->nb_streams; ++i)
         input->streams[i]->discard = int(i) == index ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
 
-    Meter meter;
-    meter.truePeak = truePeak;
+    VXFrameMeter meter(truePeak);
     auto packet = vx::makePacket();
     auto frame = vx::makeFrame();
     if (!packet || !frame) {
@@ -166,7 +167,7 @@ bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString 
         int err;
         while ((err = avcodec_receive_frame(decoder.get(), frame.get())) >= 0 || err == AVERROR_INVALIDDATA) {
             if (err >= 0) {
-                const bool ok = add(meter, frame.get());
+                const bool ok = meter.add(frame.get());
                 av_frame_unref(frame.get());
                 if (!ok)
                     return false;
@@ -192,7 +193,7 @@ bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString 
         *why = QStringLiteral("cannot measure the decoded audio");
         return false;
     }
-    *out = finish(meter);
+    *out = meter.finish();
     if (!out->measured()) {
         *why = QStringLiteral("no audio decoded");
         return false;

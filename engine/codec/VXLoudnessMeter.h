@@ -6,12 +6,36 @@
 #include <QString>
 #include <atomic>
 #include <cmath>
+#include <memory>
 
 struct VXLoudness {
     double integrated = NAN;  // LUFS; -inf when no block passes the gate
     double truePeak = NAN;    // dBTP
     double range = NAN;       // LU
     bool measured() const { return !std::isnan(integrated); }
+};
+
+struct AVFrame;
+
+// Decoded frames in, figures out: for measuring inside a decoding loop. The
+// first frame fixes the rate and layout; later frames that differ
+// (concatenated files) are converted to them. True peak (four times
+// oversampled) costs more than the rest together, so it is asked for only
+// where it is needed.
+class VXFrameMeter {
+public:
+    explicit VXFrameMeter(bool truePeak);
+    ~VXFrameMeter();
+    // False when the frame cannot be measured.
+    bool add(const AVFrame *frame);
+    VXLoudness finish();
+
+    VXFrameMeter(const VXFrameMeter &) = delete;
+    VXFrameMeter &operator=(const VXFrameMeter &) = delete;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> d;
 };
 
 // Measures the audio stream a transcoding would normalise (the best one),

@@ -1,6 +1,7 @@
 #include "engine/codec/VXPipeline.h"
 
 #include "engine/codec/VXFilterPrivate.h"
+#include "engine/codec/VXLog.h"
 #include "engine/codec/VXProbe.h"
 
 extern "C" {
@@ -188,7 +189,8 @@ bool copyChapters(const AVFormatContext *in, AVFormatContext *out)
 
 } // namespace
 
-std::unique_ptr<Pipeline> Pipeline::open(const QString &inPath, const QString &outPath, QString *why)
+std::unique_ptr<Pipeline> Pipeline::open(const QString &inPath, const QString &outPath, QString *why,
+                                         const std::vector<int> &moreAudio)
 {
     auto p = std::make_unique<Pipeline>();
     int code = 0;
@@ -199,14 +201,12 @@ std::unique_ptr<Pipeline> Pipeline::open(const QString &inPath, const QString &o
         *why = QStringLiteral("DRM-protected");
         return nullptr;
     }
-    p->audioIndex = av_find_best_stream(p->input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-    if (p->audioIndex < 0) {
+    const int best = av_find_best_stream(p->input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    if (best < 0) {
         *why = QStringLiteral("no decodable audio stream");
         return nullptr;
     }
-    p->durationUs = int64_t(headerLength(p->input.get(), p->audioIndex));
-    if (!p->openDecoder(why))
-        return nullptr;
+    p->durationUs = int64_t(headerLength(p->input.get(), best));
 
     AVFormatContext *raw = nullptr;
     const int err = avformat_alloc_output_context2(&raw, nullptr, nullptr, QFile::encodeName(outPath).constData());
@@ -215,12 +215,18 @@ std::unique_ptr<Pipeline> Pipeline::open(const QString &inPath, const QString &o
         return nullptr;
     }
     p->output.reset(raw);
-    if (!p->openEncoder(inPath, why))
+    p->laneOf.assign(p->input->nb_streams, -1);
+    if (!p->openLane(best, inPath, why))
         return nullptr;
-    p->mapOtherStreams();
+    for (const int index : moreAudio) {
+        QString skipped;
+        if (index != best && index >= 0 && unsigned(index) < p->input->nb_streams && !p->openLane(index, inPath, &skipped))
+            VXLog(QStringLiteral("Audio stream %1 of %2 is copied unchanged: %3").arg(index).arg(inPath, skipped));
+    }
+    if (!p->mapStreams(why))
+        return nullptr;
     av_dict_copy(&p->output->metadata, p->input->metadata, 0);
     dropLoudnessTags(&p->output->metadata);
-    dropLoudnessTags(&p->output->streams[p->outAudioIndex]->metadata);
     if (!copyChapters(p->input.get(), p->output.get())) {
         *why = QStringLiteral("out of memory");
         return nullptr;
@@ -246,93 +252,110 @@ std::unique_ptr<Pipeline> Pipeline::open(const QString &inPath, const QString &o
     return p;
 }
 
-bool Pipeline::openDecoder(QString *why)
+std::vector<int> Pipeline::otherAudioStreams() const
 {
-    const AVStream *st = input->streams[audioIndex];
-    const AVCodec *codec = avcodec_find_decoder(st->codecpar->codec_id);
-    if (!codec) {
-        *why = QStringLiteral("no decoder for %1").arg(avcodec_get_name(st->codecpar->codec_id));
+    std::vector<int> others;
+    for (unsigned i = 0; i < input->nb_streams; ++i) {
+        const AVStream *st = input->streams[i];
+        if (st->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && int(i) != lanes.front()->inIndex
+            && !(st->disposition & AV_DISPOSITION_ATTACHED_PIC) && avcodec_find_decoder(st->codecpar->codec_id)
+            && findEncoder(st->codecpar->codec_id)
+            && avformat_query_codec(output->oformat, st->codecpar->codec_id, FF_COMPLIANCE_NORMAL) > 0)
+            others.push_back(int(i));
+    }
+    return others;
+}
+
+// A decoder and an encoder of the same codec for the stream; its output
+// stream is made in mapStreams, in the input's order.
+bool Pipeline::openLane(int index, const QString &inPath, QString *why)
+{
+    auto lane = std::make_unique<Lane>();
+    lane->inIndex = index;
+    const AVStream *ist = input->streams[index];
+    const AVCodecID id = ist->codecpar->codec_id;
+    const AVCodec *decoderCodec = avcodec_find_decoder(id);
+    if (!decoderCodec) {
+        *why = QStringLiteral("no decoder for %1").arg(avcodec_get_name(id));
         return false;
     }
-    decoder.reset(avcodec_alloc_context3(codec));
-    if (!decoder || avcodec_parameters_to_context(decoder.get(), st->codecpar) < 0) {
+    lane->decoder.reset(avcodec_alloc_context3(decoderCodec));
+    if (!lane->decoder || avcodec_parameters_to_context(lane->decoder.get(), ist->codecpar) < 0) {
         *why = QStringLiteral("out of memory");
         return false;
     }
-    decoder->pkt_timebase = st->time_base;
-    const int err = avcodec_open2(decoder.get(), codec, nullptr);
+    AVCodecContext *dec = lane->decoder.get();
+    dec->pkt_timebase = ist->time_base;
+    int err = avcodec_open2(dec, decoderCodec, nullptr);
     if (err < 0) {
         *why = QStringLiteral("cannot open the decoder: %1").arg(errorString(err));
         return false;
     }
-    return true;
-}
 
-bool Pipeline::openEncoder(const QString &inPath, QString *why)
-{
-    const AVStream *ist = input->streams[audioIndex];
-    const AVCodecID id = ist->codecpar->codec_id;
     const AVCodec *codec = findEncoder(id);
     if (!codec) {
         *why = QStringLiteral("no encoder for %1").arg(avcodec_get_name(id));
         return false;
     }
-    encoder.reset(avcodec_alloc_context3(codec));
-    if (!encoder) {
+    lane->encoder.reset(avcodec_alloc_context3(codec));
+    if (!lane->encoder) {
         *why = QStringLiteral("out of memory");
         return false;
     }
-    AVCodecContext *enc = encoder.get();
-    enc->sample_rate = chooseSampleRate(codec, decoder->sample_rate);
-    if (!chooseLayout(codec, decoder->ch_layout, &enc->ch_layout)) {
-        *why = QStringLiteral("%1 cannot encode %2 channels").arg(codec->name).arg(decoder->ch_layout.nb_channels);
+    AVCodecContext *enc = lane->encoder.get();
+    enc->sample_rate = chooseSampleRate(codec, dec->sample_rate);
+    if (!chooseLayout(codec, dec->ch_layout, &enc->ch_layout)) {
+        *why = QStringLiteral("%1 cannot encode %2 channels").arg(codec->name).arg(dec->ch_layout.nb_channels);
         return false;
     }
-    enc->sample_fmt = chooseSampleFormat(codec, decoder->sample_fmt);
+    enc->sample_fmt = chooseSampleFormat(codec, dec->sample_fmt);
     enc->time_base = AVRational{1, enc->sample_rate};
     if (isLossless(id)) {
-        const int bits = ist->codecpar->bits_per_raw_sample ? ist->codecpar->bits_per_raw_sample
-                                                            : decoder->bits_per_raw_sample;
+        const int bits = ist->codecpar->bits_per_raw_sample ? ist->codecpar->bits_per_raw_sample : dec->bits_per_raw_sample;
         enc->bits_per_raw_sample = std::min(bits, av_get_bytes_per_sample(enc->sample_fmt) * 8);
     } else {
-        enc->bit_rate = chooseBitRate(input.get(), audioIndex, inPath, durationUs);
+        enc->bit_rate = chooseBitRate(input.get(), index, inPath, durationUs);
     }
     if (codec->capabilities & AV_CODEC_CAP_EXPERIMENTAL)
         enc->strict_std_compliance = FF_COMPLIANCE_EXPERIMENTAL;
     if (output->oformat->flags & AVFMT_GLOBALHEADER)
         enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    int err = avcodec_open2(enc, codec, nullptr);
+    err = avcodec_open2(enc, codec, nullptr);
     if (err < 0) {
         *why = QStringLiteral("cannot open the %1 encoder: %2").arg(codec->name, errorString(err));
         return false;
     }
-    AVStream *ost = avformat_new_stream(output.get(), nullptr);
-    if (!ost || avcodec_parameters_from_context(ost->codecpar, enc) < 0) {
-        *why = QStringLiteral("out of memory");
-        return false;
-    }
-    ost->time_base = enc->time_base;
-    ost->disposition = ist->disposition;
-    av_dict_copy(&ost->metadata, ist->metadata, 0);
-    outAudioIndex = ost->index;
+    laneOf[size_t(index)] = int(lanes.size());
+    lanes.push_back(std::move(lane));
     return true;
 }
 
-void Pipeline::mapOtherStreams()
+// Output streams in the input's order, each with the input's disposition:
+// players pick the same default track, and the file reads as it did.
+bool Pipeline::mapStreams(QString *why)
 {
     streamMap.assign(input->nb_streams, -1);
-    streamMap[size_t(audioIndex)] = outAudioIndex;
     const AVOutputFormat *format = output->oformat;
+    std::vector<const AVStream *> oggPictures;
     for (unsigned i = 0; i < input->nb_streams; ++i) {
         const AVStream *ist = input->streams[i];
-        if (int(i) == audioIndex)
+        if (const int l = laneOf[i]; l >= 0) {
+            Lane &lane = *lanes[size_t(l)];
+            AVStream *ost = avformat_new_stream(output.get(), nullptr);
+            if (!ost || avcodec_parameters_from_context(ost->codecpar, lane.encoder.get()) < 0) {
+                *why = QStringLiteral("out of memory");
+                return false;
+            }
+            ost->time_base = lane.encoder->time_base;
+            ost->disposition = ist->disposition;
+            av_dict_copy(&ost->metadata, ist->metadata, 0);
+            dropLoudnessTags(&ost->metadata);
+            lane.outIndex = streamMap[i] = ost->index;
             continue;
+        }
         const bool picture = ist->disposition & AV_DISPOSITION_ATTACHED_PIC;
         if (picture && !std::strcmp(format->name, "ogg")) {
-            AVStream *audio = output->streams[outAudioIndex];
-            const QByteArray comment = pictureComment(ist);
-            if (!comment.isEmpty() && !av_dict_get(audio->metadata, "METADATA_BLOCK_PICTURE", nullptr, 0))
-                av_dict_set(&audio->metadata, "METADATA_BLOCK_PICTURE", comment.constData(), 0);
+            oggPictures.push_back(ist);
             continue;
         }
         const AVMediaType type = ist->codecpar->codec_type;
@@ -358,16 +381,29 @@ void Pipeline::mapOtherStreams()
         av_dict_copy(&ost->metadata, ist->metadata, 0);
         streamMap[i] = ost->index;
     }
+    AVStream *audio = output->streams[lanes.front()->outIndex];
+    for (const AVStream *pic : oggPictures) {
+        const QByteArray comment = pictureComment(pic);
+        if (!comment.isEmpty() && !av_dict_get(audio->metadata, "METADATA_BLOCK_PICTURE", nullptr, 0))
+            av_dict_set(&audio->metadata, "METADATA_BLOCK_PICTURE", comment.constData(), 0);
+    }
+    return true;
 }
 
-bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters, QString *why)
+bool Pipeline::buildGraph(Lane &lane, const std::vector<std::shared_ptr<VXFilter>> &filters, QString *why)
 {
-    graph.reset(avfilter_graph_alloc());
+    lane.graph.reset(avfilter_graph_alloc());
+    AVFilterGraph *graph = lane.graph.get();
     if (!graph) {
         *why = QStringLiteral("out of memory");
         return false;
     }
-    const AVStream *ist = input->streams[audioIndex];
+    const AVCodecContext *decoder = lane.decoder.get();
+    const AVCodecContext *encoder = lane.encoder.get();
+    AVChannelLayout &sourceLayout = lane.sourceLayout;
+    AVFilterContext *&source = lane.source;
+    AVFilterContext *&sink = lane.sink;
+    const AVStream *ist = input->streams[lane.inIndex];
     AVChannelLayout inLayout{};
     if (decoder->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC)
         av_channel_layout_default(&inLayout, decoder->ch_layout.nb_channels);
@@ -377,13 +413,13 @@ bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters,
     av_channel_layout_describe(&inLayout, layout, sizeof layout);
     av_channel_layout_uninit(&sourceLayout);
     sourceLayout = inLayout;
-    sourceRate = decoder->sample_rate;
-    sourceFormat = decoder->sample_fmt;
+    lane.sourceRate = decoder->sample_rate;
+    lane.sourceFormat = decoder->sample_fmt;
     const QByteArray sourceArgs = QStringLiteral("time_base=%1/%2:sample_rate=%3:sample_fmt=%4:channel_layout=%5")
                                       .arg(ist->time_base.num).arg(ist->time_base.den).arg(decoder->sample_rate)
                                       .arg(av_get_sample_fmt_name(decoder->sample_fmt), layout).toUtf8();
     int err = avfilter_graph_create_filter(&source, avfilter_get_by_name("abuffer"), "in", sourceArgs.constData(),
-                                           nullptr, graph.get());
+                                           nullptr, graph);
     if (err < 0) {
         *why = QStringLiteral("abuffer: %1").arg(errorString(err));
         return false;
@@ -396,7 +432,7 @@ bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters,
     AVFilterContext *last = source;
     for (size_t i = 0; i < filters.size(); ++i) {
         const QByteArray name = "vxfilter" + QByteArray::number(qulonglong(i));
-        AVFilterContext *ctx = VXFilterAccess::instantiate(*filters[i], graph.get(), last, decoder->sample_rate,
+        AVFilterContext *ctx = VXFilterAccess::instantiate(*filters[i], graph, last, decoder->sample_rate,
                                                            highPrecision, name.constData(), why);
         if (!ctx)
             return false;
@@ -412,7 +448,7 @@ bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters,
         // copies of it at once (tens of MB per job at the end of a pass).
         AVFilterContext *split = nullptr;
         if ((err = avfilter_graph_create_filter(&split, avfilter_get_by_name("asetnsamples"), "split",
-                                                "n=4096:p=0", nullptr, graph.get())) < 0
+                                                "n=4096:p=0", nullptr, graph)) < 0
             || (err = avfilter_link(last, 0, split, 0)) < 0) {
             *why = QStringLiteral("asetnsamples: %1").arg(errorString(err));
             return false;
@@ -439,13 +475,13 @@ bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters,
     AVFilterContext *resample = nullptr;
     AVFilterContext *format = nullptr;
     if ((err = avfilter_graph_create_filter(&resample, avfilter_get_by_name("aresample"), "resample",
-                                            resampleArgs.constData(), nullptr, graph.get())) < 0
+                                            resampleArgs.constData(), nullptr, graph)) < 0
         || (err = avfilter_graph_create_filter(&format, avfilter_get_by_name("aformat"), "format",
-                                               formatArgs.constData(), nullptr, graph.get())) < 0
+                                               formatArgs.constData(), nullptr, graph)) < 0
         || (err = avfilter_graph_create_filter(&sink, avfilter_get_by_name("abuffersink"), "out", nullptr, nullptr,
-                                               graph.get())) < 0
+                                               graph)) < 0
         || (err = avfilter_link(last, 0, resample, 0)) < 0 || (err = avfilter_link(resample, 0, format, 0)) < 0
-        || (err = avfilter_link(format, 0, sink, 0)) < 0 || (err = avfilter_graph_config(graph.get(), nullptr)) < 0) {
+        || (err = avfilter_link(format, 0, sink, 0)) < 0 || (err = avfilter_graph_config(graph, nullptr)) < 0) {
         *why = QStringLiteral("filter graph: %1").arg(errorString(err));
         return false;
     }
@@ -456,14 +492,16 @@ bool Pipeline::buildGraph(const std::vector<std::shared_ptr<VXFilter>> &filters,
 
 void Pipeline::releaseGraph()
 {
-    graph.reset();
-    source = sink = nullptr;
+    for (const auto &lane : lanes) {
+        lane->graph.reset();
+        lane->source = lane->sink = nullptr;
+    }
     for (const auto &[ctx, state] : routedLogs)
         unregisterLogContext(ctx, state.get());
     routedLogs.clear();
 }
 
-bool Pipeline::matchesSource(const AVFrame *frame) const
+bool Lane::matchesSource(const AVFrame *frame) const
 {
     if (frame->sample_rate != sourceRate || frame->format != sourceFormat
         || frame->ch_layout.nb_channels != sourceLayout.nb_channels)
@@ -471,10 +509,6 @@ bool Pipeline::matchesSource(const AVFrame *frame) const
     return frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC || !av_channel_layout_compare(&frame->ch_layout, &sourceLayout);
 }
 
-Pipeline::~Pipeline()
-{
-    releaseGraph();
-    av_channel_layout_uninit(&sourceLayout);
-}
+Pipeline::~Pipeline() { releaseGraph(); }
 
 } // namespace vx

@@ -17,6 +17,7 @@ extern "C" {
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -65,6 +66,8 @@ struct VXTranscoding::Private {
     std::unique_ptr<vx::WorkerRun> worker;  // set when the work runs in a child
     std::unique_ptr<vx::Pipeline> pipeline;
     std::vector<std::shared_ptr<VXFilter>> filters;
+    std::map<int, std::vector<std::shared_ptr<VXFilter>>> streamFilters;  // by input stream index
+    bool measureOthers = false;
     VXTranscodingBlock block;
 
     vx::WorkQueue queue{kQueueCapacity};
@@ -83,23 +86,33 @@ struct VXTranscoding::Private {
     mutable std::mutex resultLock;
     QString failure;       // set once, by fail()
 
-    // Reader thread: frames whose rate, layout or format differ from the
-    // stream's first are converted to it, since the graph is fixed.
-    vx::SwrPtr conform;
-    vx::FramePtr conformed = vx::makeFrame();
-    bool clampForEncoder = false;
+    // Per lane. Reader thread: frames whose rate, layout or format differ
+    // from the stream's first are converted to it, since the graph is fixed;
+    // further streams are measured as they are decoded. Writer thread: the
+    // samples encoded so far.
+    struct LaneWork {
+        vx::SwrPtr conform;
+        vx::FramePtr conformed = vx::makeFrame();
+        std::unique_ptr<VXFrameMeter> meter;
+        bool clamp = false;
+        int64_t basePts = AV_NOPTS_VALUE;
+        int64_t samples = 0;
+    };
+    std::vector<LaneWork> work;
     int measureOutput = -1;  // -1 no, 0 loudness and range, 1 with true peak
     VXLoudness loudness;     // under resultLock
+    std::map<int, VXLoudness> otherLoudness;  // under resultLock
 
-    bool conformFrame(AVFrame *decoded);
+    bool conformFrame(vx::Lane &lane, LaneWork &w, AVFrame *decoded);
 
+    bool prepare(QString *why);
     void run();
     void runInWorker();
     bool readAll();
-    bool decode(AVPacket *packet, AVFrame *decoded, AVFrame *filtered);
-    bool drainGraph(AVFrame *filtered, bool atEnd);
+    bool decode(size_t lane, AVPacket *packet, AVFrame *decoded, AVFrame *filtered);
+    bool drainGraph(size_t lane, AVFrame *filtered, bool atEnd);
     void writeAll();
-    bool encode(AVFrame *frame, AVPacket *packet);
+    bool encode(size_t lane, AVFrame *frame, AVPacket *packet);
     void report(int64_t ptsInEncoderBase);
     void fail(const QString &why)
     {
@@ -168,6 +181,24 @@ void VXTranscoding::addAudioFilter(std::shared_ptr<VXFilter> filter)
         d->filters.push_back(std::move(filter));
 }
 
+void VXTranscoding::addStreamFilter(int streamIndex, std::shared_ptr<VXFilter> filter)
+{
+    if (filter && !d->started.load())
+        d->streamFilters[streamIndex].push_back(std::move(filter));
+}
+
+void VXTranscoding::setMeasuresOtherAudio()
+{
+    if (!d->started.load())
+        d->measureOthers = true;
+}
+
+std::map<int, VXLoudness> VXTranscoding::otherAudioLoudness() const
+{
+    std::lock_guard<std::mutex> guard(d->resultLock);
+    return d->otherLoudness;
+}
+
 void VXTranscoding::transcodingWithBlock(VXTranscodingBlock block)
 {
     if (d->started.exchange(true)) {
@@ -182,12 +213,21 @@ void VXTranscoding::transcodingWithBlock(VXTranscodingBlock block)
         QStringList args{QStringLiteral("transcode"), d->inPath, d->outPath};
         if (d->measureOutput >= 0)
             args << QStringLiteral("--measure") << QString::number(d->measureOutput);
-        for (const auto &filter : d->filters) {
-            args << QStringLiteral("--filter") << filter->name();
-            const QMap<QString, QVariant> attributes = filter->attributes();
-            for (auto it = attributes.begin(); it != attributes.end(); ++it)
-                args << QStringLiteral("--attr") << it.key() + QLatin1Char('=')
-                        + QString::fromUtf8(VXFilterAccess::optionText(it.value()));
+        if (d->measureOthers)
+            args << QStringLiteral("--measure-streams") << QStringLiteral("1");
+        auto addFilters = [&args](const std::vector<std::shared_ptr<VXFilter>> &filters) {
+            for (const auto &filter : filters) {
+                args << QStringLiteral("--filter") << filter->name();
+                const QMap<QString, QVariant> attributes = filter->attributes();
+                for (auto it = attributes.begin(); it != attributes.end(); ++it)
+                    args << QStringLiteral("--attr") << it.key() + QLatin1Char('=')
+                            + QString::fromUtf8(VXFilterAccess::optionText(it.value()));
+            }
+        };
+        addFilters(d->filters);
+        for (const auto &[index, filters] : d->streamFilters) {
+            args << QStringLiteral("--stream") << QString::number(index);
+            addFilters(filters);
         }
         // An hour of CPU at most; the child lowers it once it knows the
         // file's length (see inputDuration).
@@ -234,11 +274,41 @@ QString VXTranscoding::failureReason() const
     return d->failure;
 }
 
+// The lanes: one for the main stream, and one for each further audio stream
+// that is to be measured or filtered (the file is opened again for those,
+// since its output streams are fixed once opened).
+bool VXTranscoding::Private::prepare(QString *why)
+{
+    if (measureOthers || !streamFilters.empty()) {
+        std::vector<int> more;
+        for (const int index : pipeline->otherAudioStreams())
+            if (measureOthers || streamFilters.count(index))
+                more.push_back(index);
+        if (!more.empty()) {
+            pipeline.reset();
+            pipeline = vx::Pipeline::open(inPath, outPath, why, more);
+            if (!pipeline)
+                return false;
+        }
+    }
+    work.resize(pipeline->lanes.size());
+    for (size_t l = 0; l < pipeline->lanes.size(); ++l) {
+        vx::Lane &lane = *pipeline->lanes[l];
+        const auto own = streamFilters.find(lane.inIndex);
+        static const std::vector<std::shared_ptr<VXFilter>> none;
+        if (!pipeline->buildGraph(lane, l == 0 ? filters : own == streamFilters.end() ? none : own->second, why))
+            return false;
+        work[l].clamp = isLossy(lane.encoder.get());
+        if (l > 0 && measureOthers)
+            work[l].meter = std::make_unique<VXFrameMeter>(true);
+    }
+    return true;
+}
+
 void VXTranscoding::Private::run()
 {
     QString why;
-    clampForEncoder = isLossy(pipeline->encoder.get());
-    if (!pipeline->buildGraph(filters, &why)) {
+    if (!prepare(&why)) {
         fail(why);
     } else {
         writer = std::thread([this] { writeAll(); });
@@ -246,6 +316,12 @@ void VXTranscoding::Private::run()
             fail(QStringLiteral("reading"));
         queue.close();
         writer.join();
+    }
+    if (!stopping()) {
+        std::lock_guard<std::mutex> guard(resultLock);
+        for (size_t l = 1; l < work.size(); ++l)
+            if (work[l].meter)
+                otherLoudness[pipeline->lanes[l]->inIndex] = work[l].meter->finish();
     }
     if (measureOutput >= 0 && !stopping()) {
         QString why;
@@ -285,6 +361,7 @@ void VXTranscoding::Private::runInWorker()
     {
         std::lock_guard<std::mutex> guard(resultLock);
         loudness = outcome.loudness;
+        otherLoudness = outcome.streams;
     }
     if (!outcome.completed && !outcome.cancelled && !cancelled.load())
         fail(outcome.reason.isEmpty() ? QStringLiteral("the worker failed") : outcome.reason);
@@ -306,13 +383,13 @@ bool VXTranscoding::Private::readAll()
         return false;
     int err = 0;
     while (!stopping() && (err = av_read_frame(p.input.get(), packet.get())) >= 0) {
-        const int target = p.streamMap[size_t(packet->stream_index)];
-        if (packet->stream_index == p.audioIndex) {
-            const bool ok = decode(packet.get(), decoded.get(), filtered.get());
+        const size_t index = size_t(packet->stream_index);
+        if (const int lane = p.laneOf[index]; lane >= 0) {
+            const bool ok = decode(size_t(lane), packet.get(), decoded.get(), filtered.get());
             av_packet_unref(packet.get());
             if (!ok)
                 return false;
-        } else if (target >= 0) {
+        } else if (const int target = p.streamMap[index]; target >= 0) {
             const AVStream *ist = p.input->streams[packet->stream_index];
             const AVStream *ost = p.output->streams[target];
             av_packet_rescale_ts(packet.get(), ist->time_base, ost->time_base);
@@ -333,48 +410,56 @@ bool VXTranscoding::Private::readAll()
     // was decoded so far is kept.
     if (err != AVERROR_EOF)
         VXLog(QStringLiteral("Reading %1 stopped early: %2").arg(inPath, vx::errorString(err)));
-    if (!decode(nullptr, decoded.get(), filtered.get()))
-        return false;
-    if (av_buffersrc_add_frame_flags(p.source, nullptr, 0) < 0)
-        return false;
-    return drainGraph(filtered.get(), true);
+    for (size_t lane = 0; lane < p.lanes.size(); ++lane) {
+        if (!decode(lane, nullptr, decoded.get(), filtered.get())
+            || av_buffersrc_add_frame_flags(p.lanes[lane]->source, nullptr, 0) < 0
+            || !drainGraph(lane, filtered.get(), true))
+            return false;
+    }
+    return true;
 }
 
 // Sends one packet (nullptr: the end) and moves every frame it yields
-// through the graph into the queue. Corrupt packets are skipped.
-bool VXTranscoding::Private::decode(AVPacket *packet, AVFrame *decoded, AVFrame *filtered)
+// through the lane's graph into the queue. Corrupt packets are skipped.
+bool VXTranscoding::Private::decode(size_t l, AVPacket *packet, AVFrame *decoded, AVFrame *filtered)
 {
-    vx::Pipeline &p = *pipeline;
-    int err = avcodec_send_packet(p.decoder.get(), packet);
+    vx::Lane &lane = *pipeline->lanes[l];
+    LaneWork &w = work[l];
+    int err = avcodec_send_packet(lane.decoder.get(), packet);
     if (err < 0 && err != AVERROR(EAGAIN) && err != AVERROR_EOF && err != AVERROR_INVALIDDATA)
         return false;
-    while ((err = avcodec_receive_frame(p.decoder.get(), decoded)) >= 0 || err == AVERROR_INVALIDDATA) {
+    while ((err = avcodec_receive_frame(lane.decoder.get(), decoded)) >= 0 || err == AVERROR_INVALIDDATA) {
         if (err < 0)
             continue;
         decoded->pts = decoded->best_effort_timestamp;
-        if (p.matchesSource(decoded)) {
-            err = av_buffersrc_add_frame_flags(p.source, decoded, 0);
-        } else if (conformFrame(decoded)) {
-            err = av_buffersrc_add_frame_flags(p.source, conformed.get(), 0);
+        if (w.meter && !w.meter->add(decoded)) {
+            fail(QStringLiteral("cannot measure audio stream %1").arg(lane.inIndex));
+            return false;
+        }
+        if (lane.matchesSource(decoded)) {
+            err = av_buffersrc_add_frame_flags(lane.source, decoded, 0);
+        } else if (conformFrame(lane, w, decoded)) {
+            err = av_buffersrc_add_frame_flags(lane.source, w.conformed.get(), 0);
         } else {
             fail(QStringLiteral("cannot convert a frame whose format changed mid-stream"));
             return false;
         }
         av_frame_unref(decoded);
-        if (err < 0 || !drainGraph(filtered, false))
+        if (err < 0 || !drainGraph(l, filtered, false))
             return false;
     }
     return err == AVERROR(EAGAIN) || err == AVERROR_EOF;
 }
 
-bool VXTranscoding::Private::drainGraph(AVFrame *filtered, bool atEnd)
+bool VXTranscoding::Private::drainGraph(size_t l, AVFrame *filtered, bool atEnd)
 {
     int err = 0;
-    while ((err = av_buffersink_get_frame(pipeline->sink, filtered)) >= 0) {
-        if (clampForEncoder)
+    while ((err = av_buffersink_get_frame(pipeline->lanes[l]->sink, filtered)) >= 0) {
+        if (work[l].clamp)
             clampFrame(filtered);
         vx::WorkItem item;
         item.frame = vx::makeFrame();
+        item.lane = int(l);
         av_frame_move_ref(item.frame.get(), filtered);
         if (!queue.push(std::move(item)))
             return false;
@@ -384,23 +469,23 @@ bool VXTranscoding::Private::drainGraph(AVFrame *filtered, bool atEnd)
 
 // The tail a rate change leaves inside the converter (a few samples) is
 // dropped when the format switches back; the stream stays continuous.
-bool VXTranscoding::Private::conformFrame(AVFrame *decoded)
+bool VXTranscoding::Private::conformFrame(vx::Lane &lane, LaneWork &w, AVFrame *decoded)
 {
-    vx::Pipeline &p = *pipeline;
-    if (!conform)
-        conform.reset(swr_alloc());
-    if (!conform || !conformed)
+    if (!w.conform)
+        w.conform.reset(swr_alloc());
+    if (!w.conform || !w.conformed)
         return false;
-    av_frame_unref(conformed.get());
-    conformed->format = p.sourceFormat;
-    conformed->sample_rate = p.sourceRate;
-    if (av_channel_layout_copy(&conformed->ch_layout, &p.sourceLayout) < 0)
+    AVFrame *conformed = w.conformed.get();
+    av_frame_unref(conformed);
+    conformed->format = lane.sourceFormat;
+    conformed->sample_rate = lane.sourceRate;
+    if (av_channel_layout_copy(&conformed->ch_layout, &lane.sourceLayout) < 0)
         return false;
-    int err = swr_convert_frame(conform.get(), conformed.get(), decoded);
+    int err = swr_convert_frame(w.conform.get(), conformed, decoded);
     if (err == AVERROR_INPUT_CHANGED || err == AVERROR_OUTPUT_CHANGED) {
-        if (swr_config_frame(conform.get(), conformed.get(), decoded) < 0)
+        if (swr_config_frame(w.conform.get(), conformed, decoded) < 0)
             return false;
-        err = swr_convert_frame(conform.get(), conformed.get(), decoded);
+        err = swr_convert_frame(w.conform.get(), conformed, decoded);
     }
     conformed->pts = decoded->pts;
     return err >= 0;
@@ -416,11 +501,6 @@ void VXTranscoding::Private::writeAll()
         fail(QStringLiteral("writing the header: %1").arg(vx::errorString(err)));
         return;
     }
-    // Audio timestamps count samples from the first frame's time, so gaps or
-    // jitter in the source never reach the encoder.
-    const AVRational sinkBase = av_buffersink_get_time_base(p.sink);
-    int64_t basePts = AV_NOPTS_VALUE;
-    int64_t samples = 0;
     vx::WorkItem item;
     while (queue.pop(&item)) {
         if (item.packet) {
@@ -428,20 +508,29 @@ void VXTranscoding::Private::writeAll()
                 return fail(QStringLiteral("muxing: %1").arg(vx::errorString(err)));
             continue;
         }
+        // Audio timestamps count samples from the first frame's time, so
+        // gaps or jitter in the source never reach the encoder.
+        const size_t l = size_t(item.lane);
+        const vx::Lane &lane = *p.lanes[l];
+        LaneWork &w = work[l];
         AVFrame *frame = item.frame.get();
-        if (basePts == AV_NOPTS_VALUE)
-            basePts = frame->pts == AV_NOPTS_VALUE ? 0 : av_rescale_q(frame->pts, sinkBase, p.encoder->time_base);
-        frame->pts = basePts + samples;
-        samples += frame->nb_samples;
-        if (!encode(frame, packet.get()))
+        if (w.basePts == AV_NOPTS_VALUE)
+            w.basePts = frame->pts == AV_NOPTS_VALUE
+                ? 0
+                : av_rescale_q(frame->pts, av_buffersink_get_time_base(lane.sink), lane.encoder->time_base);
+        frame->pts = w.basePts + w.samples;
+        w.samples += frame->nb_samples;
+        if (!encode(l, frame, packet.get()))
             return;
-        report(frame->pts);
+        if (l == 0)
+            report(frame->pts);
         item = {};
     }
     if (stopping())
         return;
-    if (!encode(nullptr, packet.get()))
-        return;
+    for (size_t l = 0; l < p.lanes.size(); ++l)
+        if (!encode(l, nullptr, packet.get()))
+            return;
     if ((err = av_write_trailer(out)) < 0)
         return fail(QStringLiteral("writing the trailer: %1").arg(vx::errorString(err)));
     // Closed before the end report: the receiver moves the file next.
@@ -451,18 +540,19 @@ void VXTranscoding::Private::writeAll()
         block(VXTranscodingStateProgress, 100);
 }
 
-bool VXTranscoding::Private::encode(AVFrame *frame, AVPacket *packet)
+bool VXTranscoding::Private::encode(size_t l, AVFrame *frame, AVPacket *packet)
 {
     vx::Pipeline &p = *pipeline;
-    int err = avcodec_send_frame(p.encoder.get(), frame);
+    const vx::Lane &lane = *p.lanes[l];
+    int err = avcodec_send_frame(lane.encoder.get(), frame);
     if (err < 0) {
         fail(QStringLiteral("encoding: %1").arg(vx::errorString(err)));
         return false;
     }
-    const AVRational streamBase = p.output->streams[p.outAudioIndex]->time_base;
-    while ((err = avcodec_receive_packet(p.encoder.get(), packet)) >= 0) {
-        packet->stream_index = p.outAudioIndex;
-        av_packet_rescale_ts(packet, p.encoder->time_base, streamBase);
+    const AVRational streamBase = p.output->streams[lane.outIndex]->time_base;
+    while ((err = avcodec_receive_packet(lane.encoder.get(), packet)) >= 0) {
+        packet->stream_index = lane.outIndex;
+        av_packet_rescale_ts(packet, lane.encoder->time_base, streamBase);
         if ((err = av_interleaved_write_frame(p.output.get(), packet)) < 0) {
             fail(QStringLiteral("muxing: %1").arg(vx::errorString(err)));
             return false;
@@ -480,7 +570,7 @@ void VXTranscoding::Private::report(int64_t ptsInEncoderBase)
     const vx::Pipeline &p = *pipeline;
     if (p.durationUs <= 0 || !block)
         return;
-    const int64_t doneUs = av_rescale_q(ptsInEncoderBase, p.encoder->time_base, AVRational{1, AV_TIME_BASE});
+    const int64_t doneUs = av_rescale_q(ptsInEncoderBase, p.lanes.front()->encoder->time_base, AVRational{1, AV_TIME_BASE});
     const int64_t startUs = p.input->start_time == AV_NOPTS_VALUE ? 0 : p.input->start_time;
     // 99 at most until the file is complete: 100 means written.
     const int percent = int(std::clamp<int64_t>((doneUs - startUs) * 100 / p.durationUs, 0, 99));

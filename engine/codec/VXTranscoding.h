@@ -5,6 +5,7 @@
 #include <QString>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 
 class VXFilter;
@@ -34,6 +35,15 @@ public:
     ~VXTranscoding();
 
     void addAudioFilter(std::shared_ptr<VXFilter> filter);
+    // A file's further audio streams (by input stream index) are copied as
+    // they are unless given filters of their own here, or measured: then
+    // each is decoded, filtered and encoded again on its own. The output's
+    // streams keep the input's order and dispositions either way.
+    void addStreamFilter(int streamIndex, std::shared_ptr<VXFilter> filter);
+    // Measures each further audio stream as it is decoded (loudness, range
+    // and true peak); otherAudioLoudness() has the figures after the end report.
+    void setMeasuresOtherAudio();
+    std::map<int, VXLoudness> otherAudioLoudness() const;
     // Starts the work on threads of its own and returns at once. Progress is
     // monotonic, at most about one report per percent, and exactly one end
     // report follows, after which nothing more is reported.

@@ -13,6 +13,7 @@ namespace vx {
 
 struct WorkItem {
     FramePtr frame;
+    int lane = 0;  // the frame's audio stream
     PacketPtr packet;
 };
 

@@ -283,12 +283,17 @@ WorkerRun::Outcome WorkerRun::run(const Handlers &handlers)
             break;
         case 'L': VXLog(QString::fromUtf8(rest)); break;
         case 'R': out.reason = QString::fromUtf8(rest); break;
-        case 'M': {
-            const QList<QByteArray> v = rest.split(' ');
+        case 'M':
+        case 'S': {
+            // "M I TP LRA": the output; "S index I TP LRA": a further stream.
+            QList<QByteArray> v = rest.split(' ');
+            VXLoudness *l = &out.loudness;
+            if (line[0] == 'S' && v.size() == 4)
+                l = &out.streams[v.takeFirst().toInt()];
             if (v.size() == 3) {
-                out.loudness.integrated = v[0].toDouble();
-                out.loudness.truePeak = v[1].toDouble();
-                out.loudness.range = v[2].toDouble();
+                l->integrated = v[0].toDouble();
+                l->truePeak = v[1].toDouble();
+                l->range = v[2].toDouble();
             }
             break;
         }

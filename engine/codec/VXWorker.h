@@ -14,6 +14,7 @@
 #include <QStringList>
 #include <atomic>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <sys/types.h>
 
@@ -42,6 +43,7 @@ public:
         bool cancelled = false;
         QString reason;  // why it failed, in words, when it did
         VXLoudness loudness;
+        std::map<int, VXLoudness> streams;  // further audio streams, by index
     };
 
     explicit WorkerRun(QStringList arguments, double cpuSeconds);

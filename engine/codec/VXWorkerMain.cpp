@@ -58,18 +58,25 @@ int transcode(Channel &channel, const QStringList &args)
 {
     if (args.size() < 2)
         return 2;
-    std::vector<std::shared_ptr<VXFilter>> filters;
+    // Filters with their stream (-1: the main one), in the order given.
+    std::vector<std::pair<int, std::shared_ptr<VXFilter>>> filters;
     int measure = -1;
+    bool measureStreams = false;
+    int stream = -1;
     for (qsizetype i = 2; i + 1 < args.size(); i += 2) {
         if (args[i] == QLatin1String("--measure")) {
             measure = args[i + 1].toInt();
+        } else if (args[i] == QLatin1String("--measure-streams")) {
+            measureStreams = true;
+        } else if (args[i] == QLatin1String("--stream")) {
+            stream = args[i + 1].toInt();
         } else if (args[i] == QLatin1String("--filter")) {
-            filters.push_back(VXFilter::filterWithName(args[i + 1]));
-            if (!filters.back())
+            filters.emplace_back(stream, VXFilter::filterWithName(args[i + 1]));
+            if (!filters.back().second)
                 return 2;
         } else if (args[i] == QLatin1String("--attr") && !filters.empty()) {
             const qsizetype eq = args[i + 1].indexOf(QLatin1Char('='));
-            filters.back()->setValue(args[i + 1].mid(eq + 1), args[i + 1].left(eq));
+            filters.back().second->setValue(args[i + 1].mid(eq + 1), args[i + 1].left(eq));
         }
     }
     QString why;
@@ -83,10 +90,12 @@ int transcode(Channel &channel, const QStringList &args)
     const rlim_t seconds = rlim_t(120 + 2 * t->inputDuration() / 1000000);
     const rlimit cpu{seconds, seconds + 5};
     setrlimit(RLIMIT_CPU, &cpu);
-    for (const auto &f : filters)
-        t->addAudioFilter(f);
+    for (const auto &[index, f] : filters)
+        index < 0 ? t->addAudioFilter(f) : t->addStreamFilter(index, f);
     if (measure >= 0)
         t->setMeasuresOutput(measure == 1);
+    if (measureStreams)
+        t->setMeasuresOtherAudio();
     QSemaphore ended;
     int64_t result = VXTranscodingFailed;
     t->transcodingWithBlock([&](int32_t state, int64_t value) {
@@ -100,12 +109,20 @@ int transcode(Channel &channel, const QStringList &args)
     ended.acquire();
     why = t->failureReason();
     const VXLoudness l = t->outputLoudness();
+    const std::map<int, VXLoudness> others = t->otherAudioLoudness();
     t.reset();  // the filters print their records now
+    auto figures = [](const VXLoudness &l) {
+        return QByteArray::number(l.integrated, 'g', 17) + ' ' + QByteArray::number(l.truePeak, 'g', 17) + ' '
+            + QByteArray::number(l.range, 'g', 17);
+    };
     if (result == VXTranscodingCompleted && l.measured())
-        channel.send("M " + QByteArray::number(l.integrated, 'g', 17) + ' ' + QByteArray::number(l.truePeak, 'g', 17)
-                     + ' ' + QByteArray::number(l.range, 'g', 17));
+        channel.send("M " + figures(l));
+    for (const auto &[index, loudness] : others)
+        channel.send("S " + QByteArray::number(index) + ' ' + figures(loudness));
     for (size_t i = 0; i < filters.size(); ++i) {
-        const QByteArray printOut = VXFilterAccess::logState(*filters[i])->takePending();
+        if (filters[i].first >= 0)
+            continue;  // only the main stream's print-outs are read
+        const QByteArray printOut = VXFilterAccess::logState(*filters[i].second)->takePending();
         channel.send("F " + QByteArray::number(qulonglong(i)) + ' ' + QByteArray::number(printOut.size()), printOut);
     }
     if (!why.isEmpty())

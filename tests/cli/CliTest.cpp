@@ -260,6 +260,36 @@ TEST(CliRun, EachFileOnceWhateverItsSpelling)
     EXPECT_TRUE(none.err.contains("no audio files")) << none.err.toStdString();
 }
 
+// A film with a commentary track: each audio stream reaches the target on
+// its own, and the streams keep their order, dispositions and languages.
+TEST(CliRun, EveryAudioStreamIsNormalisedInPlace)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    const QString in = tmp.filePath("film.mp4");
+    ASSERT_TRUE(fixtures::run("ffmpeg", {"-v", "error", "-f", "lavfi", "-i", "testsrc=size=64x48:rate=10:duration=6",
+                                         "-f", "lavfi", "-i", "sine=f=440:d=6,volume=-12dB", "-f", "lavfi", "-i",
+                                         "sine=f=660:d=6,volume=-32dB", "-map", "0", "-map", "1", "-map", "2",
+                                         "-c:v", "libx264", "-c:a", "aac", "-disposition:a:0", "0",
+                                         "-disposition:a:1", "default", "-metadata:s:a:1", "language=deu", in}));
+    auto streams = [](const QString &path) {
+        QString out;
+        fixtures::run("ffprobe", {"-v", "error", "-show_entries",
+                                  "stream=codec_type:stream_disposition=default:stream_tags=language",
+                                  "-of", "compact", path}, &out);
+        return out;
+    };
+    const QString out = tmp.filePath("out");
+    const CliRunResult r = runCli({"--lufs", "-20", "--json", "-o", out, in});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const QJsonObject o = QJsonDocument::fromJson(r.out.toUtf8()).array().at(0).toObject();
+    EXPECT_EQ(o["other_audio_streams"].toArray().size(), 1) << r.out.toStdString();
+    const QString result = out + "/film.mp4";
+    EXPECT_EQ(streams(result), streams(in));
+    for (int stream : {0, 1})
+        EXPECT_NEAR(fixtures::measureLoudness(result, stream).integrated, -20.0, 0.5) << stream;
+}
+
 // A disk that fills up on one file fails that file with the reason, and
 // frees what it took: the files after it, on the same disk, still succeed.
 TEST(CliRun, FullDiskFailsOnlyTheFileThatFilledIt)

@@ -211,10 +211,10 @@ QString makeFormat(const QString &dir, const QString &variant, double seconds)
     return run(ffmpeg(), args) ? path : QString();
 }
 
-Loudness measureLoudness(const QString &path)
+Loudness measureLoudness(const QString &path, int audioStream)
 {
     QString out;
-    const QStringList args = {"-nostdin", "-hide_banner", "-nostats", "-i", path, "-map", "0:a:0",
+    const QStringList args = {"-nostdin", "-hide_banner", "-nostats", "-i", path, "-map", QStringLiteral("0:a:%1").arg(audioStream),
                               "-af", "ebur128=peak=true", "-f", "null", "-"};
     Loudness result;
     if (!run(ffmpeg(), args, &out))

@@ -58,7 +58,7 @@ struct Loudness {
     double range = 0;      // LU
     double truePeak = 0;   // dBTP
 };
-// Measures the first audio stream with FFmpeg's ebur128 scanner.
-Loudness measureLoudness(const QString &path);
+// Measures an audio stream (the first by default) with FFmpeg's ebur128 scanner.
+Loudness measureLoudness(const QString &path, int audioStream = 0);
 
 } // namespace fixtures
