@@ -140,7 +140,8 @@ public:
     static QThreadPool *jobPool();
     // For shutdown: releases every report waiting for the main thread (and
     // refuses later ones), cancels every running job and waits up to msecs
-    // for the pool to drain. True when no job is left. Main thread only.
+    // for the pool to drain, and beyond that for jobs still placing their
+    // result. True when no job is left. Main thread only.
     static bool cancelAllJobsAndWait(int msecs);
 
     // Output placement.

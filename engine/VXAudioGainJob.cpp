@@ -42,6 +42,9 @@ struct Shared {
     // Items whose job has been submitted and has not ended, for shutdown.
     QMutex jobsLock;
     QHash<VXAudioGain *, std::weak_ptr<VXAudioGain>> jobs;
+    // Jobs putting their result in place right now: a cancel does not stop
+    // that, and shutdown waits for them.
+    std::atomic<int> placing{0};
 };
 
 // Never destroyed: a job thread may still be leaving these when an
@@ -151,7 +154,12 @@ bool VXAudioGain::cancelAllJobsAndWait(int msecs)
     for (const auto &item : std::as_const(running))
         item->cancelGain();
     running.clear();
-    return jobPool()->waitForDone(msecs);
+    bool done = jobPool()->waitForDone(msecs);
+    // A placement half done would leave a file half moved (a copy across
+    // file systems can take a while): those are waited for, however long.
+    while (!done && shared().placing.load() > 0)
+        done = jobPool()->waitForDone(100);
+    return done;
 }
 
 void VXAudioGain::sendMessage(qint32 state, qint64 retCode, const VXGainBlock &block)
@@ -431,5 +439,8 @@ qint64 VXAudioGain::verifyAndPlace(const VXGainResult &result, double expected)
 
 qint64 VXAudioGain::finishWithPlacement()
 {
-    return moveTempFileToFinalOut(tempOutFile()) ? 0 : -1;
+    ++shared().placing;
+    const bool placed = moveTempFileToFinalOut(tempOutFile());
+    --shared().placing;
+    return placed ? 0 : -1;
 }
