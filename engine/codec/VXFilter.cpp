@@ -8,13 +8,13 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <unistd.h>
 
 struct VXFilter::Private {
     QString name;
@@ -26,13 +26,30 @@ struct VXFilter::Private {
 
 namespace {
 
+// The logs live in a folder of this process's own, made by mkdtemp: its
+// name cannot be guessed and its mode is 0700, so no other user can plant a
+// link where a log will be written. Emptied as filters go; removed at exit.
+struct LogFolder {
+    QByteArray path;
+    LogFolder()
+    {
+        QByteArray pattern = QFile::encodeName(QDir::tempPath()) + "/evenloud-log-XXXXXX";
+        if (::mkdtemp(pattern.data()))
+            path = pattern;
+    }
+    ~LogFolder()
+    {
+        if (!path.isEmpty())
+            ::rmdir(path.constData());
+    }
+};
+
 QString freshLogPath()
 {
+    static LogFolder folder;
     static std::atomic<quint64> counter{0};
-    return QDir(QDir::tempPath())
-        .filePath(QStringLiteral("evenloud-log-%1-%2.log")
-                      .arg(QCoreApplication::applicationPid())
-                      .arg(counter.fetch_add(1) + 1));
+    const QString dir = folder.path.isEmpty() ? QDir::tempPath() : QFile::decodeName(folder.path);
+    return QDir(dir).filePath(QStringLiteral("filter-%1.log").arg(counter.fetch_add(1) + 1));
 }
 
 // Option strings for libav: floats with enough digits to round-trip, bools

@@ -11,6 +11,8 @@ extern "C" {
 }
 
 #include <QFile>
+#include <fcntl.h>
+#include <unistd.h>
 #include <chrono>
 #include <cstdarg>
 #include <unordered_map>
@@ -152,9 +154,15 @@ bool VXFilterLogState::redirect(const QString &path)
     std::lock_guard<std::mutex> guard(lock);
     if (sink)
         std::fclose(sink);
-    sink = std::fopen(QFile::encodeName(path).constData(), "wb");
-    if (!sink)
+    // A link at the path is never followed, whoever put it there.
+    const int fd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                          0600);
+    sink = fd >= 0 ? ::fdopen(fd, "wb") : nullptr;
+    if (!sink) {
+        if (fd >= 0)
+            ::close(fd);
         return false;
+    }
     std::fwrite(pending.constData(), 1, size_t(pending.size()), sink);
     pending.clear();
     return true;

@@ -108,6 +108,20 @@ TEST(Loudnorm, EightConcurrentRecordsStayApart)
         EXPECT_NE(logs[size_t(i)], logs[size_t((i + 1) % kJobs)]);
         EXPECT_FALSE(QFile::exists(logs[size_t(i)])) << "a filter's log goes with it";
     }
+
+    // The logs' folder is this process's own, and a link planted at a log's
+    // name is not followed.
+    auto filter = measuringFilter(-23.0f);
+    const QFileInfo folder(QFileInfo(filter->logFile()).path());
+    EXPECT_EQ(folder.permissions() & 0x0077, 0) << folder.filePath().toStdString();
+    const QString victim = QDir(scratchDir()).filePath("victim.txt");
+    QFile file(victim);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write("keep") == 4);
+    file.close();
+    ASSERT_TRUE(QFile::link(victim, filter->logFile()));
+    filter->redirectStdErrToFile(filter->logFile());
+    filter->cancelRedirectStdErr();
+    EXPECT_EQ(QFileInfo(victim).size(), 4);
 }
 
 // Silence measures "-inf"; a second pass with that must not boost noise or
