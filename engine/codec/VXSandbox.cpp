@@ -1,0 +1,127 @@
+#include "engine/codec/VXSandbox.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/landlock.h>
+#include <seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+// Newer than Debian 12's kernel headers; the kernel says which it knows.
+#ifndef LANDLOCK_ACCESS_FS_TRUNCATE
+#define LANDLOCK_ACCESS_FS_TRUNCATE (1ULL << 14)
+#endif
+
+namespace vx {
+namespace {
+
+QString errnoText() { return QString::fromLocal8Bit(std::strerror(errno)); }
+
+// Calls a codec run has no use for: the way out for a process taken over by
+// a crafted file. Any of them kills the process (SIGSYS), which fails the file.
+bool denyEscapes(QString *why)
+{
+    scmp_filter_ctx ctx = seccomp_init(SCMP_ACT_ALLOW);
+    if (!ctx) {
+        *why = QStringLiteral("seccomp unavailable");
+        return false;
+    }
+    static const char *const denied[] = {
+        "socket", "socketpair", "connect", "bind", "listen", "accept", "accept4", "sendto", "sendmmsg",
+        "execve", "execveat", "ptrace", "process_vm_readv", "process_vm_writev", "mount", "umount2",
+        "pivot_root", "chroot", "unshare", "setns", "bpf", "perf_event_open", "userfaultfd", "keyctl",
+        "add_key", "request_key", "init_module", "finit_module", "kexec_load", "io_uring_setup",
+    };
+    int err = 0;
+    for (const char *name : denied) {
+        const int nr = seccomp_syscall_resolve_name(name);
+        if (nr != __NR_SCMP_ERROR && (err = seccomp_rule_add(ctx, SCMP_ACT_KILL_PROCESS, nr, 0)) < 0)
+            break;
+    }
+    if (err >= 0)
+        err = seccomp_load(ctx);
+    seccomp_release(ctx);
+    if (err < 0) {
+        *why = QStringLiteral("seccomp: %1").arg(QString::fromLocal8Bit(std::strerror(-err)));
+        return false;
+    }
+    return true;
+}
+
+int landlockAbi()
+{
+    const long abi = ::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+    return abi < 0 ? 0 : int(abi);
+}
+
+// Every file-system action the kernel can police is handled, so whatever
+// is not granted below is refused: other files, new files, folders.
+bool limitFiles(const SandboxGrant &grant, int abi, QString *why)
+{
+    landlock_ruleset_attr attr{};
+    attr.handled_access_fs = (LANDLOCK_ACCESS_FS_MAKE_SYM << 1) - 1;
+    if (abi >= 2)
+        attr.handled_access_fs |= LANDLOCK_ACCESS_FS_REFER;
+    if (abi >= 3)
+        attr.handled_access_fs |= LANDLOCK_ACCESS_FS_TRUNCATE;
+    const int ruleset = int(::syscall(SYS_landlock_create_ruleset, &attr, sizeof attr, 0));
+    if (ruleset < 0) {
+        *why = QStringLiteral("landlock: %1").arg(errnoText());
+        return false;
+    }
+    auto allow = [&](const QString &path, __u64 access) {
+        const int fd = ::open(QFile::encodeName(path).constData(), O_PATH | O_CLOEXEC);
+        if (fd < 0)
+            return true;  // nothing there to allow; the run fails on its own
+        landlock_path_beneath_attr rule{access & attr.handled_access_fs, fd};
+        const long r = ::syscall(SYS_landlock_add_rule, ruleset, LANDLOCK_RULE_PATH_BENEATH, &rule, 0);
+        ::close(fd);
+        return r == 0;
+    };
+    bool ok = true;
+    for (const QString &path : grant.readable)
+        ok = ok && allow(path, LANDLOCK_ACCESS_FS_READ_FILE);
+    for (const QString &path : grant.writable)
+        ok = ok && allow(path, LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_WRITE_FILE | LANDLOCK_ACCESS_FS_TRUNCATE);
+    ok = ok && ::syscall(SYS_landlock_restrict_self, ruleset, 0) == 0;
+    if (!ok)
+        *why = QStringLiteral("landlock: %1").arg(errnoText());
+    ::close(ruleset);
+    return ok;
+}
+
+} // namespace
+
+bool enterSandbox(const SandboxGrant &grant, QString *note)
+{
+    QString why;
+    QStringList missing;
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+        if (note)
+            *note = QStringLiteral("no_new_privs: %1").arg(errnoText());
+        return false;
+    }
+    if (!denyEscapes(&why)) {
+        if (note)
+            *note = why;
+        return false;
+    }
+    if (const int abi = landlockAbi(); abi > 0) {
+        if (!limitFiles(grant, abi, &why)) {
+            if (note)
+                *note = why;
+            return false;
+        }
+    } else {
+        missing << QStringLiteral("Landlock (file access is not limited)");
+    }
+    if (note)
+        *note = missing.join(QStringLiteral(", "));
+    return true;
+}
+
+} // namespace vx
