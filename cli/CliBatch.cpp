@@ -78,6 +78,10 @@ void CliBatch::onReport(int index, qint32 state, qint64 retCode)
         r.reason = gain.reason.isEmpty() ? QStringLiteral("failed") : gain.reason;
     switch (retCode) {
     case 0:
+        if (gain.skipped) {
+            r.outcome = CliOutcome::Skipped;
+            break;
+        }
         r.outcome = gain.normalization == VXNormalizationName(VXNormalization::OnePass) ? CliOutcome::OnePass
                                                                                          : CliOutcome::Ok;
         r.output = item->replaceOriginalFile() ? item->inputFile() : item->outPathFile();

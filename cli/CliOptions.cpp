@@ -1,11 +1,13 @@
 #include "cli/CliOptions.h"
 
 #include "engine/VXImport.h"
+#include "engine/VXLoudnessScale.h"
 #include "engine/codec/VXCodecConstants.h"
 
 #include <QCommandLineParser>
 #include <QDir>
 #include <QFileInfo>
+#include <QRegularExpression>
 
 #include <algorithm>
 #include <cmath>
@@ -42,9 +44,12 @@ QString wrapped(const QString &text, int width, int indent)
 QString helpText(const QList<QCommandLineOption> &options)
 {
     QString text;
-    text += QStringLiteral("Usage: %1 [--target POS | --lufs LUFS] [--true-peak DBTP] [--limit-peaks]\n"
+    text += QStringLiteral("Usage: %1 [--target POS | --lufs LUFS | --preset NAME] [--true-peak DBTP]\n"
+                           "                    [--limit-peaks] [--quick] [--skip-within LU] [--plot DIR]\n"
                            "                    (--output-folder DIR | --replace [--preserve-mtime])\n"
-                           "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n")
+                           "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n"
+                           "       %1 --analyze [--target POS | --lufs LUFS | --preset NAME] [--plot DIR]\n"
+                           "                    [--json] FILE|DIR...\n")
                 .arg(kProgram);
     text += QStringLiteral(
         "Bring audio and video files to one loudness: each file is measured, then\n"
@@ -72,6 +77,16 @@ QString helpText(const QList<QCommandLineOption> &options)
         "file otherwise); the results table, or JSON with --json, to standard output.\n"
         "Ctrl-C cancels cleanly: nothing partial is left and no original is touched;\n"
         "a second Ctrl-C quits at once.\n");
+    text += QStringLiteral("\nPresets (--preset NAME):\n");
+    for (const VXPreset &p : kVXPresets) {
+        QString line = QStringLiteral("%1 LUFS").arg(double(p.lufs), 0, 'f', 0);
+        if (!std::isnan(p.truePeak))
+            line += QStringLiteral(", %1 dBTP").arg(double(p.truePeak), 0, 'f', 0);
+        text += QStringLiteral("  %1  %2  %3\n")
+                    .arg(QString::fromLatin1(p.name.data(), qsizetype(p.name.size())), -10)
+                    .arg(line, -20)
+                    .arg(QString::fromLatin1(p.title.data(), qsizetype(p.title.size())));
+    }
     text += QStringLiteral("\nExit status:\n"
                            "  0    all files succeeded\n"
                            "  1    some file failed, was refused or is missing, or none was found\n"
@@ -80,7 +95,9 @@ QString helpText(const QList<QCommandLineOption> &options)
     text += QStringLiteral("\nExamples:\n"
                            "  %1 --lufs -16 --output-folder out/ --recursive music/\n"
                            "  %1 --replace --json podcast.mp3\n"
-                           "  %1 --lufs -14 --true-peak -1 --limit-peaks -o out/ album/\n")
+                           "  %1 --lufs -14 --true-peak -1 --limit-peaks -o out/ album/\n"
+                           "  %1 --analyze --preset podcast --plot plots/ episode.wav\n"
+                           "  %1 --quick --skip-within 0.5 --replace --recursive library/\n")
                 .arg(kProgram);
     return text;
 }
@@ -96,32 +113,20 @@ std::optional<double> parseNumber(const QString &text)
 
 } // namespace
 
-float lufsForPosition(float position)
-{
-    const float d = VXMaxIntegratedLoudnessTarget - VXMinIntegratedLoudnessTarget;
-    return (position * d) / 100.0f + VXMinIntegratedLoudnessTarget;
-}
-
-std::optional<float> positionForLufs(double lufs)
-{
-    if (!(lufs >= VXMinIntegratedLoudnessTarget && lufs <= VXMaxIntegratedLoudnessTarget))
-        return std::nullopt;
-    const double d = double(VXMaxIntegratedLoudnessTarget) - double(VXMinIntegratedLoudnessTarget);
-    const float position = float(std::clamp((lufs - VXMinIntegratedLoudnessTarget) * 100.0 / d, 0.0, 100.0));
-    if (std::fabs(double(lufsForPosition(position)) - lufs) > 0.01)
-        return std::nullopt;
-    return position;
-}
-
 CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
 {
     const QCommandLineOption target({QStringLiteral("t"), QStringLiteral("target")},
-                                    QStringLiteral("target position 0-100 on the -70..-5 LUFS scale "
-                                                   "(default 70.77, i.e. -24 LUFS)"),
+                                    QStringLiteral("target as the app's 0-100 position on the -70..-5 LUFS "
+                                                   "scale (default 70.77, i.e. -24 LUFS); for a level in "
+                                                   "LUFS use --lufs"),
                                     QStringLiteral("POS"));
     const QCommandLineOption lufs({QStringLiteral("l"), QStringLiteral("lufs")},
                                   QStringLiteral("target loudness in LUFS, -70 to -5"),
                                   QStringLiteral("LUFS"));
+    const QCommandLineOption preset(QStringLiteral("preset"),
+                                    QStringLiteral("target (and ceiling) of a standard: ebu, atsc, streaming, "
+                                                   "podcast or replaygain (see below)"),
+                                    QStringLiteral("NAME"));
     const QCommandLineOption truePeak(QStringLiteral("true-peak"),
                                       QStringLiteral("true-peak ceiling in dBTP, -9 to 0 (default -2); a gain "
                                                      "that would push peaks past it stops there"),
@@ -129,6 +134,21 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
     const QCommandLineOption limitPeaks(QStringLiteral("limit-peaks"),
                                         QStringLiteral("reach the target anyway, holding the peaks under the "
                                                        "ceiling with a true-peak limiter"));
+    const QCommandLineOption analyze(QStringLiteral("analyze"),
+                                     QStringLiteral("measure and report only (loudness, true peak, range, maximum "
+                                                    "short-term and momentary loudness, the gain the target "
+                                                    "would take); writes no audio"));
+    const QCommandLineOption quick(QStringLiteral("quick"),
+                                   QStringLiteral("measure with an EBU R128 meter at each file's own rate instead "
+                                                  "of loudnorm at 192 kHz: faster, within 0.2 LU of it"));
+    const QCommandLineOption skipWithin(QStringLiteral("skip-within"),
+                                        QStringLiteral("leave files already within LU of the target untouched "
+                                                       "and report them as skipped"),
+                                        QStringLiteral("LU"));
+    const QCommandLineOption plot(QStringLiteral("plot"),
+                                  QStringLiteral("write a picture of each file's loudness over time to "
+                                                 "DIR/<file name>.png (created if missing)"),
+                                  QStringLiteral("DIR"));
     const QCommandLineOption outFolder({QStringLiteral("o"), QStringLiteral("output-folder")},
                                        QStringLiteral("write results into DIR under free names "
                                                       "(created if missing)"),
@@ -149,8 +169,9 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
                                   QStringLiteral("show this help and exit"));
     const QCommandLineOption version({QStringLiteral("V"), QStringLiteral("version")},
                                      QStringLiteral("show the version and exit"));
-    const QList<QCommandLineOption> all = {target, lufs, truePeak, limitPeaks, outFolder, replace,
-                                           preserveMtime, recursive, jobs, json, help, version};
+    const QList<QCommandLineOption> all = {target, lufs, preset, truePeak, limitPeaks, analyze, quick,
+                                           skipWithin, plot, outFolder, replace, preserveMtime, recursive,
+                                           jobs, json, help, version};
 
     QCommandLineParser parser;
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsCompactedShortOptions);
@@ -175,13 +196,22 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
 
     CliOptions o;
     o.jobs = defaultJobs;
-    if (parser.isSet(target) && parser.isSet(lufs)) {
-        result.text = usageError(QStringLiteral("--target and --lufs are alternatives; give one"));
+    if (int(parser.isSet(target)) + int(parser.isSet(lufs)) + int(parser.isSet(preset)) > 1) {
+        result.text = usageError(QStringLiteral("--target, --lufs and --preset are alternatives; give one"));
         return result;
     }
     if (parser.isSet(target)) {
-        const auto v = parseNumber(parser.value(target));
-        if (!v || *v < 0.0 || *v > 100.0) {
+        const QString text = parser.value(target).trimmed();
+        const auto v = parseNumber(text);
+        // A level typed where the position goes would make a near-silent file.
+        if ((v && *v < 0.0) || text.contains(QRegularExpression(QStringLiteral("^-|lufs|lu$|db"),
+                                                                  QRegularExpression::CaseInsensitiveOption))) {
+            result.text = usageError(QStringLiteral("--target '%1' looks like a loudness in LUFS: --target takes "
+                                                    "the 0-100 position; give a level with --lufs")
+                                         .arg(parser.value(target)));
+            return result;
+        }
+        if (!v || *v < VXLoudnessScale::kMinPosition || *v > VXLoudnessScale::kMaxPosition) {
             result.text = usageError(QStringLiteral("invalid --target '%1': expected a number from 0 to 100")
                                          .arg(parser.value(target)));
             return result;
@@ -189,13 +219,23 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
         o.target = float(*v);
     } else if (parser.isSet(lufs)) {
         const auto v = parseNumber(parser.value(lufs));
-        const auto position = v ? positionForLufs(*v) : std::nullopt;
+        const auto position = v ? VXLoudnessScale::positionForLufs(*v) : std::nullopt;
         if (!position) {
             result.text = usageError(QStringLiteral("invalid --lufs '%1': expected a loudness from -70 to -5")
                                          .arg(parser.value(lufs)));
             return result;
         }
         o.target = *position;
+    } else if (parser.isSet(preset)) {
+        const VXPreset *p = VXPresetNamed(parser.value(preset).trimmed().toLower().toStdString());
+        if (!p) {
+            result.text = usageError(QStringLiteral("unknown --preset '%1': expected ebu, atsc, streaming, podcast "
+                                                    "or replaygain").arg(parser.value(preset)));
+            return result;
+        }
+        o.target = *VXLoudnessScale::positionForLufs(p->lufs);
+        if (!std::isnan(p->truePeak))
+            o.truePeak = p->truePeak;  // an explicit --true-peak still wins, below
     }
     if (parser.isSet(truePeak)) {
         const auto v = parseNumber(parser.value(truePeak));
@@ -216,8 +256,31 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
             return result;
         }
     }
+    if (parser.isSet(skipWithin)) {
+        const auto v = parseNumber(parser.value(skipWithin));
+        if (!v || *v < 0.0 || *v > 20.0) {
+            result.text = usageError(QStringLiteral("invalid --skip-within '%1': expected a number of LU from 0 to 20")
+                                         .arg(parser.value(skipWithin)));
+            return result;
+        }
+        o.skipWithin = *v;
+    }
+    if (parser.isSet(plot)) {
+        if (parser.value(plot).isEmpty()) {
+            result.text = usageError(QStringLiteral("--plot needs a folder"));
+            return result;
+        }
+        o.plotFolder = QDir::cleanPath(QFileInfo(parser.value(plot)).absoluteFilePath());
+    }
+    o.quick = parser.isSet(quick);
+    o.analyze = parser.isSet(analyze);
     o.replace = parser.isSet(replace);
     o.preserveMtime = parser.isSet(preserveMtime);
+    if (o.analyze && (o.replace || o.preserveMtime || parser.isSet(outFolder) || parser.isSet(skipWithin))) {
+        result.text = usageError(QStringLiteral("--analyze writes nothing: --output-folder, --replace, "
+                                                "--preserve-mtime and --skip-within do not go with it"));
+        return result;
+    }
     if (o.preserveMtime && !o.replace) {
         result.text = usageError(QStringLiteral("--preserve-mtime goes with --replace"));
         return result;
@@ -232,7 +295,7 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
             return result;
         }
         o.outputFolder = QDir::cleanPath(QFileInfo(parser.value(outFolder)).absoluteFilePath());
-    } else if (!o.replace) {
+    } else if (!o.replace && !o.analyze) {
         result.text = usageError(QStringLiteral(
             "no output folder: give --output-folder DIR, or --replace to overwrite the originals"));
         return result;

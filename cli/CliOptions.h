@@ -1,12 +1,15 @@
 #pragma once
 
+#include "engine/VXLoudnessScale.h"
+
 #include <QString>
 #include <QStringList>
+#include <cmath>
 #include <optional>
 
 // What the command line asked for, once checked.
 struct CliOptions {
-    float target = 70.77f;  // the 0..100 position the items take
+    float target = VXLoudnessScale::kDefaultPosition;  // the 0..100 position the items take
     QString outputFolder;   // absolute; empty with replace
     bool replace = false;
     bool recursive = false;
@@ -15,6 +18,10 @@ struct CliOptions {
     float truePeak = -2.0f; // dBTP ceiling, -9..0
     bool limitPeaks = false;
     bool preserveMtime = false;
+    bool analyze = false;   // measure and report only; nothing is written
+    bool quick = false;     // measure pass 1 at the file's own rate
+    double skipWithin = NAN; // LU; files this close to the target are left alone
+    QString plotFolder;     // absolute; empty for no pictures
     QStringList inputs;     // files and folders, as given
 };
 
@@ -27,9 +34,3 @@ struct CliParse {
 };
 
 CliParse parseCommandLine(const QStringList &arguments, int defaultJobs);
-
-// The 0..100 position whose filter target is lufs (-70..-5), or nothing when
-// lufs is out of range or the position would miss it by more than 0.01 LU.
-std::optional<float> positionForLufs(double lufs);
-// The filter target a position stands for, computed as the items compute it.
-float lufsForPosition(float position);

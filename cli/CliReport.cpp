@@ -4,6 +4,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -12,6 +13,8 @@ QString outcomeName(CliOutcome outcome)
     switch (outcome) {
     case CliOutcome::Ok: return QStringLiteral("ok");
     case CliOutcome::OnePass: return QStringLiteral("one-pass");
+    case CliOutcome::Skipped: return QStringLiteral("skipped");
+    case CliOutcome::Analyzed: return QStringLiteral("analyzed");
     case CliOutcome::Failed: return QStringLiteral("failed");
     case CliOutcome::Cancelled: return QStringLiteral("cancelled");
     case CliOutcome::Refused: return QStringLiteral("refused");
@@ -22,7 +25,8 @@ QString outcomeName(CliOutcome outcome)
 
 bool outcomeSucceeded(CliOutcome outcome)
 {
-    return outcome == CliOutcome::Ok || outcome == CliOutcome::OnePass;
+    return outcome == CliOutcome::Ok || outcome == CliOutcome::OnePass || outcome == CliOutcome::Skipped
+        || outcome == CliOutcome::Analyzed;
 }
 
 double measuredValue(const CliFileResult &r, const char *key)
@@ -53,7 +57,13 @@ QByteArray formatTable(const QList<CliFileResult> &results)
                                 QStringLiteral("LRA"),      QStringLiteral("GAIN dB"),  QStringLiteral("OUT LUFS"),
                                 QStringLiteral("dBTP"),     QStringLiteral("LRA"),      QStringLiteral("KIND"),
                                 QStringLiteral("TIME"),     QStringLiteral("FILE")};
+    // The maxima only where something measured them (--analyze, --plot).
+    const bool maxima = std::any_of(results.begin(), results.end(),
+                                    [](const CliFileResult &r) { return !std::isnan(r.maxShortTerm); });
     QList<QStringList> rows{header};
+    if (maxima)
+        rows.first() = rows.first().mid(0, 4) + QStringList{QStringLiteral("MAX S"), QStringLiteral("MAX M")}
+            + rows.first().mid(4);
     for (const CliFileResult &r : results) {
         QString file = r.input;
         if (!r.output.isEmpty() && r.output != r.input)
@@ -74,8 +84,12 @@ QByteArray formatTable(const QList<CliFileResult> &results)
                             r.normalization.isEmpty() ? QStringLiteral("-") : r.normalization,
                             ran ? QString::number(r.seconds, 'f', 1) + QLatin1Char('s') : QStringLiteral("-"),
                             file};
+        if (maxima)
+            rows.last() = rows.last().mid(0, 4) + QStringList{number(r.maxShortTerm), number(r.maxMomentary)}
+                + rows.last().mid(4);
     }
-    QList<qsizetype> widths(header.size(), 0);
+    const qsizetype kindColumn = maxima ? 10 : 8;
+    QList<qsizetype> widths(rows.first().size(), 0);
     for (const QStringList &row : rows)
         for (qsizetype c = 0; c < row.size(); ++c)
             widths[c] = std::max(widths[c], row[c].size());
@@ -86,7 +100,7 @@ QByteArray formatTable(const QList<CliFileResult> &results)
         for (qsizetype c = 0; c < row.size(); ++c) {
             if (c == row.size() - 1)
                 line += row[c];
-            else if (c == 0 || c == 8)
+            else if (c == 0 || c == kindColumn)
                 line += row[c].leftJustified(widths[c]) + QStringLiteral("  ");
             else // numbers line up on the right
                 line += row[c].rightJustified(widths[c]) + QStringLiteral("  ");
@@ -118,6 +132,8 @@ QByteArray formatJson(const QList<CliFileResult> &results)
         o[QStringLiteral("output_i")] = rounded(r.outputI);
         o[QStringLiteral("output_tp")] = rounded(r.outputTp);
         o[QStringLiteral("output_lra")] = rounded(r.outputLra);
+        o[QStringLiteral("max_short_term")] = rounded(r.maxShortTerm);
+        o[QStringLiteral("max_momentary")] = rounded(r.maxMomentary);
         o[QStringLiteral("normalization")] = r.normalization.isEmpty() ? QJsonValue() : QJsonValue(r.normalization);
         if (!r.otherStreams.isEmpty()) {
             QJsonArray streams;

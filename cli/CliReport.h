@@ -13,6 +13,8 @@
 enum class CliOutcome {
     Ok,        // measured and normalised with one linear gain
     OnePass,   // no usable measurement: the single-pass output was kept
+    Skipped,   // already within --skip-within of the target: left untouched
+    Analyzed,  // measured only (--analyze)
     Failed,    // the job failed; nothing was written
     Cancelled, // interrupted; nothing was written, the original is untouched
     Refused,   // the file could not be opened as audio
@@ -37,6 +39,8 @@ struct CliFileResult {
     double outputLra = NAN;
     QString normalization;
     QString warning;      // succeeded, with something to know (other hard links)
+    double maxShortTerm = NAN;  // LUFS, measured with --analyze or --plot
+    double maxMomentary = NAN;
     QList<VXGainResult::Stream> otherStreams;
 };
 

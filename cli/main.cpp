@@ -1,8 +1,10 @@
+#include "cli/CliAnalyze.h"
 #include "cli/CliBatch.h"
 #include "cli/CliOptions.h"
 #include "cli/CliProgress.h"
 #include "cli/CliReport.h"
 #include "cli/CliSignals.h"
+#include "engine/VXAnalysis.h"
 #include "engine/VXAudioGain.h"
 #include "engine/VXImport.h"
 #include "engine/codec/VXCodecConstants.h"
@@ -13,9 +15,12 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QGuiApplication>
 #include <QThreadPool>
 
 #include <cstdio>
+#include <cstring>
+#include <memory>
 #include <set>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,11 +62,28 @@ bool prepareOutputFolder(const QString &folder, QString *why)
     return true;
 }
 
+// Text on a picture needs fonts, which only a QGuiApplication has; the
+// offscreen platform gives one without a display. Without --plot the tool
+// stays a plain QCoreApplication.
+std::unique_ptr<QCoreApplication> makeApplication(int &argc, char **argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--") == 0)
+            break;
+        if (std::strcmp(argv[i], "--plot") == 0 || std::strncmp(argv[i], "--plot=", 7) == 0) {
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+            return std::make_unique<QGuiApplication>(argc, argv);
+        }
+    }
+    return std::make_unique<QCoreApplication>(argc, argv);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
-    QCoreApplication app(argc, argv);
+    const std::unique_ptr<QCoreApplication> application = makeApplication(argc, argv);
+    QCoreApplication &app = *application;
     QCoreApplication::setApplicationName(QStringLiteral("evenloud-cli"));
     // First thing: a signal that comes early is still a clean cancel.
     CliSignals signalWatcher;
@@ -76,7 +98,7 @@ int main(int argc, char *argv[])
     // A file that crashes a decoder fails alone; the batch goes on.
     vx::useWorkerProcess();
 
-    if (!opt.replace) {
+    if (!opt.replace && !opt.analyze) {
         QString why;
         if (!prepareOutputFolder(opt.outputFolder, &why)) {
             writeOut(stderr, QStringLiteral("evenloud-cli: output folder '%1': %2\n")
@@ -84,10 +106,18 @@ int main(int argc, char *argv[])
             return 1;
         }
     }
+    if (!opt.plotFolder.isEmpty()) {
+        QString why;
+        if (!prepareOutputFolder(opt.plotFolder, &why)) {
+            writeOut(stderr, QStringLiteral("evenloud-cli: picture folder '%1': %2\n")
+                                 .arg(opt.plotFolder, why).toLocal8Bit());
+            return 1;
+        }
+    }
 
     const bool terminal = isatty(STDERR_FILENO);
     QList<CliFileResult> results;
-    const float targetLufs = lufsForPosition(opt.target);
+    const float targetLufs = VXLoudnessScale::lufsForPosition(opt.target);
 
     auto say = [](const QString &line) { writeOut(stderr, (line + QLatin1Char('\n')).toLocal8Bit()); };
     for (const QString &path : opt.inputs) {
@@ -119,6 +149,11 @@ int main(int argc, char *argv[])
         CliFileResult r;
         r.input = file;
         r.targetLufs = targetLufs;
+        if (opt.analyze) {
+            r.outcome = CliOutcome::Analyzed;
+            results << r;
+            return;
+        }
         VXError error;
         VXAudioGainPtr item = VXAudioGain::initWithFile(file, opt.outputFolder, &error);
         if (!item) {
@@ -133,6 +168,8 @@ int main(int argc, char *argv[])
         item->setTruePeakCeiling(opt.truePeak);
         item->setLimitPeaks(opt.limitPeaks);
         item->setPreserveModificationTime(opt.preserveMtime);
+        item->setQuickMeasurement(opt.quick);
+        item->setSkipWithin(opt.skipWithin);
         item->setOutFolder(opt.replace ? QString() : opt.outputFolder);
         results << r;
         jobs << CliBatch::Job{item, int(results.size() - 1)};
@@ -145,6 +182,76 @@ int main(int argc, char *argv[])
         say(QStringLiteral("evenloud-cli: no audio files to process (supported: %1)")
                 .arg(VXImport::supportAudioGainExts().join(QStringLiteral(", "))));
         return 1;
+    }
+
+    // Pictures are drawn from the inputs as they are before any job runs
+    // (with --replace nothing else is left of them afterwards).
+    std::vector<VXLoudness> inputCurves(size_t(results.size()));
+    const bool plot = !opt.plotFolder.isEmpty();
+    const QMetaObject::Connection measuringSignals
+        = QObject::connect(&signalWatcher, &CliSignals::interrupted, &app, [&](int count) {
+              if (count >= 2) {
+                  VXAudioGain::cleanCache();
+                  _exit(CliSignals::exitStatus());
+              }
+              say(QStringLiteral("Interrupted: finishing the files being measured (Ctrl-C again to quit at once)"));
+          });
+    // On a pool thread: reads the results, writes only its own slot of
+    // pictureWarnings.
+    std::vector<QString> pictureWarnings(size_t(results.size()));
+    auto drawPicture = [&](int i, const VXLoudness &output) {
+        const QString &input = std::as_const(results)[i].input;
+        VXLoudnessPictureData data;
+        data.title = QFileInfo(input).fileName();
+        data.input = inputCurves[size_t(i)];
+        data.output = output;
+        data.targetLufs = targetLufs;
+        data.ceilingDbtp = opt.truePeak;
+        cliWritePicture(opt.plotFolder, input, data, &pictureWarnings[size_t(i)]);
+    };
+    if (opt.analyze || plot) {
+        QList<int> measured;  // result indices
+        for (qsizetype i = 0; i < results.size(); ++i)
+            if (results[i].outcome == CliOutcome::Analyzed || !opt.analyze)
+                if (results[i].outcome != CliOutcome::Missing && results[i].outcome != CliOutcome::Refused)
+                    measured << int(i);
+        std::vector<VXAnalysis> analyses(size_t(measured.size()));
+        std::vector<char> ended(size_t(measured.size()), 0);
+        cliRunOnPool(int(measured.size()), opt.jobs, [&](int k) {
+            const int i = measured[k];
+            VXAnalysis a = VXAnalyzeFile(std::as_const(results)[i].input, targetLufs, opt.truePeak, opt.limitPeaks);
+            inputCurves[size_t(i)] = a.loudness;
+            if (a.ok && opt.analyze && plot)
+                drawPicture(i, {});
+            analyses[size_t(k)] = std::move(a);
+        }, [&](int k) {
+            CliFileResult &r = results[measured[k]];
+            const VXAnalysis &a = analyses[size_t(k)];
+            ended[size_t(k)] = 1;
+            r.maxShortTerm = a.loudness.maxShortTerm;
+            r.maxMomentary = a.loudness.maxMomentary;
+            if (!opt.analyze)
+                return;
+            if (!a.ok) {
+                r.outcome = CliOutcome::Failed;
+                r.reason = a.reason;
+            } else {
+                r.measurement = VXMeasurementRecord(a.loudness);
+                r.measurement.remove(QStringLiteral("target_offset"));  // nothing was normalised
+                r.gainDb = a.gainDb;
+                r.normalization = a.normalization;
+            }
+            say(QStringLiteral("%1  %2%3").arg(outcomeName(r.outcome), -9).arg(r.input,
+                                                 r.reason.isEmpty() ? QString() : QStringLiteral(": ") + r.reason));
+        }, CliSignals::pending());
+        for (qsizetype k = 0; opt.analyze && k < measured.size(); ++k)
+            if (!ended[size_t(k)])
+                results[measured[k]].outcome = CliOutcome::Cancelled;
+    }
+    QObject::disconnect(measuringSignals);
+    if (CliSignals::pending() && !opt.analyze) {
+        VXAudioGain::cleanCache();
+        return CliSignals::exitStatus();
     }
 
     quint64 totalDuration = 0;
@@ -167,11 +274,32 @@ int main(int argc, char *argv[])
         progress.message(QStringLiteral("Interrupted: cancelling running files (Ctrl-C again to quit at once)"));
         batch.cancel();
     });
-    batch.start();
-    if (!jobs.isEmpty())
-        app.exec();
+    if (!opt.analyze) {
+        batch.start();
+        if (!jobs.isEmpty())
+            app.exec();
+    }
     progress.finish();
     VXSetLogSink(previousSink);
+
+    // After a run, each result's curve over its input's.
+    if (plot && !opt.analyze && !batch.isCancelled() && !CliSignals::pending()) {
+        QList<int> done;
+        for (qsizetype i = 0; i < results.size(); ++i)
+            if (outcomeSucceeded(results[i].outcome) && !inputCurves[size_t(i)].shortTerm.empty())
+                done << int(i);
+        cliRunOnPool(int(done.size()), opt.jobs, [&](int k) {
+            const int i = done[k];
+            VXLoudness output;
+            QString why;
+            if (!results[i].output.isEmpty())
+                VXMeasureFile(results[i].output, VXMeasureCurve, &output, &why);
+            drawPicture(i, output);
+        }, [](int) {}, CliSignals::pending());
+    }
+    for (qsizetype i = 0; i < results.size(); ++i)
+        if (!pictureWarnings[size_t(i)].isEmpty())
+            results[i].warning = pictureWarnings[size_t(i)];
 
     int ok = 0, failed = 0;
     for (const CliFileResult &r : results)

@@ -165,6 +165,25 @@ void VXAudioGain::setLimitPeaks(bool limit)
         emit limitPeaksChanged();
 }
 
+bool VXAudioGain::quickMeasurement() const { return m_quickMeasurement.load(); }
+
+void VXAudioGain::setQuickMeasurement(bool quick)
+{
+    if (m_quickMeasurement.exchange(quick) != quick)
+        emit quickMeasurementChanged();
+}
+
+double VXAudioGain::skipWithin() const { return m_skipWithin.load(); }
+
+void VXAudioGain::setSkipWithin(double lu)
+{
+    if (!(lu >= 0.0))
+        lu = NAN;  // negative or NaN: skip nothing
+    const double old = m_skipWithin.exchange(lu);
+    if (!(old == lu || (std::isnan(old) && std::isnan(lu))))
+        emit skipWithinChanged();
+}
+
 bool VXAudioGain::preserveModificationTime() const { return m_preserveModificationTime.load(); }
 
 void VXAudioGain::setPreserveModificationTime(bool keep)
@@ -242,12 +261,7 @@ bool VXAudioGain::allowedTargetLoudnessEdit() const
 
 float VXAudioGain::loudnormValue() const
 {
-    // Single precision on purpose: the filter's default target comes out as
-    // -23.9995 at the default position, and the list shows that value.
-    const float min = VXMinIntegratedLoudnessTarget;
-    const float max = VXMaxIntegratedLoudnessTarget;
-    const float d = max - min;
-    return (targetLoudness() * d) / 100.0f + min;
+    return VXLoudnessScale::lufsForPosition(targetLoudness());
 }
 
 QString VXAudioGain::formatSize(quint64 bytes)

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 
+#include "engine/VXLoudnessScale.h"
 #include "engine/codec/VXError.h"
 
 class QThreadPool;
@@ -29,6 +30,7 @@ struct VXGainResult {
     QString normalization;  // "linear", "peak-capped", "limited" or "one-pass"
     QString reason;         // why the job failed; empty when it did not
     QString warning;        // succeeded, but something the user should know
+    bool skipped = false;   // already within skipWithin of the target: nothing written
     // Further audio streams (commentary, other languages), each normalised
     // on its own: input stream index, gain and kind.
     struct Stream {
@@ -65,6 +67,10 @@ class VXAudioGain : public QObject, public std::enable_shared_from_this<VXAudioG
     Q_PROPERTY(QImage stateImage READ stateImage NOTIFY stateImageChanged)
     Q_PROPERTY(float truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY truePeakCeilingChanged)
     Q_PROPERTY(bool limitPeaks READ limitPeaks WRITE setLimitPeaks NOTIFY limitPeaksChanged)
+    // Pass 1 with the native-rate R128 meter instead of loudnorm at 192 kHz.
+    Q_PROPERTY(bool quickMeasurement READ quickMeasurement WRITE setQuickMeasurement NOTIFY quickMeasurementChanged)
+    // LU; a file measured this close to the target is left untouched. NaN: never.
+    Q_PROPERTY(double skipWithin READ skipWithin WRITE setSkipWithin NOTIFY skipWithinChanged)
     Q_PROPERTY(bool preserveModificationTime READ preserveModificationTime WRITE setPreserveModificationTime
                    NOTIFY preserveModificationTimeChanged)
     // The outcome in words: "-14.0 LUFS · -2.0 dBTP · linear", the reason of
@@ -72,7 +78,7 @@ class VXAudioGain : public QObject, public std::enable_shared_from_this<VXAudioG
     Q_PROPERTY(QString outcomeText READ outcomeText NOTIFY outcomeTextChanged)
 
 public:
-    static constexpr float kDefaultTargetLoudness = 70.77f;
+    static constexpr float kDefaultTargetLoudness = VXLoudnessScale::kDefaultPosition;
 
     // Probes the file; nullptr (and the codec's error in *error) when it
     // cannot be opened. The item is destroyed on its own thread whichever
@@ -113,6 +119,10 @@ public:
     void setTruePeakCeiling(float dbtp);
     bool limitPeaks() const;
     void setLimitPeaks(bool limit);
+    bool quickMeasurement() const;
+    void setQuickMeasurement(bool quick);
+    double skipWithin() const;
+    void setSkipWithin(double lu);
     // Replace mode: the result keeps the original's modification time.
     bool preserveModificationTime() const;
     void setPreserveModificationTime(bool keep);
@@ -180,6 +190,8 @@ signals:
     void stateImageChanged();
     void truePeakCeilingChanged();
     void limitPeaksChanged();
+    void quickMeasurementChanged();
+    void skipWithinChanged();
     void preserveModificationTimeChanged();
     void outcomeTextChanged();
 
@@ -212,6 +224,8 @@ private:
     VXGainResult m_result;      // under m_lock
     std::atomic<float> m_truePeakCeiling{-2.0f};
     std::atomic<bool> m_limitPeaks{false};
+    std::atomic<bool> m_quickMeasurement{false};
+    std::atomic<double> m_skipWithin{NAN};
     std::atomic<bool> m_preserveModificationTime{false};
     std::shared_ptr<VXTranscoding> m_transCoding;
     bool m_cancelGain = false;  // under m_lock, read with m_transCoding

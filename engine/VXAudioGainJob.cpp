@@ -2,6 +2,7 @@
 // normalise again with the measured values and linear gain, place the result.
 #include "engine/VXAudioGain.h"
 
+#include "engine/VXAnalysis.h"
 #include "engine/VXMainThread.h"
 #include "engine/VXPathUtil.h"
 #include "engine/VXTempDir.h"
@@ -257,7 +258,24 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     const float ceiling = truePeakCeiling();
     QString why;
 
-    {
+    QJsonObject record;
+    const bool quick = quickMeasurement();
+    if (quick) {
+        // Decoding alone at the file's own rate: nothing written, and a
+        // record for every file that decodes (silence included), so no
+        // single-pass fallback. A cancel waits for it, seconds at most.
+        VXLoudness measured;
+        if (!VXMeasureFile(input, VXMeasureTruePeak | VXMeasureOtherStreams, &measured, &why, nullptr,
+                           &job.otherStreams))
+            return fail(why);
+        if (cancelRequested())
+            return -2;
+        record = QJsonObject::fromVariantMap(VXMeasurementRecord(measured));
+        job.filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
+        job.filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+        job.filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
+        deliver(2, progressOf(100, false), block);
+    } else {
         auto pass1 = VXTranscoding::initWithInput(input, temp, &why);
         if (!pass1)
             return fail(why);
@@ -273,7 +291,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     }
 
     QByteArray log;
-    {
+    if (!quick) {
         QMutexLocker capture(&shared().captureLock);
         const QString logFile = job.filter->logFile();
         job.filter->redirectStdErrToFile(logFile);
@@ -294,7 +312,6 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     // The record is the one flat JSON object in the print-out; a "}" before
     // the "{" does not count, so the closing brace is looked for after it.
     QString reason = QStringLiteral("Unknown");
-    QJsonObject record;
     const VXRange open = rangeOfDataFind(log, QByteArrayLiteral("{"));
     if (open.location != VXNotFound) {
         const QByteArray rest = log.mid(open.location);
@@ -326,6 +343,18 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         result.outputTp = loudness.truePeak;
         result.outputLra = loudness.range;
         return verifyAndPlace(result, double(loudnormValue()));
+    }
+
+    bool numeric = false;
+    const double measuredI = record.value(QLatin1String("input_i")).toVariant().toDouble(&numeric);
+    if (numeric && std::isfinite(measuredI) && std::fabs(measuredI - double(loudnormValue())) <= skipWithin()) {
+        // Already there: the original stays as it is, byte for byte, and
+        // pass 1's output (if any) goes at once rather than with the cache.
+        QFile::remove(temp);
+        QMutexLocker locker(&m_lock);
+        m_result.skipped = true;
+        m_result.gainDb = 0.0;
+        return 0;
     }
 
     // Each measured value goes on as the record spells it.

@@ -11,6 +11,7 @@ extern "C" {
 #include <ebur128.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace {
 
@@ -36,13 +37,50 @@ int channelWeight(const AVChannelLayout &layout, int index)
     }
 }
 
+double energyOf(double lufs) { return std::isfinite(lufs) ? std::pow(10.0, (lufs + 0.691) / 10.0) : 0.0; }
+double lufsOf(double energy) { return energy > 0 ? 10.0 * std::log10(energy) - 0.691 : -HUGE_VAL; }
+
+// The short-term curve and the maxima from the energies of consecutive
+// 100 ms steps: libebur128's own 3 s and 400 ms figures would sum their
+// whole window again at every step, thirty times the work.
+struct Curve {
+    static constexpr int kSteps = int(kVXShortTermWindow / kVXShortTermStep + 0.5);
+    size_t stepSamples = 0;
+    size_t filled = 0;         // samples of the step under way
+    double energies[kSteps] = {};  // a ring, the latest at last
+    int last = 0;
+    double maxShortTerm = -HUGE_VAL;
+    double maxMomentary = -HUGE_VAL;
+    std::vector<float> shortTerm;
+
+    void closeStep(ebur128_state *meter)
+    {
+        double step = -HUGE_VAL;
+        ebur128_loudness_window(meter, (unsigned long)(kVXShortTermStep * 1000 + 0.5), &step);
+        last = (last + 1) % kSteps;
+        energies[last] = energyOf(step);
+        double shortSum = 0, momentarySum = 0;
+        for (int i = 0; i < kSteps; ++i) {
+            shortSum += energies[i];
+            if (i < 4)
+                momentarySum += energies[(last - i + kSteps) % kSteps];
+        }
+        const double shortTerm = lufsOf(shortSum / kSteps);
+        this->shortTerm.push_back(float(shortTerm));
+        maxShortTerm = std::max(maxShortTerm, shortTerm);
+        maxMomentary = std::max(maxMomentary, lufsOf(momentarySum / 4));
+    }
+};
+
 } // namespace
 
 struct VXFrameMeter::Impl {
     bool truePeak = false;
+    bool wantCurve = false;
     MeterPtr meter;
     vx::SwrPtr swr;
     vx::FramePtr converted;
+    Curve curve;
 
     bool start(const AVFrame *frame)
     {
@@ -65,15 +103,27 @@ struct VXFrameMeter::Impl {
         if (meter)
             for (int c = 0; c < layout.nb_channels; ++c)
                 ebur128_set_channel(meter.get(), unsigned(c), channelWeight(layout, c));
+        curve.stepSamples = size_t(std::lround(frame->sample_rate * kVXShortTermStep));
         av_channel_layout_uninit(&layout);
-        return meter && swr_config_frame(swr.get(), converted.get(), frame) >= 0;
+        return meter && curve.stepSamples > 0 && swr_config_frame(swr.get(), converted.get(), frame) >= 0;
     }
 
     void feed()
     {
-        if (converted->nb_samples > 0)
-            ebur128_add_frames_float(meter.get(), reinterpret_cast<const float *>(converted->data[0]),
-                                     size_t(converted->nb_samples));
+        const float *samples = reinterpret_cast<const float *>(converted->data[0]);
+        size_t left = converted->nb_samples > 0 ? size_t(converted->nb_samples) : 0;
+        // With the curve, the samples go in up to each step's end, so every
+        // step's figure covers exactly its own samples.
+        while (left > 0) {
+            const size_t n = wantCurve ? std::min(left, curve.stepSamples - curve.filled) : left;
+            ebur128_add_frames_float(meter.get(), samples, n);
+            samples += n * meter->channels;
+            left -= n;
+            if (wantCurve && (curve.filled += n) == curve.stepSamples) {
+                curve.filled = 0;
+                curve.closeStep(meter.get());
+            }
+        }
         av_frame_unref(converted.get());
         converted->format = AV_SAMPLE_FMT_FLT;
         converted->sample_rate = int(meter->samplerate);
@@ -81,7 +131,11 @@ struct VXFrameMeter::Impl {
     }
 };
 
-VXFrameMeter::VXFrameMeter(bool truePeak) : d(std::make_unique<Impl>()) { d->truePeak = truePeak; }
+VXFrameMeter::VXFrameMeter(bool truePeak, bool curve) : d(std::make_unique<Impl>())
+{
+    d->truePeak = truePeak;
+    d->wantCurve = curve;
+}
 
 VXFrameMeter::~VXFrameMeter() = default;
 
@@ -112,6 +166,13 @@ VXLoudness VXFrameMeter::finish()
         m.feed();
     ebur128_loudness_global(m.meter.get(), &r.integrated);
     ebur128_loudness_range(m.meter.get(), &r.range);
+    if (ebur128_relative_threshold(m.meter.get(), &r.threshold) != EBUR128_SUCCESS)
+        r.threshold = NAN;
+    if (m.wantCurve) {
+        r.maxShortTerm = m.curve.maxShortTerm;
+        r.maxMomentary = m.curve.maxMomentary;
+        r.shortTerm = std::move(m.curve.shortTerm);
+    }
     if (m.truePeak) {
         double peak = 0;
         for (unsigned c = 0; c < m.meter->channels; ++c) {
@@ -124,79 +185,156 @@ VXLoudness VXFrameMeter::finish()
     return r;
 }
 
-bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString *why,
-                   const std::atomic<bool> *cancel)
+namespace {
+
+// The figures beyond "M" (threshold, maxima, curve) travel from the worker as
+// the meter's print-out: one line "threshold maxShortTerm maxMomentary",
+// then the curve, a number a step.
+QByteArray curveText(const VXLoudness &l)
 {
+    QByteArray text = QByteArray::number(l.threshold, 'g', 17) + ' ' + QByteArray::number(l.maxShortTerm, 'g', 17)
+        + ' ' + QByteArray::number(l.maxMomentary, 'g', 17) + '\n';
+    text.reserve(text.size() + qsizetype(l.shortTerm.size()) * 7);
+    for (const float v : l.shortTerm)
+        text += (std::isfinite(v) ? QByteArray::number(double(v), 'f', 2) : QByteArrayLiteral("-inf")) + ' ';
+    return text;
+}
+
+void readCurveText(const QByteArray &text, VXLoudness *l)
+{
+    const QList<QByteArray> lines = text.split('\n');
+    // strtod reads "-inf" and "nan", which QByteArray::toDouble does not.
+    auto number = [](const QByteArray &t) { return std::strtod(t.constData(), nullptr); };
+    const QList<QByteArray> head = lines.value(0).split(' ');
+    if (head.size() != 3)
+        return;
+    l->threshold = number(head[0]);
+    l->maxShortTerm = number(head[1]);
+    l->maxMomentary = number(head[2]);
+    const QList<QByteArray> points = lines.value(1).split(' ');
+    l->shortTerm.reserve(size_t(points.size()));
+    for (const QByteArray &p : points)
+        if (!p.isEmpty())
+            l->shortTerm.push_back(float(number(p)));
+}
+
+struct StreamMeter {
+    int index = -1;
+    vx::CodecPtr decoder;
+    std::unique_ptr<VXFrameMeter> meter;
+    bool broken = false;  // a further stream that fails is left out, not the file
+};
+
+} // namespace
+
+QByteArray VXCurvePrintOut(const VXLoudness &loudness) { return curveText(loudness); }
+
+bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
+                   std::map<int, VXLoudness> *others)
+{
+    const bool truePeak = flags & VXMeasureTruePeak;
+    const bool curve = flags & VXMeasureCurve;
+    const bool otherStreams = (flags & VXMeasureOtherStreams) && others;
     if (!vx::workerProgram().isEmpty()) {
         // Decoding the result can crash like any decoding: in the child too.
-        vx::WorkerRun run({QStringLiteral("measure"), path, truePeak ? QStringLiteral("1") : QStringLiteral("0")},
-                          600.0);
-        const vx::WorkerRun::Outcome outcome = run.run({});
+        vx::WorkerRun run({QStringLiteral("measure"), path, QString::number(flags)}, 600.0);
+        QByteArray printOut;
+        const vx::WorkerRun::Outcome outcome
+            = run.run({nullptr, [&](int, const QByteArray &bytes) { printOut = bytes; }});
         *out = outcome.loudness;
         *why = outcome.reason;
+        if (!printOut.isEmpty())
+            readCurveText(printOut, out);
+        if (otherStreams)
+            *others = outcome.streams;
         return outcome.completed && out->measured();
     }
     int code = 0;
     vx::InputPtr input = vx::openInput(path, why, &code);
     if (!input)
         return false;
-    const int index = av_find_best_stream(input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-    if (index < 0) {
+    const int best = av_find_best_stream(input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    if (best < 0) {
         *why = QStringLiteral("no decodable audio stream");
         return false;
     }
-    const AVStream *st = input->streams[index];
-    const AVCodec *codec = avcodec_find_decoder(st->codecpar->codec_id);
-    vx::CodecPtr decoder(codec ? avcodec_alloc_context3(codec) : nullptr);
-    if (!decoder || avcodec_parameters_to_context(decoder.get(), st->codecpar) < 0
-        || avcodec_open2(decoder.get(), codec, nullptr) < 0) {
-        *why = QStringLiteral("cannot decode %1").arg(avcodec_get_name(st->codecpar->codec_id));
+    std::vector<StreamMeter> meters;
+    auto open = [&](int index) {
+        const AVStream *st = input->streams[index];
+        const AVCodec *codec = avcodec_find_decoder(st->codecpar->codec_id);
+        StreamMeter m;
+        m.index = index;
+        m.decoder.reset(codec ? avcodec_alloc_context3(codec) : nullptr);
+        if (!m.decoder || avcodec_parameters_to_context(m.decoder.get(), st->codecpar) < 0
+            || avcodec_open2(m.decoder.get(), codec, nullptr) < 0)
+            return false;
+        m.meter = std::make_unique<VXFrameMeter>(truePeak, curve && index == best);
+        meters.push_back(std::move(m));
+        return true;
+    };
+    if (!open(best)) {
+        *why = QStringLiteral("cannot decode %1").arg(avcodec_get_name(input->streams[best]->codecpar->codec_id));
         return false;
     }
+    for (unsigned i = 0; otherStreams && i < input->nb_streams; ++i) {
+        const AVStream *st = input->streams[i];
+        if (int(i) != best && st->codecpar->codec_type == AVMEDIA_TYPE_AUDIO
+            && !(st->disposition & AV_DISPOSITION_ATTACHED_PIC))
+            open(int(i));
+    }
+    std::vector<int> meterOf(input->nb_streams, -1);
+    for (size_t m = 0; m < meters.size(); ++m)
+        meterOf[size_t(meters[m].index)] = int(m);
     for (unsigned i = 0; i < input->nb_streams; ++i)
-        input->streams[i]->discard = int(i) == index ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+        input->streams[i]->discard = meterOf[i] >= 0 ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
 
-    VXFrameMeter meter(truePeak);
     auto packet = vx::makePacket();
     auto frame = vx::makeFrame();
     if (!packet || !frame) {
         *why = QStringLiteral("out of memory");
         return false;
     }
-    auto receive = [&] {
+    auto receive = [&](StreamMeter &m) {
         int err;
-        while ((err = avcodec_receive_frame(decoder.get(), frame.get())) >= 0 || err == AVERROR_INVALIDDATA) {
+        while (!m.broken
+               && ((err = avcodec_receive_frame(m.decoder.get(), frame.get())) >= 0 || err == AVERROR_INVALIDDATA)) {
             if (err >= 0) {
-                const bool ok = meter.add(frame.get());
+                m.broken = !m.meter->add(frame.get());
                 av_frame_unref(frame.get());
-                if (!ok)
-                    return false;
             }
         }
-        return true;
+        return !meters.front().broken;
     };
     while (av_read_frame(input.get(), packet.get()) >= 0) {
         if (cancel && cancel->load()) {
             *why = QStringLiteral("cancelled");
             return false;
         }
-        if (packet->stream_index == index)
-            avcodec_send_packet(decoder.get(), packet.get());  // corrupt packets are skipped, as in playback
+        const int m = packet->stream_index < int(meterOf.size()) ? meterOf[size_t(packet->stream_index)] : -1;
+        if (m >= 0 && !meters[size_t(m)].broken)
+            avcodec_send_packet(meters[size_t(m)].decoder.get(), packet.get());  // corrupt packets are skipped, as in playback
         av_packet_unref(packet.get());
-        if (!receive()) {
+        if (m >= 0 && !receive(meters[size_t(m)])) {
             *why = QStringLiteral("cannot measure the decoded audio");
             return false;
         }
     }
-    avcodec_send_packet(decoder.get(), nullptr);
-    if (!receive()) {
-        *why = QStringLiteral("cannot measure the decoded audio");
-        return false;
+    for (StreamMeter &m : meters) {
+        avcodec_send_packet(m.decoder.get(), nullptr);
+        if (!receive(m)) {
+            *why = QStringLiteral("cannot measure the decoded audio");
+            return false;
+        }
     }
-    *out = meter.finish();
+    *out = meters.front().meter->finish();
     if (!out->measured()) {
         *why = QStringLiteral("no audio decoded");
         return false;
+    }
+    for (size_t m = 1; m < meters.size(); ++m) {
+        const VXLoudness l = meters[m].meter->finish();
+        if (!meters[m].broken && l.measured())
+            (*others)[meters[m].index] = l;
     }
     return true;
 }

@@ -3,16 +3,38 @@
 // An EBU R128 meter (libebur128) that is independent of loudnorm: it checks
 // what a job really wrote, and measures files without writing anything.
 
+#include <QByteArray>
 #include <QString>
 #include <atomic>
 #include <cmath>
+#include <map>
 #include <memory>
+#include <vector>
+
+// Seconds between two points of the short-term curve: the 10 Hz at which
+// EBU Tech 3341 updates its meters, so the maxima below are that meter's.
+inline constexpr double kVXShortTermStep = 0.1;
+inline constexpr double kVXShortTermWindow = 3.0;
 
 struct VXLoudness {
     double integrated = NAN;  // LUFS; -inf when no block passes the gate
     double truePeak = NAN;    // dBTP
     double range = NAN;       // LU
+    double threshold = NAN;   // LUFS, the relative gate of the integrated figure
+    // Asked for with the curve only; -inf for silence.
+    double maxShortTerm = NAN;   // LUFS, 3 s windows
+    double maxMomentary = NAN;   // LUFS, 400 ms windows
+    // Point k is the loudness of the 3 s ending at (k + 1) * kVXShortTermStep;
+    // the first windows count the time before the start as silence, as
+    // every R128 meter does.
+    std::vector<float> shortTerm;
     bool measured() const { return !std::isnan(integrated); }
+};
+
+enum VXMeasureFlag {
+    VXMeasureTruePeak = 1,
+    VXMeasureCurve = 2,         // maxima and the short-term curve
+    VXMeasureOtherStreams = 4,  // every further audio stream, on its own
 };
 
 struct AVFrame;
@@ -24,7 +46,7 @@ struct AVFrame;
 // where it is needed.
 class VXFrameMeter {
 public:
-    explicit VXFrameMeter(bool truePeak);
+    explicit VXFrameMeter(bool truePeak, bool curve = false);
     ~VXFrameMeter();
     // False when the frame cannot be measured.
     bool add(const AVFrame *frame);
@@ -39,7 +61,13 @@ private:
 };
 
 // Measures the audio stream a transcoding would normalise (the best one),
-// decoding only. False with a reason when the file cannot be read; cancel,
-// when given and set, stops it early (also false).
-bool VXMeasureFile(const QString &path, bool truePeak, VXLoudness *out, QString *why,
-                   const std::atomic<bool> *cancel = nullptr);
+// decoding only; flags are VXMeasureFlag bits (true: the true peak too).
+// False with a reason when the file cannot be read; cancel, when given and
+// set, stops it early (also false). With VXMeasureOtherStreams and others
+// given, the further audio streams' figures go there by stream index.
+bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why,
+                   const std::atomic<bool> *cancel = nullptr, std::map<int, VXLoudness> *others = nullptr);
+
+// The figures beyond integrated, true peak and range, as the worker's
+// measure command prints them for VXMeasureFile to read back.
+QByteArray VXCurvePrintOut(const VXLoudness &loudness);

@@ -136,14 +136,23 @@ int measure(Channel &channel, const QStringList &args)
     if (args.size() < 2)
         return 2;
     VXLoudness l;
+    std::map<int, VXLoudness> others;
     QString why;
-    if (!VXMeasureFile(args[0], args[1] == QLatin1String("1"), &l, &why)) {
+    const int flags = args[1].toInt();
+    if (!VXMeasureFile(args[0], flags, &l, &why, nullptr, &others)) {
         channel.send("R " + oneLine(why).toUtf8());
         channel.send("E 1");
         return 0;
     }
-    channel.send("M " + QByteArray::number(l.integrated, 'g', 17) + ' ' + QByteArray::number(l.truePeak, 'g', 17)
-                 + ' ' + QByteArray::number(l.range, 'g', 17));
+    auto figures = [](const VXLoudness &l) {
+        return QByteArray::number(l.integrated, 'g', 17) + ' ' + QByteArray::number(l.truePeak, 'g', 17) + ' '
+            + QByteArray::number(l.range, 'g', 17);
+    };
+    channel.send("M " + figures(l));
+    for (const auto &[index, loudness] : others)
+        channel.send("S " + QByteArray::number(index) + ' ' + figures(loudness));
+    const QByteArray curve = VXCurvePrintOut(l);
+    channel.send("F 0 " + QByteArray::number(curve.size()), curve);
     channel.send("E 0");
     return 0;
 }

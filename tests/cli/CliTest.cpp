@@ -58,15 +58,35 @@ QStringList entries(const QString &folder)
 TEST(CliTarget, LufsMapsToPositionWithinAHundredthOfLu)
 {
     for (double lufs = -70.0; lufs <= -5.0; lufs += 0.37) {
-        const auto position = positionForLufs(lufs);
+        const auto position = VXLoudnessScale::positionForLufs(lufs);
         ASSERT_TRUE(position.has_value()) << lufs;
-        EXPECT_NEAR(lufsForPosition(*position), lufs, 0.01) << lufs;
+        EXPECT_NEAR(VXLoudnessScale::lufsForPosition(*position), lufs, 0.01) << lufs;
     }
-    EXPECT_NEAR(lufsForPosition(70.77f), -24.0, 0.001);
-    EXPECT_FLOAT_EQ(*positionForLufs(-70.0), 0.0f);
-    EXPECT_FLOAT_EQ(*positionForLufs(-5.0), 100.0f);
+    EXPECT_NEAR(VXLoudnessScale::lufsForPosition(70.77f), -24.0, 0.001);
+    EXPECT_FLOAT_EQ(*VXLoudnessScale::positionForLufs(-70.0), 0.0f);
+    EXPECT_FLOAT_EQ(*VXLoudnessScale::positionForLufs(-5.0), 100.0f);
     for (double bad : {-70.01, -4.99, 0.0, std::nan("")})
-        EXPECT_FALSE(positionForLufs(bad).has_value()) << bad;
+        EXPECT_FALSE(VXLoudnessScale::positionForLufs(bad).has_value()) << bad;
+}
+
+TEST(CliTarget, PresetsSetTheirLevelAndCeiling)
+{
+    const struct {
+        const char *name;
+        double lufs;
+        float ceiling;
+    } expected[] = {{"ebu", -23, -1.0f}, {"atsc", -24, -2.0f}, {"streaming", -14, -2.0f},
+                    {"podcast", -16, -2.0f}, {"replaygain", -18, -2.0f}};
+    for (const auto &e : expected) {
+        const CliParse p = parseCommandLine({"evenloud-cli", "--preset", e.name, "--replace", "a.mp3"}, 1);
+        ASSERT_TRUE(p.options) << e.name << p.text.toStdString();
+        EXPECT_NEAR(VXLoudnessScale::lufsForPosition(p.options->target), e.lufs, 0.01) << e.name;
+        EXPECT_EQ(p.options->truePeak, e.ceiling) << e.name;
+    }
+    // A ceiling given on its own outranks the preset's.
+    const CliParse own = parseCommandLine({"evenloud-cli", "--preset", "EBU", "--true-peak", "-3", "--replace", "a"}, 1);
+    ASSERT_TRUE(own.options);
+    EXPECT_EQ(own.options->truePeak, -3.0f);
 }
 
 TEST(CliUsage, ErrorsExitWithTwoAndSayWhy)
@@ -83,6 +103,12 @@ TEST(CliUsage, ErrorsExitWithTwoAndSayWhy)
         {"--true-peak", "1", "--replace", "some.mp3"},         // a ceiling above full scale
         {"--replace"},                                         // nothing to do
         {"--no-such-option", "--replace", "some.mp3"},
+        {"--target", "-16", "--replace", "some.mp3"},          // a level where the position goes
+        {"--target", "16LUFS", "--replace", "some.mp3"},
+        {"--preset", "loud", "--replace", "some.mp3"},
+        {"--preset", "ebu", "--lufs", "-20", "--replace", "some.mp3"},
+        {"--analyze", "--replace", "some.mp3"},                // analysis writes nothing
+        {"--skip-within", "-1", "--replace", "some.mp3"},
     };
     for (const QStringList &args : bad) {
         const CliRunResult r = runCli(args);
@@ -94,7 +120,8 @@ TEST(CliUsage, ErrorsExitWithTwoAndSayWhy)
 
     const CliRunResult help = runCli({"--help"});
     EXPECT_EQ(help.exitCode, 0);
-    for (const char *part : {"Usage: evenloud-cli", "--output-folder", "Exit status:", "130", "Example"})
+    for (const char *part : {"Usage: evenloud-cli", "--output-folder", "0-100 position", "--analyze", "podcast",
+                             "Exit status:", "130", "Example"})
         EXPECT_TRUE(help.out.contains(part)) << part;
     const CliRunResult version = runCli({"--version"});
     EXPECT_EQ(version.exitCode, 0);
@@ -288,6 +315,27 @@ TEST(CliRun, EveryAudioStreamIsNormalisedInPlace)
     EXPECT_EQ(streams(result), streams(in));
     for (int stream : {0, 1})
         EXPECT_NEAR(fixtures::measureLoudness(result, stream).integrated, -20.0, 0.5) << stream;
+}
+
+// Another local user may plant links where temporary files go; none is
+// followed, and what they point at stays as it was.
+TEST(CliRun, PlantedLinksAreNeverFollowed)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    const QString input = fixtures::makeWav(tmp.path(), "song.wav", 2);
+    ASSERT_FALSE(input.isEmpty());
+    const QString victim = tmp.filePath("victim");
+    QDir().mkpath(victim);
+    const QString shared = tmp.filePath("shared-tmp");
+    QDir().mkpath(shared);
+    ASSERT_TRUE(QFile::link(victim, shared + QStringLiteral("/evenloud-%1").arg(::geteuid())));
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("TMPDIR", shared);
+    const CliRunResult r = runCli({"--json", "-o", tmp.filePath("out"), input}, env);
+    EXPECT_EQ(r.exitCode, 1) << r.err.toStdString();
+    EXPECT_TRUE(QDir(victim).isEmpty()) << entries(victim).join(' ').toStdString();
+    EXPECT_TRUE(QDir(tmp.filePath("out")).isEmpty());
 }
 
 // A disk that fills up on one file fails that file with the reason, and

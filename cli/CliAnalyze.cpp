@@ -1,0 +1,47 @@
+#include "cli/CliAnalyze.h"
+
+#include "engine/VXAudioGain.h"
+
+#include <QEventLoop>
+#include <QFileInfo>
+#include <QSaveFile>
+#include <QThreadPool>
+#include <QTimer>
+
+void cliRunOnPool(int count, int jobs, const std::function<void(int)> &work, const std::function<void(int)> &done,
+                  const std::atomic<bool> &cancel)
+{
+    QEventLoop loop;
+    QObject context;
+    int next = 0, running = 0;
+    std::function<void()> startMore = [&] {
+        while (running < jobs && next < count && !cancel.load()) {
+            const int i = next++;
+            ++running;
+            VXAudioGain::jobPool()->start([&, i] {
+                work(i);
+                QMetaObject::invokeMethod(&context, [&, i] {
+                    --running;
+                    done(i);
+                    startMore();
+                }, Qt::QueuedConnection);
+            });
+        }
+        if (running == 0)
+            QTimer::singleShot(0, &loop, &QEventLoop::quit);
+    };
+    startMore();
+    loop.exec();
+}
+
+bool cliWritePicture(const QString &folder, const QString &input, const VXLoudnessPictureData &data, QString *why)
+{
+    const QString path = folder + QLatin1Char('/') + QFileInfo(input).fileName() + QStringLiteral(".png");
+    // Written whole or not at all: a picture cut short by a full disk is not left behind.
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || !VXLoudnessPicture(data).save(&file, "PNG") || !file.commit()) {
+        *why = QStringLiteral("cannot write %1: %2").arg(path, file.errorString());
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,20 @@
+#pragma once
+
+// Measuring without writing (--analyze) and the loudness pictures (--plot):
+// decode-only work, spread over the job pool like the batch's jobs.
+
+#include "engine/VXLoudnessPicture.h"
+
+#include <QString>
+#include <atomic>
+#include <functional>
+
+// Runs work(i) for every i below count on the job pool, at most jobs at a
+// time, and done(i) on this thread as each ends. This thread's event loop
+// runs meanwhile, so a Ctrl-C is heard; once cancel is set nothing more
+// starts.
+void cliRunOnPool(int count, int jobs, const std::function<void(int)> &work, const std::function<void(int)> &done,
+                  const std::atomic<bool> &cancel);
+
+// DIR/<file name>.png; false with a reason when it cannot be written.
+bool cliWritePicture(const QString &folder, const QString &input, const VXLoudnessPictureData &data, QString *why);

@@ -1,0 +1,52 @@
+#include "engine/VXAnalysis.h"
+
+#include "engine/codec/VXCodecConstants.h"
+#include "engine/codec/VXFilter.h"
+
+namespace {
+
+QString recordNumber(double v)
+{
+    if (std::isnan(v))
+        return QStringLiteral("nan");
+    if (std::isinf(v))
+        return v < 0 ? QStringLiteral("-inf") : QStringLiteral("inf");
+    return QString::number(v, 'f', 2);
+}
+
+} // namespace
+
+QVariantMap VXMeasurementRecord(const VXLoudness &loudness)
+{
+    // No offset to carry: nothing was normalised on the way, and linear
+    // mode reads the gain from input_i alone.
+    return {{QStringLiteral("input_i"), recordNumber(loudness.integrated)},
+            {QStringLiteral("input_tp"), recordNumber(loudness.truePeak)},
+            {QStringLiteral("input_lra"), recordNumber(loudness.range)},
+            {QStringLiteral("input_thresh"), recordNumber(loudness.threshold)},
+            {QStringLiteral("target_offset"), recordNumber(0.0)}};
+}
+
+VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks)
+{
+    VXAnalysis a;
+    a.ok = VXMeasureFile(path, VXMeasureTruePeak | VXMeasureCurve, &a.loudness, &a.reason);
+    if (!a.ok)
+        return a;
+    // The same planning as the job's, from the same attributes.
+    const auto filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
+    filter->setValue(QVariant(targetLufs), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+    filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
+    filter->setValue(QVariant(a.loudness.integrated), QString::fromLatin1(kVXAMeasuredIntegratedLoudness));
+    filter->setValue(QVariant(a.loudness.truePeak), QString::fromLatin1(kVXAMeasuredTruePeak));
+    filter->setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
+    filter->setValue(QVariant(limitPeaks), QString::fromLatin1(kVXALimitPeaks));
+    if (const auto plan = filter->linearPlan()) {
+        a.gainDb = plan->gainDb;
+        a.normalization = VXNormalizationName(plan->kind);
+    } else {
+        a.gainDb = 0.0;  // silent: left as it is
+        a.normalization = VXNormalizationName(VXNormalization::Linear);
+    }
+    return a;
+}

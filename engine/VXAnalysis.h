@@ -1,0 +1,27 @@
+#pragma once
+
+// Measuring without writing: what a file is, and what a job with given
+// settings would do to it. For "analyze" in every front end, and for the
+// quick first pass.
+
+#include "engine/codec/VXLoudnessMeter.h"
+
+#include <QString>
+#include <QVariantMap>
+
+struct VXAnalysis {
+    bool ok = false;
+    QString reason;          // why the file could not be measured
+    VXLoudness loudness;     // with the maxima and the short-term curve
+    double gainDb = NAN;     // what the job would apply; 0 for silence
+    QString normalization;   // "linear", "peak-capped" or "limited"
+};
+
+// Decodes path once (at its own rate, nothing written) and plans the gain
+// as a job would. Blocks: run it on a pool thread.
+VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks);
+
+// A measurement in the first pass's record form ("input_i", "input_tp",
+// "input_lra", "input_thresh", "target_offset"), numbers as loudnorm
+// prints them, so quick and default jobs are read the same way.
+QVariantMap VXMeasurementRecord(const VXLoudness &loudness);

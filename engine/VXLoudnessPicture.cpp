@@ -1,0 +1,148 @@
+#include "engine/VXLoudnessPicture.h"
+
+#include <QPainter>
+#include <QPainterPath>
+
+#include <algorithm>
+
+std::pair<double, double> VXLoudnessRangeBand(const std::vector<float> &shortTerm)
+{
+    std::vector<double> gated;
+    double energy = 0;
+    for (const float v : shortTerm) {
+        if (v > -70.0f) {
+            gated.push_back(v);
+            energy += std::pow(10.0, double(v) / 10.0);
+        }
+    }
+    if (gated.empty())
+        return {NAN, NAN};
+    const double relative = 10.0 * std::log10(energy / double(gated.size())) - 20.0;
+    gated.erase(std::remove_if(gated.begin(), gated.end(), [&](double v) { return v < relative; }), gated.end());
+    std::sort(gated.begin(), gated.end());
+    auto at = [&](double q) { return gated[size_t(std::lround(q * double(gated.size() - 1)))]; };
+    return {at(0.10), at(0.95)};
+}
+
+namespace {
+
+const QColor kBackground(0x1f, 0x22, 0x27);
+const QColor kGrid(0x3a, 0x3f, 0x47);
+const QColor kText(0xc8, 0xcc, 0xd2);
+const QColor kInput(0x6f, 0xa8, 0xdc);
+const QColor kOutput(0xf0, 0xa0, 0x3c);
+const QColor kTarget(0x6c, 0xc0, 0x6c);
+const QColor kCeiling(0xe0, 0x5a, 0x5a);
+const QColor kIntegrated(0xe8, 0xe8, 0xe8);
+
+QString clock(double seconds)
+{
+    const int s = int(seconds + 0.5);
+    return s >= 3600 ? QString::asprintf("%d:%02d:%02d", s / 3600, s / 60 % 60, s % 60)
+                     : QString::asprintf("%d:%02d", s / 60, s % 60);
+}
+
+} // namespace
+
+QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
+{
+    QImage image(size, QImage::Format_ARGB32_Premultiplied);
+    image.fill(kBackground);
+    QPainter p(&image);
+    p.setRenderHint(QPainter::Antialiasing);
+    QFont font = p.font();
+    font.setPixelSize(12);
+    p.setFont(font);
+
+    const QRectF plot(52, 30, size.width() - 52 - 16, size.height() - 30 - 28);
+    const auto band = VXLoudnessRangeBand(data.input.shortTerm);
+    // The scale runs from full scale down to 20 LU under the quietest thing
+    // worth seeing, in steps of 10.
+    double low = 0;
+    for (const double v : {data.targetLufs, data.input.integrated, band.first, data.output.integrated})
+        if (std::isfinite(v))
+            low = std::min(low, v);
+    const double bottom = std::max(-90.0, std::floor((low - 20.0) / 10.0) * 10.0);
+    const double top = 0.0;
+    auto y = [&](double lufs) { return plot.top() + (top - std::clamp(lufs, bottom, top)) / (top - bottom) * plot.height(); };
+    const size_t points = std::max(data.input.shortTerm.size(), data.output.shortTerm.size());
+    const double seconds = std::max(kVXShortTermStep, double(points) * kVXShortTermStep);
+    auto x = [&](double t) { return plot.left() + t / seconds * plot.width(); };
+
+    p.setPen(kGrid);
+    for (double v = bottom; v <= top; v += 10.0) {
+        p.drawLine(QPointF(plot.left(), y(v)), QPointF(plot.right(), y(v)));
+        p.setPen(kText);
+        p.drawText(QRectF(0, y(v) - 8, plot.left() - 6, 16), Qt::AlignRight | Qt::AlignVCenter,
+                   QString::number(int(v)));
+        p.setPen(kGrid);
+    }
+    // Time marks at a round step giving about eight of them.
+    double step = 1;
+    for (const double s : {1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, 3600.0})
+        if (seconds / s >= 3) step = s;
+    p.setPen(kText);
+    for (double t = 0; t <= seconds + 1e-9; t += step)
+        p.drawText(QRectF(x(t) - 40, plot.bottom() + 4, 80, 18), Qt::AlignHCenter | Qt::AlignTop, clock(t));
+
+    if (std::isfinite(band.first) && std::isfinite(band.second)) {
+        QColor fill = kInput;
+        fill.setAlpha(45);
+        p.fillRect(QRectF(QPointF(plot.left(), y(band.second)), QPointF(plot.right(), y(band.first))), fill);
+    }
+
+    // One point a pixel column, the loudest of the steps it covers: a long
+    // file still draws in a few milliseconds and no peak disappears.
+    auto curve = [&](const std::vector<float> &values, const QColor &colour) {
+        if (values.empty())
+            return;
+        const int columns = std::max(1, int(plot.width()));
+        QPainterPath path;
+        bool started = false;
+        const double perColumn = double(values.size()) / columns;
+        for (int c = 0; c < columns; ++c) {
+            const size_t from = size_t(c * perColumn);
+            const size_t to = std::min(values.size(), std::max(from + 1, size_t((c + 1) * perColumn)));
+            if (from >= values.size())
+                break;
+            const float v = *std::max_element(values.begin() + qsizetype(from), values.begin() + qsizetype(to));
+            const QPointF point(x(double(to) * kVXShortTermStep), y(std::isfinite(v) ? double(v) : bottom));
+            started ? path.lineTo(point) : path.moveTo(point);
+            started = true;
+        }
+        p.setPen(QPen(colour, 1.5));
+        p.setBrush(Qt::NoBrush);
+        p.drawPath(path);
+    };
+    curve(data.input.shortTerm, kInput);
+    curve(data.output.shortTerm, kOutput);
+
+    auto level = [&](double v, const QColor &colour, Qt::PenStyle style, const QString &label) {
+        if (!std::isfinite(v))
+            return;
+        p.setPen(QPen(colour, 1.2, style));
+        p.drawLine(QPointF(plot.left(), y(v)), QPointF(plot.right(), y(v)));
+        p.drawText(QRectF(plot.left() + 6, y(v) - 17, plot.width() - 12, 16), Qt::AlignRight | Qt::AlignBottom, label);
+    };
+    level(data.ceilingDbtp, kCeiling, Qt::DashLine, QStringLiteral("ceiling %1 dBTP").arg(data.ceilingDbtp, 0, 'f', 1));
+    level(data.targetLufs, kTarget, Qt::DashLine, QStringLiteral("target %1 LUFS").arg(data.targetLufs, 0, 'f', 1));
+    level(data.input.integrated, kIntegrated, Qt::SolidLine,
+          QStringLiteral("integrated %1 LUFS").arg(data.input.integrated, 0, 'f', 1));
+
+    p.setPen(kText);
+    QString legend = data.title + QStringLiteral("    short-term loudness (LUFS, 3 s)");
+    if (std::isfinite(data.input.range))
+        legend += QStringLiteral("    LRA %1 LU").arg(data.input.range, 0, 'f', 1);
+    if (std::isfinite(data.input.truePeak))
+        legend += QStringLiteral("    true peak %1 dBTP").arg(data.input.truePeak, 0, 'f', 1);
+    p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignLeft | Qt::AlignVCenter, legend);
+    if (!data.output.shortTerm.empty()) {
+        p.setPen(kInput);
+        p.drawText(QRectF(plot.left(), 6, plot.width() - 90, 18), Qt::AlignRight | Qt::AlignVCenter,
+                   QStringLiteral("input"));
+        p.setPen(kOutput);
+        p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignRight | Qt::AlignVCenter,
+                   QStringLiteral("output %1 LUFS").arg(data.output.integrated, 0, 'f', 1));
+    }
+    return image;
+}
