@@ -252,7 +252,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     if (cancelRequested())
         return -2;
     if (!chooseTempOutFile())
-        return fail(QStringLiteral("Cannot create a temporary file in %1").arg(VXTempDir::path()));
+        return fail(QStringLiteral("Cannot create a temporary file in %1 (it must be a writable folder of this user's, not a link)").arg(VXTempDir::rootPath()));
     const QString input = inputFile();
     const QString temp = tempOutFile();
     const float ceiling = truePeakCeiling();

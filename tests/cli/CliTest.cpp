@@ -338,6 +338,28 @@ TEST(CliRun, PlantedLinksAreNeverFollowed)
     EXPECT_TRUE(QDir(tmp.filePath("out")).isEmpty());
 }
 
+// Another local user may plant links where temporary files go; none is
+// followed, and what they point at stays as it was.
+TEST(CliRun, PlantedLinksAreNeverFollowed)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    const QString input = fixtures::makeWav(tmp.path(), "song.wav", 2);
+    ASSERT_FALSE(input.isEmpty());
+    const QString victim = tmp.filePath("victim");
+    QDir().mkpath(victim);
+    const QString shared = tmp.filePath("shared-tmp");
+    QDir().mkpath(shared);
+    ASSERT_TRUE(QFile::link(victim, shared + QStringLiteral("/evenloud-%1").arg(::geteuid())));
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("TMPDIR", shared);
+    const CliRunResult r = runCli({"--json", "-o", tmp.filePath("out"), input}, env);
+    EXPECT_EQ(r.exitCode, 1) << r.err.toStdString();
+    EXPECT_TRUE(r.out.contains("Cannot create a temporary file")) << r.out.toStdString();
+    EXPECT_TRUE(QDir(victim).isEmpty()) << entries(victim).join(' ').toStdString();
+    EXPECT_TRUE(QDir(tmp.filePath("out")).isEmpty());
+}
+
 // A disk that fills up on one file fails that file with the reason, and
 // frees what it took: the files after it, on the same disk, still succeed.
 TEST(CliRun, FullDiskFailsOnlyTheFileThatFilledIt)
