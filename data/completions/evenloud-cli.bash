@@ -1,0 +1,24 @@
+# bash completion for evenloud-cli
+_evenloud_cli()
+{
+    local cur prev
+    cur=${COMP_WORDS[COMP_CWORD]}
+    prev=${COMP_WORDS[COMP_CWORD-1]}
+    case $prev in
+        -o|--output-folder)
+            compopt -o filenames 2>/dev/null
+            mapfile -t COMPREPLY < <(compgen -d -- "$cur")
+            return ;;
+        -t|--target|-l|--lufs|--true-peak|-j|--jobs)
+            return ;;  # a number: nothing to offer
+    esac
+    if [[ $cur == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W '--target --lufs --true-peak --limit-peaks --output-folder
+            --replace --preserve-mtime --recursive --jobs --json --help --version' -- "$cur")
+        return
+    fi
+    # Files with the extensions it takes, and folders to walk.
+    compopt -o filenames 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -f -X '!*.@(mp3|m4a|mp4|m4v|mov|wma|wav|ac3|flac|mp2|ogg|MP3|M4A|MP4|M4V|MOV|WMA|WAV|AC3|FLAC|MP2|OGG)' -- "$cur"; compgen -d -- "$cur")
+}
+complete -F _evenloud_cli evenloud-cli
