@@ -1,17 +1,22 @@
 #include "app/AppDelegate.h"
 
+#include "app/RQAccessibility.h"
 #include "app/RQAppSettings.h"
+#include "app/RQAudioGainRows.h"
+#include "app/RQDesktopServices.h"
 #include "app/RQPalette.h"
 #include "engine/VXMainThread.h"
 #include "views/RQPopupMenuWndCtrl.h"
 
 #include "ui_MainWindow.h"
 
+#include <QAction>
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDragMoveEvent>
 #include <QDropEvent>
 #include <QMessageBox>
+#include <QScreen>
 
 namespace {
 // A job's last report can take a moment to be refused once hops stop; the
@@ -21,11 +26,12 @@ constexpr int kImportDrainMsecs = 300;
 } // namespace
 
 AppDelegate::AppDelegate(QObject *parent)
-    : QObject(parent), m_ui(std::make_unique<Ui::MainWindow>()), m_audioGains(new VXAudioGainList(this))
+    : QObject(parent), m_ui(std::make_unique<Ui::MainWindow>()), m_audioGains(new RQAudioGainRows(this))
 {
     m_window = new QMainWindow;
     m_window->setAttribute(Qt::WA_DeleteOnClose, false);
     m_ui->setupUi(m_window);
+    RQAccessibility::attachPopup(m_window, RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->window());
     m_importPool.setMaxThreadCount(4);
     m_alert = [this](const QString &message, const QString &informative) {
         QMessageBox box(m_window);
@@ -37,6 +43,7 @@ AppDelegate::AppDelegate(QObject *parent)
         box.exec();
     };
     m_reveal = [this](const QString &folder) { revealFolder(folder); };
+    m_notify = [](const QString &summary, const QString &body) { RQDesktopServices::notify(summary, body); };
     connectWindow();
 }
 
@@ -94,11 +101,11 @@ void AppDelegate::connectWindow()
     connect(this, &AppDelegate::replaceOriginalFileChanged, this,
             [this] { m_ui->chkReplaceOriginalFile->setChecked(m_replaceOriginalFile); });
     connect(this, &AppDelegate::outFolderChanged, this, [this] {
-        m_ui->txtFolder->setText(m_outFolder);
+        m_ui->txtFolder->setText(finalOutFolder().isNull() ? tr("Please select a output folder") : m_outFolder);
         m_ui->txtFolder->setCursorPosition(0);
         m_ui->txtFolder->setToolTip(finalOutFolder());
     });
-    ui.txtFolder->setText(m_outFolder);
+    ui.txtFolder->setText(tr("Please select a output folder"));
     connect(this, &AppDelegate::importingFileNameChanged, this,
             [this] { m_ui->importPrgView->setImportingFileName(m_importingFileName); });
 
@@ -117,6 +124,25 @@ void AppDelegate::connectWindow()
     connect(ui.actionRemoveSelected, &QAction::triggered, this, &AppDelegate::removeSelected);
     connect(ui.actionClearList, &QAction::triggered, this, &AppDelegate::cleanGains);
     connect(ui.actionAbout, &QAction::triggered, this, &AppDelegate::showAbout);
+    connect(ui.actionSelectAll, &QAction::triggered, list, &QListView::selectAll);
+
+    // Window-wide keys with no menu entry: the button's own shortcut would
+    // be reset each time its face changes.
+    ui.actionGain->setShortcuts({QKeySequence(Qt::CTRL | Qt::Key_Return), QKeySequence(Qt::CTRL | Qt::Key_Enter)});
+    connect(ui.actionGain, &QAction::triggered, this, [this] {
+        if (m_ui->btnGain->isEnabled())
+            gainAudioAction();
+    });
+    connect(ui.actionCancelSelected, &QAction::triggered, this, &AppDelegate::cancelSelectedJobs);
+    m_window->addActions({ui.actionGain, ui.actionCancelSelected});
+
+    // Only replacing has an original whose time could be kept.
+    ui.actionPreserveModificationTime->setChecked(RQAppSettings::preserveModificationTime());
+    ui.actionPreserveModificationTime->setEnabled(m_replaceOriginalFile);
+    connect(ui.actionPreserveModificationTime, &QAction::toggled, this,
+            [](bool keep) { RQAppSettings::setPreserveModificationTime(keep); });
+    connect(this, &AppDelegate::replaceOriginalFileChanged, this,
+            [this] { m_ui->actionPreserveModificationTime->setEnabled(m_replaceOriginalFile); });
 
     m_window->installEventFilter(this);
 }
@@ -130,6 +156,7 @@ void AppDelegate::applicationDidFinishLaunching()
     setGainBtnFace(false);
     setOutFolder(userSelectOutFolder());
     m_ui->btnActiveFolder->setVisible(!finalOutFolder().isNull());
+    fitWindowToScreen();
 
     QListView *list = m_ui->tableView;
     list->setAcceptDrops(true);
@@ -166,11 +193,11 @@ bool AppDelegate::windowShouldClose()
         busy = busy || item->isRunning();
     if (!busy)
         return true;
-    const QString what = m_allowedImport ? QStringLiteral("gaining") : QStringLiteral("importing");
+    const QString message = m_allowedImport ? tr("It is gaining, please wait.") : tr("It is importing, please wait.");
     const QString informative = m_allowedImport
-        ? QStringLiteral("Can't close this window while is gaining. If you want to close, please cancel gain first.")
-        : QStringLiteral("Can't close this window while is importing. If you want to close, please cancel import first.");
-    alert(QStringLiteral("It is %1, please wait.").arg(what), informative);
+        ? tr("Can't close this window while is gaining. If you want to close, please cancel gain first.")
+        : tr("Can't close this window while is importing. If you want to close, please cancel import first.");
+    alert(message, informative);
     return false;
 }
 
@@ -210,6 +237,28 @@ void AppDelegate::quitApplication()
     // applicationWillTerminate() cancels what still runs.
     m_quitting = true;
     QCoreApplication::exit(0);
+}
+
+void AppDelegate::fitWindowToScreen()
+{
+    const QScreen *screen = m_window->screen();
+    if (!screen)
+        return;
+    // The frame is not known before the first show: leave room for a
+    // title bar and borders of the usual size.
+    const QSize room = screen->availableGeometry().size() - QSize(16, 48);
+    if (room.isEmpty())
+        return;
+    m_window->setMinimumSize(m_window->minimumSize().boundedTo(room));
+    m_window->resize(m_window->size().boundedTo(room));
+}
+
+void AppDelegate::bringWindowForward()
+{
+    m_window->setWindowState(m_window->windowState() & ~Qt::WindowMinimized);
+    m_window->show();
+    m_window->raise();
+    m_window->activateWindow();
 }
 
 QString AppDelegate::productName() const

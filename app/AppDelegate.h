@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QDialog>
+#include <QElapsedTimer>
 #include <QMainWindow>
 #include <QObject>
 #include <QPointer>
@@ -51,8 +52,13 @@ public:
     using AlertPresenter = std::function<void(const QString &message, const QString &informative)>;
     // Shows the folder in the file manager.
     using FolderRevealer = std::function<void(const QString &folder)>;
+    // Tells the desktop, outside the window, that a batch has ended.
+    using Notifier = std::function<void(const QString &summary, const QString &body)>;
 
     static inline const QString kOutFolderPlaceholder = QStringLiteral("Please select a output folder");
+    // A batch that ends after this long, with the window in the background,
+    // is announced by a desktop notification.
+    static constexpr qint64 kNotifyAfterMsecs = 10000;
 
     // Builds the main window from its interface file; start-up proper is
     // applicationDidFinishLaunching().
@@ -82,6 +88,9 @@ public:
     Qt::DropAction dragOperationWithDragInfo(const QMimeData *data) const;
     bool acceptDropWithDragInfo(const QMimeData *data);
     static QStringList pathsFromURLs(const QList<QUrl> &urls);
+    // Files and folders from the command line or a later launch, added as
+    // a drop of them would be. False when none is taken.
+    bool openPaths(const QStringList &paths);
     void importAudioWithURLs(const QList<QUrl> &urls, bool recursive);
     void importAudioWithPaths(const QStringList &paths, bool recursive);
     bool audioFileImported(const QString &path) const;
@@ -113,6 +122,8 @@ public:
 
     // The window and its controls, for main() and for tests.
     QMainWindow *window() const { return m_window; }
+    // Shown, raised and asked to take focus (a later launch handed files over).
+    void bringWindowForward();
     QListView *tableView() const;
     QPushButton *btnGain() const;
     QToolButton *btnActiveFolder() const;
@@ -126,6 +137,7 @@ public:
     // Seams: modal alerts and the file manager are replaced in tests.
     void setAlertPresenter(AlertPresenter presenter) { m_alert = std::move(presenter); }
     void setFolderRevealer(FolderRevealer revealer) { m_reveal = std::move(revealer); }
+    void setNotifier(Notifier notifier) { m_notify = std::move(notifier); }
 
 public slots:
     // User commands.
@@ -134,6 +146,9 @@ public slots:
     void selectAudioFiles();
     void cancelImport();
     void gainAudioAction();
+    // Cancels the running jobs among the selected items (all items when
+    // none is selected).
+    void cancelSelectedJobs();
     void selectOutFolder();
     void avtiveOutputPath();
     void chkReplaceOriginalFileChanged();
@@ -168,6 +183,8 @@ private:
     void revealFolder(const QString &folder);
     void stopAllWork();
     void savePeakSettings();
+    void batchReported(qint32 state);
+    void fitWindowToScreen();
 
     std::unique_ptr<Ui::MainWindow> m_ui;
     QPointer<QMainWindow> m_window;
@@ -191,6 +208,12 @@ private:
 
     AlertPresenter m_alert;
     FolderRevealer m_reveal;
+    Notifier m_notify;
+    // The batch under way, for the launcher's progress and the notification
+    // at its end.
+    QList<VXAudioGainPtr> m_batch;
+    QElapsedTimer m_batchClock;
+    QElapsedTimer m_progressClock;
     bool m_terminated = false;
     bool m_quitting = false;
 };

@@ -1,8 +1,11 @@
 #include "app/AppDelegate.h"
 
+#include "app/RQDesktopServices.h"
 #include "app/RQPalette.h"
 #include "engine/codec/VXLog.h"
 #include "views/RQPopupMenuWndCtrl.h"
+
+#include "ui_MainWindow.h"
 
 #include <QPushButton>
 
@@ -22,8 +25,12 @@ void AppDelegate::gainAudioAction()
             selectOutputFolder(true);
         return;
     }
-    // Face "Cancel": only the chosen items that run; the face follows their
-    // end reports.
+    cancelSelectedJobs();
+}
+
+void AppDelegate::cancelSelectedJobs()
+{
+    // Only the chosen items that run; the face follows their end reports.
     for (const VXAudioGainPtr &item : selectedAudioGains()) {
         if (item->isRunning())
             item->cancelGain();
@@ -39,13 +46,25 @@ void AppDelegate::gainAudios()
     }
     const QPointer<AppDelegate> self(this);
     const VXGainBlock report = [self](qint32 state, qint64) {
+        if (!self)
+            return;
         // Progress shows in the row itself; only an end can change the face.
-        if (state == 3 && self)
+        if (state == 3)
             self->updateGainFace();
+        self->batchReported(state);
     };
+    // Jobs added while others run join their batch.
+    bool batchRunning = false;
+    for (const VXAudioGainPtr &item : std::as_const(m_batch))
+        batchRunning = batchRunning || item->isRunning();
+    if (!batchRunning) {
+        m_batch.clear();
+        m_batchClock.start();
+    }
     const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     const float ceiling = popup->truePeakCeiling();
     const bool limitPeaks = popup->limitPeaks();
+    const bool keepTime = m_replaceOriginalFile && m_ui->actionPreserveModificationTime->isChecked();
     bool started = false;
     for (const VXAudioGainPtr &item : selectedAudioGains()) {
         if (!isEligible(*item))
@@ -56,11 +75,48 @@ void AppDelegate::gainAudios()
             item->setOutFolder(folder);
         item->setTruePeakCeiling(ceiling);
         item->setLimitPeaks(limitPeaks);
+        item->setPreserveModificationTime(keepTime);
+        m_batch.append(item);
         item->gainWithBlock(report);
         started = true;
     }
     if (started)
         setGainBtnFace(true);
+}
+
+void AppDelegate::batchReported(qint32 state)
+{
+    // A percent of one file is too fine to send on to the desktop.
+    if (state == 2 && m_progressClock.isValid() && m_progressClock.elapsed() < 250)
+        return;
+    m_progressClock.start();
+    qint64 done = 0;
+    int succeeded = 0, failed = 0;
+    bool running = false;
+    for (const VXAudioGainPtr &item : std::as_const(m_batch)) {
+        running = running || item->isRunning();
+        if (item->state() == 3) {
+            done += 100;
+            succeeded += item->retCode() == 0;
+            failed += item->retCode() == -1;
+        } else if (item->state() == 2) {
+            done += qBound(qint64(0), item->retCode(), qint64(100));
+        }
+    }
+    if (running) {
+        RQDesktopServices::setLauncherProgress(double(done) / (100.0 * qMax(1, int(m_batch.size()))), true);
+        return;
+    }
+    RQDesktopServices::setLauncherProgress(0, false);
+    // A short batch is watched; a long one may have been left behind another window.
+    if (m_batchClock.isValid() && m_batchClock.elapsed() > kNotifyAfterMsecs && !m_window->isActiveWindow()
+        && m_notify) {
+        m_notify(tr("Gain finished"), failed == 0 ? tr("%n file(s) succeeded.", nullptr, succeeded)
+                                                  : tr("%n file(s) succeeded, %1 failed.", nullptr, succeeded)
+                                                        .arg(failed));
+    }
+    m_batch.clear();
+    m_batchClock.invalidate();
 }
 
 void AppDelegate::updateGainFace()
@@ -91,7 +147,7 @@ void AppDelegate::updateGainFace()
 void AppDelegate::setGainBtnFace(bool cancelFace)
 {
     QPushButton *button = btnGain();
-    button->setText(cancelFace ? QStringLiteral("Cancel") : QStringLiteral("Gain"));
+    button->setText(cancelFace ? tr("Cancel") : tr("Gain"));
     RQPalette::setTitleColor(button, RQPalette::lightTitle());
     button->setProperty("tag", cancelFace ? 1 : 0);
 }

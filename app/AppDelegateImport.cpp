@@ -51,6 +51,18 @@ bool AppDelegate::acceptDropWithDragInfo(const QMimeData *data)
     return true;
 }
 
+bool AppDelegate::openPaths(const QStringList &paths)
+{
+    // The same way in as a drop of the same files from the file manager.
+    QList<QUrl> urls;
+    urls.reserve(paths.size());
+    for (const QString &path : paths)
+        urls.append(QUrl::fromLocalFile(path));
+    QMimeData data;
+    data.setUrls(urls);
+    return acceptDropWithDragInfo(&data);
+}
+
 void AppDelegate::selectAudioFiles()
 {
     if (m_dialog)
@@ -95,7 +107,7 @@ void AppDelegate::importAudioWithPaths(const QStringList &paths, bool recursive)
         setAllowedImport(false);
         m_ui->importPrgView->setBusy(true);
     }
-    setImportingFileName(QStringLiteral("Import, please wait..."));
+    setImportingFileName(tr("Import, please wait..."));
 
     const QPointer<AppDelegate> self(this);
     RQImportWalk walk;
@@ -163,9 +175,9 @@ void AppDelegate::importSingleFile(const QString &path, const VXAudioGainPtr &it
 void AppDelegate::showImportFailure(const QString &path, const VXError &error)
 {
     const QString informative = error.userInfo.contains(QLatin1String(VXTranscodingDRMProtected))
-        ? QStringLiteral("DRM protected stream detected, can not import such file.")
-        : QStringLiteral("Failed to parser file with unknown reason.");
-    alert(QStringLiteral("Can not import audio file(%1)").arg(path), informative);
+        ? tr("DRM protected stream detected, can not import such file.")
+        : tr("Failed to parser file with unknown reason.");
+    alert(tr("Can not import audio file(%1)").arg(path), informative);
 }
 
 void AppDelegate::cancelImport()

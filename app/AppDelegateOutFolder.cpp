@@ -98,9 +98,16 @@ void AppDelegate::avtiveOutputPath()
 void AppDelegate::revealFolder(const QString &folder)
 {
     const QUrl url = QUrl::fromLocalFile(folder);
+    // With nothing to show the folder, the click must not pass in silence.
+    const QPointer<AppDelegate> self(this);
+    const auto open = [self, url, folder] {
+        if (!QDesktopServices::openUrl(url) && self)
+            self->alert(tr("Cannot show the output folder"),
+                        tr("No file manager is available to show %1.").arg(folder));
+    };
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
-        QDesktopServices::openUrl(url);
+        open();
         return;
     }
     // Asynchronous: a file manager that is slow to start must not freeze
@@ -110,9 +117,9 @@ void AppDelegate::revealFolder(const QString &folder)
         QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
     call << QStringList{url.toString()} << QString();
     auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 5000), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [url](QDBusPendingCallWatcher *w) {
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [open](QDBusPendingCallWatcher *w) {
         if (w->isError())
-            QDesktopServices::openUrl(url);
+            open();
         w->deleteLater();
     });
 }

@@ -49,4 +49,14 @@ bool limitPeaks() { return QSettings().value(QLatin1String(kRQLimitPeaks), false
 
 void setLimitPeaks(bool limit) { QSettings().setValue(QLatin1String(kRQLimitPeaks), limit); }
 
+bool preserveModificationTime()
+{
+    return QSettings().value(QLatin1String(kRQPreserveModificationTime), false).toBool();
+}
+
+void setPreserveModificationTime(bool keep)
+{
+    QSettings().setValue(QLatin1String(kRQPreserveModificationTime), keep);
+}
+
 } // namespace RQAppSettings

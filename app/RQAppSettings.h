@@ -2,13 +2,14 @@
 
 #include <QString>
 
-// What the app remembers between runs: the output folder and how peaks are
-// held at Gain.
+// What the app remembers between runs: the output folder, how peaks are
+// held at Gain, and whether replacing keeps modification times.
 namespace RQAppSettings {
 
 inline constexpr char kRQUserSelectedOutFolder[] = "kRQUserSelectedOutFolder";
 inline constexpr char kRQTruePeakCeiling[] = "kRQTruePeakCeiling";
 inline constexpr char kRQLimitPeaks[] = "kRQLimitPeaks";
+inline constexpr char kRQPreserveModificationTime[] = "kRQPreserveModificationTime";
 
 // The remembered folder's absolute path; a null string when none is stored
 // or the stored one is no longer an existing folder (the entry stays).
@@ -23,5 +24,8 @@ float truePeakCeiling();
 void setTruePeakCeiling(float dbtp);
 bool limitPeaks();
 void setLimitPeaks(bool limit);
+// Whether a replaced original's modification time goes to its result.
+bool preserveModificationTime();
+void setPreserveModificationTime(bool keep);
 
 } // namespace RQAppSettings

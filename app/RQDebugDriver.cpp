@@ -19,7 +19,7 @@ RQDebugDriver::RQDebugDriver(AppDelegate *delegate) : QObject(delegate), m_deleg
 
 namespace {
 // A non-negative whole number; -1 when absent, -2 when malformed.
-int countValue(const QCommandLineParser &parser, const QCommandLineOption &option)
+int countValue(const QCommandLineParser &parser, const QString &option)
 {
     if (!parser.isSet(option))
         return -1;
@@ -29,28 +29,43 @@ int countValue(const QCommandLineParser &parser, const QCommandLineOption &optio
 }
 }  // namespace
 
+QList<QCommandLineOption> RQDebugDriver::options()
+{
+    QList<QCommandLineOption> options{
+        QCommandLineOption(QStringLiteral("import"), QString(), QStringLiteral("path")),
+        QCommandLineOption(QStringLiteral("recursive")),
+        QCommandLineOption(QStringLiteral("output-folder"), QString(), QStringLiteral("dir")),
+        QCommandLineOption(QStringLiteral("gain")),
+        QCommandLineOption(QStringLiteral("screenshot"), QString(), QStringLiteral("file")),
+        QCommandLineOption(QStringLiteral("screenshot-when-progress"), QString(), QStringLiteral("percent")),
+        QCommandLineOption(QStringLiteral("screenshot-when-imported"), QString(), QStringLiteral("rows")),
+        QCommandLineOption(QStringLiteral("popup"), QString(), QStringLiteral("row")),
+        QCommandLineOption(QStringLiteral("quit-when-done")),
+        QCommandLineOption(QStringLiteral("quit-after"), QString(), QStringLiteral("msecs")),
+    };
+    for (QCommandLineOption &option : options)
+        option.setFlags(QCommandLineOption::HiddenFromHelp);
+    return options;
+}
+
 bool RQDebugDriver::start(const QStringList &arguments)
 {
     QCommandLineParser parser;
-    const QCommandLineOption import(QStringLiteral("import"), QString(), QStringLiteral("path"));
-    const QCommandLineOption recursive(QStringLiteral("recursive"));
-    const QCommandLineOption folder(QStringLiteral("output-folder"), QString(), QStringLiteral("dir"));
-    const QCommandLineOption gain(QStringLiteral("gain"));
-    const QCommandLineOption screenshot(QStringLiteral("screenshot"), QString(), QStringLiteral("file"));
-    const QCommandLineOption whenProgress(QStringLiteral("screenshot-when-progress"), QString(),
-                                          QStringLiteral("percent"));
-    const QCommandLineOption whenImported(QStringLiteral("screenshot-when-imported"), QString(),
-                                          QStringLiteral("rows"));
-    const QCommandLineOption popup(QStringLiteral("popup"), QString(), QStringLiteral("row"));
-    const QCommandLineOption quit(QStringLiteral("quit-when-done"));
-    const QCommandLineOption quitAfter(QStringLiteral("quit-after"), QString(), QStringLiteral("msecs"));
-    for (const auto &option : {import, recursive, folder, gain, screenshot, whenProgress, whenImported, popup, quit,
-                               quitAfter})
+    const QList<QCommandLineOption> all = options();
+    for (const QCommandLineOption &option : all)
         parser.addOption(option);
+    // The window's own options and files are RQCommandLine's.
+    parser.addOption(QCommandLineOption(QStringList{QStringLiteral("h"), QStringLiteral("help")}));
+    parser.addOption(QCommandLineOption(QStringList{QStringLiteral("v"), QStringLiteral("version")}));
     if (!parser.parse(arguments)) {
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
         return false;
     }
+    const QString import = QStringLiteral("import"), recursive = QStringLiteral("recursive"),
+                  folder = QStringLiteral("output-folder"), gain = QStringLiteral("gain"),
+                  screenshot = QStringLiteral("screenshot"), whenProgress = QStringLiteral("screenshot-when-progress"),
+                  whenImported = QStringLiteral("screenshot-when-imported"), popup = QStringLiteral("popup"),
+                  quit = QStringLiteral("quit-when-done"), quitAfter = QStringLiteral("quit-after");
     m_whenProgress = countValue(parser, whenProgress);
     m_whenImported = countValue(parser, whenImported);
     m_popupRow = countValue(parser, popup);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QCommandLineOption>
+#include <QList>
 #include <QObject>
 #include <QPixmap>
 #include <QString>
@@ -20,6 +22,8 @@ class RQDebugDriver : public QObject {
     Q_OBJECT
 public:
     explicit RQDebugDriver(AppDelegate *delegate);
+    // The flags above, hidden from --help.
+    static QList<QCommandLineOption> options();
     // False on a malformed command line (the message is on standard error).
     bool start(const QStringList &arguments);
 

@@ -1,6 +1,7 @@
 #include "views/RQBottomView.h"
 
 #include <QChildEvent>
+#include <QLayout>
 #include <QPaintEvent>
 #include <QPainter>
 
@@ -10,9 +11,10 @@ const QColor kTopLine(63, 57, 59);
 const QColor kFolderFrame(132, 129, 128);
 const QColor kDivider(47, 43, 44);
 const QLatin1String kFolderViewName("folderView");
-// The dividers sit at fixed x positions, spanning 16 to 44 points above the
-// bar's bottom edge, whatever the bar's size.
-constexpr int kDividerX[] = {53, 673};
+// The dividers span 16 to 44 points above the bar's bottom edge. They sit in
+// the gaps on either side of the folder field, so a wide window never draws
+// one through the field; without a field, at the design positions.
+constexpr int kDesignDividerX[] = {53, 673};
 constexpr int kDividerBottom = 16, kDividerTop = 44;
 }  // namespace
 
@@ -44,7 +46,12 @@ void RQBottomView::paintEvent(QPaintEvent *event)
         painter.fillRect(QRect(folder.right(), folder.top(), 1, folder.height()), kFolderFrame);
     }
 
-    for (int x : kDividerX)
+    QList<int> dividers(std::begin(kDesignDividerX), std::end(kDesignDividerX));
+    if (!folder.isEmpty()) {
+        const int half = layout() ? qMax(1, layout()->spacing() / 2) : 6;
+        dividers = {folder.left() - half, folder.right() + half};
+    }
+    for (int x : std::as_const(dividers))
         painter.fillRect(QRect(x, h - kDividerTop, 1, kDividerTop - kDividerBottom), kDivider);
 }
 

@@ -3,8 +3,8 @@
 #include <QWidget>
 
 // The bar along the bottom of the main window. Its controls are laid out by
-// the window; the bar paints its background and fixed lines, and frames its
-// direct child named "folderView".
+// the window; the bar paints its background, its top line, the dividers
+// beside its direct child named "folderView", and a frame around that child.
 class RQBottomView : public QWidget {
     Q_OBJECT
 public:

@@ -25,6 +25,10 @@ void RQMeunWindow::changeEvent(QEvent *event)
 
 void RQMeunWindow::keyPressEvent(QKeyEvent *event)
 {
+    if (event->key() == Qt::Key_F4 && event->modifiers() == Qt::AltModifier) {
+        emit closeRequested();
+        return;
+    }
     switch (event->key()) {
     case Qt::Key_Escape:
         hide();

@@ -13,6 +13,8 @@ signals:
     void resignedKey();
     // An arrow or page key pressed with no control taking it: steps to add.
     void stepRequested(int steps);
+    // The window-closing key (Alt+F4) was pressed while the popup had the keyboard.
+    void closeRequested();
 
 protected:
     bool event(QEvent *event) override;

@@ -4,6 +4,7 @@
 #include "ui_RQPopupMenuWndCtrl.h"
 
 #include <QApplication>
+#include <QScreen>
 #include <QSignalBlocker>
 #include <QWindow>
 
@@ -166,6 +167,15 @@ void RQPopupMenuWndCtrl::awakeFromNib()
             [this](double v) { setTruePeakCeiling(float(v)); });
     connect(ui.chkLimitPeaks, &QAbstractButton::toggled, this, &RQPopupMenuWndCtrl::setLimitPeaks);
     connect(d->window, &RQMeunWindow::resignedKey, d->window, &QWidget::hide);
+    // Alt+F4 reaches the popup, which holds the keyboard: it is meant for
+    // the window under it, which then closes as it would have.
+    connect(d->window, &RQMeunWindow::closeRequested, this, [this] {
+        QWindow *handle = d->window->windowHandle();
+        QWindow *owner = handle ? handle->transientParent() : nullptr;
+        d->window->hide();
+        if (owner)
+            owner->close();
+    });
     connect(d->window, &RQMeunWindow::stepRequested, this, [this](int steps) {
         userChangedValue(qBound(0.0f, d->targetLoudness + float(steps), 100.0f), d->window);
     });
@@ -186,7 +196,7 @@ void RQPopupMenuWndCtrl::syncControls()
     }
     const float range = VXMaxIntegratedLoudnessTarget - VXMinIntegratedLoudnessTarget;
     const float lufs = v * range / 100.0f + VXMinIntegratedLoudnessTarget;
-    ui.lblLufs->setText(QStringLiteral("%1 LUFS").arg(double(lufs), 0, 'f', 1));
+    ui.lblLufs->setText(tr("%1 LUFS").arg(double(lufs), 0, 'f', 1));
     const QSignalBlocker blockCeiling(ui.spnTruePeakCeiling);
     const QSignalBlocker blockLimit(ui.chkLimitPeaks);
     ui.spnTruePeakCeiling->setValue(d->truePeakCeiling);
@@ -209,11 +219,27 @@ void RQPopupMenuWndCtrl::popupMenuWndWithLocation(const QPoint &globalPoint)
         win->winId();
         win->windowHandle()->setTransientParent(active->windowHandle());
     }
-    win->move(globalPoint);
+    // A popup on Linux is not moved by the window system: one that crosses
+    // an edge would hide its value box.
+    QScreen *screen = QGuiApplication::screenAt(globalPoint);
+    if (!screen && active)
+        screen = active->screen();
+    if (!screen)
+        screen = QGuiApplication::primaryScreen();
+    const QSize size = win->size().expandedTo(win->minimumSizeHint());
+    win->move(screen ? placeInside(QRect(globalPoint, size), screen->availableGeometry()) : globalPoint);
     win->show();
     win->raise();
     win->activateWindow();
     d->ui.sldTargetLoudness->setFocus(Qt::PopupFocusReason);
+}
+
+QPoint RQPopupMenuWndCtrl::placeInside(const QRect &wanted, const QRect &available)
+{
+    QPoint at = wanted.topLeft();
+    at.setX(qMax(available.left(), qMin(at.x(), available.right() + 1 - wanted.width())));
+    at.setY(qMax(available.top(), qMin(at.y(), available.bottom() + 1 - wanted.height())));
+    return at;
 }
 
 void RQPopupMenuWndCtrl::targetLoudnessChanged(QObject *)

@@ -5,6 +5,7 @@
 #include <QPointer>
 
 class QAbstractButton;
+class QRect;
 class QDoubleSpinBox;
 class QWidget;
 class RQMenuView;
@@ -57,8 +58,12 @@ public:
     QAbstractButton *btnApplyToAll();
     QDoubleSpinBox *spnTruePeakCeiling();
     QAbstractButton *chkLimitPeaks();
-    // Top-left corner at the global point; shown and activated.
+    // Top-left corner at the global point, moved back inside the screen's
+    // available area where it would cross an edge; shown and activated.
     void popupMenuWndWithLocation(const QPoint &globalPoint);
+    // Where a window of the wanted geometry goes so that all of it is on
+    // the available area (its top-left corner when it is larger).
+    static QPoint placeInside(const QRect &wanted, const QRect &available);
     // Posts kRQTargetLoudnessChaned, unconditionally.
     void targetLoudnessChanged(QObject *sender = nullptr);
 

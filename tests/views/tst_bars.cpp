@@ -72,19 +72,24 @@ void TestBars::bottomBarLinesAndFolderFrame()
     QCOMPARE_PIXEL(image, 250, 38, kBar, 0);
     QCOMPARE_PIXEL(image, 400, 40, kBar, 0);
 
-    // Dividers: x = 53 and 673, from 16 to 44 points above the bottom, and
-    // they keep those places when the bar grows.
+    // Dividers: in the gaps on either side of the folder field, from 16 to
+    // 44 points above the bottom; they follow the field when the bar grows
+    // and the field with it, and never cross it.
     for (QSize size : {QSize(800, 60), QSize(1000, 90)}) {
         bar.resize(size);
+        folder->setGeometry(100, size.height() - 10 - 22, size.width() - 200, 22);
         image = renderAlone(bar);
         const int h = size.height();
-        for (int x : {53, 673}) {
+        const QRect field = bar.frameOfFolderView();
+        for (int x : {field.left() - 6, field.right() + 6}) {
             QCOMPARE_PIXEL(image, x, h - 44, kDivider, 0);
             QCOMPARE_PIXEL(image, x, h - 17, kDivider, 0);
             QCOMPARE_PIXEL(image, x, h - 45, kBar, 0);
             QCOMPARE_PIXEL(image, x, h - 16, kBar, 0);
             QCOMPARE_PIXEL(image, x + 1, h - 30, kBar, 0);
         }
+        for (int x = field.left() + 1; x < field.right(); ++x)
+            QVERIFY(image.pixelColor(x, field.center().y()) != kDivider);
         QCOMPARE_PIXEL(image, size.width() - 1, 0, kTopLine, 0);
     }
 }

@@ -4,7 +4,9 @@
 
 #include <QAbstractButton>
 #include <QDoubleSpinBox>
+#include <QGuiApplication>
 #include <QLabel>
+#include <QScreen>
 #include <QSignalSpy>
 #include <QSlider>
 #include <QtTest>
@@ -18,6 +20,7 @@ private slots:
     void keyboardStepsAndEscape();
     void hidesWhenAnotherWindowIsActivated();
     void menuViewPaintsBackgroundAndBorder();
+    void staysInsideTheScreenNearEachEdge();
 };
 
 void TestPopup::opensAtTheAnchorPresetAndReset()
@@ -46,8 +49,8 @@ void TestPopup::opensAtTheAnchorPresetAndReset()
 
     // Reopening elsewhere moves it; the size stays.
     const QSize size = window->size();
-    popup->popupMenuWndWithLocation(QPoint(20, 640));
-    QCOMPARE(window->frameGeometry().topLeft(), QPoint(20, 640));
+    popup->popupMenuWndWithLocation(QPoint(20, 40));
+    QCOMPARE(window->frameGeometry().topLeft(), QPoint(20, 40));
     QCOMPARE(window->size(), size);
 }
 
@@ -143,6 +146,30 @@ void TestPopup::menuViewPaintsBackgroundAndBorder()
     RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     QVERIFY(popup->menuView());
     QCOMPARE(popup->menuView()->window(), popup->window());
+}
+
+void TestPopup::staysInsideTheScreenNearEachEdge()
+{
+    RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
+    QWidget *window = popup->window();
+    const QRect screen = QGuiApplication::primaryScreen()->availableGeometry();
+    const QPoint middle = screen.center() - QPoint(window->width(), window->height()) / 2;
+    // Asked for: where it must land.
+    const QList<std::pair<QPoint, QPoint>> cases{
+        {middle, middle},
+        {QPoint(screen.right() - 10, middle.y()), QPoint(screen.right() + 1 - window->width(), middle.y())},
+        {QPoint(middle.x(), screen.bottom() - 10), QPoint(middle.x(), screen.bottom() + 1 - window->height())},
+        {QPoint(screen.left() - 50, middle.y()), QPoint(screen.left(), middle.y())},
+        {QPoint(middle.x(), screen.top() - 50), QPoint(middle.x(), screen.top())},
+        {screen.bottomRight(), screen.bottomRight() + QPoint(1, 1) - QPoint(window->width(), window->height())},
+    };
+    for (const auto &[asked, expected] : cases) {
+        popup->popupMenuWndWithLocation(asked);
+        QVERIFY(window->isVisible());
+        QCOMPARE(window->pos(), expected);
+        QVERIFY(screen.contains(window->geometry()));
+        window->hide();
+    }
 }
 
 QTEST_MAIN(TestPopup)
