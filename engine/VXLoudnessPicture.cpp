@@ -137,12 +137,12 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
         legend += QStringLiteral("    true peak %1 dBTP").arg(data.input.truePeak, 0, 'f', 1);
     p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignLeft | Qt::AlignVCenter, legend);
     if (!data.output.shortTerm.empty()) {
-        p.setPen(kInput);
-        p.drawText(QRectF(plot.left(), 6, plot.width() - 90, 18), Qt::AlignRight | Qt::AlignVCenter,
-                   QStringLiteral("input"));
+        const QString output = QStringLiteral("output %1 LUFS").arg(data.output.integrated, 0, 'f', 1);
         p.setPen(kOutput);
-        p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignRight | Qt::AlignVCenter,
-                   QStringLiteral("output %1 LUFS").arg(data.output.integrated, 0, 'f', 1));
+        p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignRight | Qt::AlignVCenter, output);
+        p.setPen(kInput);
+        p.drawText(QRectF(plot.left(), 6, plot.width() - p.fontMetrics().horizontalAdvance(output) - 14, 18),
+                   Qt::AlignRight | Qt::AlignVCenter, QStringLiteral("input"));
     }
     return image;
 }

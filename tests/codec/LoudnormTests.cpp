@@ -1,6 +1,7 @@
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXFilter.h"
 #include "engine/codec/VXLog.h"
+#include "engine/codec/VXLoudnessMeter.h"
 #include "engine/codec/VXUtilCodec.h"
 #include "tests/codec/CodecTestUtil.h"
 
@@ -9,6 +10,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRandomGenerator>
+#include <cmath>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -183,3 +185,29 @@ TEST(Loudnorm, DecoderErrorFloodIsCapped)
 }
 
 } // namespace
+
+// Two levels a stereo 1 kHz sine gives exactly (-23 dBFS reads -23 LUFS):
+// the curve has one point a step, sits on each level once its 3 s window
+// holds that level alone, and the maxima are the louder level.
+TEST(LoudnormMeter, ShortTermCurveFollowsKnownLevels)
+{
+    const QString path = outPath("two-levels.wav");
+    const QString tone = "aevalsrc=%1*sin(2*PI*1000*t)|%1*sin(2*PI*1000*t):s=48000:d=6";
+    ASSERT_TRUE(fixtures::run("ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i", tone.arg(std::pow(10, -23 / 20.0)),
+                                         "-f", "lavfi", "-i", tone.arg(std::pow(10, -33 / 20.0)), "-filter_complex",
+                                         "[0][1]concat=n=2:v=0:a=1", "-c:a", "pcm_f32le", path}));
+    VXLoudness l;
+    QString why;
+    ASSERT_TRUE(VXMeasureFile(path, VXMeasureCurve, &l, &why)) << why.toStdString();
+    ASSERT_EQ(l.shortTerm.size(), size_t(12.0 / kVXShortTermStep + 0.5));
+    const size_t window = size_t(kVXShortTermWindow / kVXShortTermStep + 0.5);
+    for (size_t k = window - 1; k < 60; ++k)
+        EXPECT_NEAR(l.shortTerm[k], -23.0, 0.1) << k;
+    for (size_t k = 60 + window - 1; k < 120; ++k)
+        EXPECT_NEAR(l.shortTerm[k], -33.0, 0.1) << k;
+    // Before the first full window the missing time counts as silence.
+    EXPECT_NEAR(l.shortTerm[9], -23.0 + 10 * std::log10(1.0 / 3.0), 0.1);
+    EXPECT_NEAR(l.maxShortTerm, -23.0, 0.1);
+    EXPECT_NEAR(l.maxMomentary, -23.0, 0.1);
+    EXPECT_TRUE(std::isnan(l.truePeak));  // not asked for
+}
