@@ -90,6 +90,10 @@ std::string formatLine(void *avcl, int level, const char *fmt, va_list vl, bool 
 
 void routeLog(void *avcl, int level, const char *fmt, va_list vl)
 {
+    // Decoders print debug lines by the thousand; the record a filter
+    // prints is at info level. Nothing below that is looked up at all.
+    if ((level & 0xff) > AV_LOG_INFO)
+        return;
     std::shared_ptr<VXFilterLogState> state;
     if (avcl) {
         std::lock_guard<std::mutex> guard(registryLock);
