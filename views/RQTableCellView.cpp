@@ -144,6 +144,13 @@ void RQTableCellView::paint(QPainter *painter, const QStyleOptionViewItem &optio
         painter->setBrush(kPeakCapped);
         painter->drawEllipse(QRectF(l.state.right() - 9.5, l.state.bottom() - 9.5, 10, 10));
     }
+    // Keyboard users must see which row Space, Return and the arrows act on.
+    if (option.state & QStyle::State_HasFocus) {
+        painter->setRenderHint(QPainter::Antialiasing, false);
+        painter->setPen(QPen(kTitle, 1, Qt::DotLine));
+        painter->setBrush(Qt::NoBrush);
+        painter->drawRect(r.adjusted(1, 1, -2, -2));
+    }
     painter->restore();
 }
 
