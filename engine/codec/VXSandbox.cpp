@@ -8,6 +8,7 @@
 #include <linux/landlock.h>
 #include <seccomp.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -95,6 +96,41 @@ bool limitFiles(const SandboxGrant &grant, int abi, QString *why)
 }
 
 } // namespace
+
+SandboxGrant grantFor(const QStringList &command)
+{
+    SandboxGrant grant;
+    const QString verb = command.value(0);
+    if (verb == QLatin1String("transcode")) {
+        grant.readable << command.value(1);
+        grant.writable << command.value(2);
+    } else if (verb == QLatin1String("measure") || verb == QLatin1String("probe")) {
+        grant.readable << command.value(1);
+    } else {
+        grant.readable << QStringLiteral("/");
+    }
+    return grant;
+}
+
+QString attemptEscapeForTest(const QString &what)
+{
+    if (what == QLatin1String("socket")) {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        return fd >= 0 ? QStringLiteral("opened a socket") : QStringLiteral("socket refused");
+    }
+    if (what == QLatin1String("exec")) {
+        ::execl("/bin/true", "true", static_cast<char *>(nullptr));
+        return QStringLiteral("exec refused");
+    }
+    if (what.startsWith(QLatin1String("open:"))) {
+        const int fd = ::open(QFile::encodeName(what.mid(5)).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (fd < 0)
+            return QStringLiteral("open refused: %1").arg(errnoText());
+        ::close(fd);
+        return QStringLiteral("wrote outside the grant");
+    }
+    return {};
+}
 
 bool enterSandbox(const SandboxGrant &grant, QString *note)
 {

@@ -22,4 +22,14 @@ struct SandboxGrant {
 // given) says what; false only when a step the kernel offers failed.
 bool enterSandbox(const SandboxGrant &grant, QString *note = nullptr);
 
+// The grant of a worker command ("transcode IN OUT ...", "measure FILE ...",
+// "probe FILE"): its input to read, its output to write. Commands that take
+// files as they come get read access everywhere and write access nowhere.
+SandboxGrant grantFor(const QStringList &command);
+
+// Test seam: does what a taken-over decoder might ("socket", "exec", or
+// "open:PATH" to write a file outside the grant). In a sandbox, the process
+// dies of it or is refused; returns what happened when it survives.
+QString attemptEscapeForTest(const QString &what);
+
 } // namespace vx
