@@ -2,6 +2,7 @@
 """Checks one evenloud-cli run against the independent meter.
 
     check.py METER TARGET CEILING RESULTS.json
+    check.py --agree DEFAULT.json QUICK.json
 
 For every file: the kind the CLI reports, the output as the meter measures
 it, and whether that is what the kind promises:
@@ -23,7 +24,24 @@ def meter(binary, path):
     return float(out[0]), float(out[1]), float(out[2])
 
 
+def agree(default_path, quick_path):
+    """One line: how far the quick first pass's figures are from the default's."""
+    def by_input(path):
+        with open(path) as f:
+            return {r["input"]: r for r in json.load(f)}
+    default, quick = by_input(default_path), by_input(quick_path)
+    worst = {}
+    for key in ("input_i", "output_i", "gain_db"):
+        diffs = [(abs(float(quick[n][key]) - float(r[key])), n) for n, r in default.items()
+                 if n in quick and r.get(key) is not None and quick[n].get(key) is not None]
+        worst[key] = max(diffs) if diffs else (float("nan"), "-")
+    line = "   ".join(f"{k} worst {d:.2f} LU ({n.rsplit('/', 1)[-1]})" for k, (d, n) in worst.items())
+    print(f"{line}   (target <= 0.2)")
+
+
 def main():
+    if sys.argv[1] == "--agree":
+        return agree(sys.argv[2], sys.argv[3])
     binary, target, ceiling, results = sys.argv[1], float(sys.argv[2]), float(sys.argv[3]), sys.argv[4]
     kinds = collections.Counter()
     misses = 0

@@ -74,6 +74,21 @@ mkdir -p "$work/par"
 timed par bash -c 'printf "%s\0" "$@" | xargs -0 -P 2 -I{} "$root/bench/recipe.sh" {} "$work/par" "$target"' _ "${files[@]}"
 par=$(field par 1)
 
+echo "== evenloud-cli, batch, --quick (native-rate first pass)" >&2
+timed quick "$cli" --quick --jobs "$jobs" -o "$work/quick" --json "${files[@]}" >"$work/quick.json" 2>>"$work/ours.log" ||
+  { echo "evenloud-cli --quick failed, see $work/ours.log" >&2; exit 1; }
+quick=$(field quick 1)
+
+echo "== evenloud-cli --analyze, and the recipe's first pass alone" >&2
+timed analyze "$cli" --analyze --jobs "$jobs" --json "${files[@]}" >"$work/analyze.json" 2>/dev/null
+analyze=$(field analyze 1)
+pass1() { ffmpeg -v error -nostdin -i "$1" -af "loudnorm=I=$target:print_format=json" -f null - 2>/dev/null; }
+export -f pass1
+timed pass1 bash -c 'for f; do pass1 "$f" || exit 1; done' _ "${files[@]}"
+timed pass1x2 bash -c 'printf "%s\0" "$@" | xargs -0 -P 2 -I{} bash -c "pass1 \"\$1\"" _ {}' _ "${files[@]}"
+pass1=$(field pass1 1)
+pass1x2=$(field pass1x2 1)
+
 # --- single-file latency, best of two
 echo "== single file: $latency_file" >&2
 best() { sort -n | head -1; }
@@ -86,6 +101,9 @@ say "batch speed-up       vs sequential $(ratio "$seq" "$ours")x (target >= 2.5)
 say "single-file latency  evenloud-cli ${lat_ours}s   recipe ${lat_rec}s   ours/recipe $(ratio "$lat_ours" "$lat_rec") (target <= 0.7)"
 say "CPU time (user+sys)  evenloud-cli $(cpu ours)s   recipe sequential $(cpu seq)s   recipe x2 $(cpu par)s"
 say "isolation            worker processes ${ours}s ($(cpu ours)s CPU) vs in process ${inproc}s ($(cpu inproc)s CPU): wall x$(ratio "$ours" "$inproc") (target < 1.03)"
+say "quick mode           ${quick}s: vs recipe sequential $(ratio "$seq" "$quick")x (target >= 4)   vs two at a time $(ratio "$par" "$quick")x   vs default mode $(ratio "$ours" "$quick")x"
+say "quick vs default     $(python3 "$root/bench/check.py" --agree "$work/ours.json" "$work/quick.json")"
+say "analyze              ${analyze}s: vs recipe pass 1 sequential (${pass1}s) $(ratio "$pass1" "$analyze")x (target >= 1.5)   vs two at a time (${pass1x2}s) $(ratio "$pass1x2" "$analyze")x"
 say "peak memory (batch)  ${rss_mb} MB max RSS of the largest process (in process: $(awk '{ printf "%.1f", $4 / 1024 }' "$work/inproc.time") MB); one recipe process peaks at $(ffmpeg_rss)"
 
 if [ "${BENCH_TIMING_ONLY:-0}" = 1 ]; then
