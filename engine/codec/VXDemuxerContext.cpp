@@ -3,14 +3,25 @@
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXLibav.h"
 #include "engine/codec/VXProbe.h"
+#include "engine/codec/VXWorker.h"
 
 #include <QBuffer>
 #include <QImageReader>
+#include <mutex>
+#include <vector>
 
 namespace {
 
 constexpr qsizetype kMaxPictureBytes = 50 * 1024 * 1024;
 constexpr int kMaxPictureSide = 16384;
+// CPU seconds for probing one file in the worker: a few milliseconds is the
+// rule, a second the most a file without durations takes to be read through.
+constexpr double kProbeCpuSeconds = 5;
+// An import probes a few files at once; that many sessions are kept.
+constexpr size_t kIdleSessions = 4;
+// A session is retired after that many files, so whatever a child
+// accumulates stays bounded.
+constexpr int kRunsPerSession = 500;
 
 VXError makeError(int code, const QString &description)
 {
@@ -21,31 +32,40 @@ VXError makeError(int code, const QString &description)
     return e;
 }
 
-// Header durations are missing from some raw streams and broken files: then
-// the packets' own timestamps tell the length.
-quint64 scanLength(AVFormatContext *fmt, int index)
-{
-    const AVRational tb = fmt->streams[index]->time_base;
-    auto packet = vx::makePacket();
-    int64_t first = AV_NOPTS_VALUE;
-    int64_t end = AV_NOPTS_VALUE;
-    while (av_read_frame(fmt, packet.get()) >= 0) {
-        if (packet->stream_index == index) {
-            const int64_t ts = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
-            if (ts != AV_NOPTS_VALUE) {
-                if (first == AV_NOPTS_VALUE || ts < first)
-                    first = ts;
-                const int64_t stop = ts + std::max<int64_t>(packet->duration, 0);
-                if (end == AV_NOPTS_VALUE || stop > end)
-                    end = stop;
-            }
-        }
-        av_packet_unref(packet.get());
+// Probing sessions kept between files: a child per file would cost ten times
+// the probing of a short WAV (fork, faults, exit on a loaded libav).
+class SessionPool {
+public:
+    static SessionPool &instance()
+    {
+        static SessionPool *pool = new SessionPool;  // never destroyed: probes may outlive main
+        return *pool;
     }
-    if (first == AV_NOPTS_VALUE || end <= first)
-        return 0;
-    return quint64(av_rescale_q(end - first, tb, AVRational{1, int(VXTimebase)}));
-}
+
+    std::unique_ptr<vx::WorkerSession> take()
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (m_idle.empty())
+            return std::make_unique<vx::WorkerSession>(kProbeCpuSeconds, QStringLiteral("demuxer"));
+        auto session = std::move(m_idle.back());
+        m_idle.pop_back();
+        return session;
+    }
+
+    // One not kept ends here, outside the lock: its end waits for the child.
+    void giveBack(std::unique_ptr<vx::WorkerSession> session)
+    {
+        if (!session->alive() || session->runs() >= kRunsPerSession)
+            return;
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (m_idle.size() < kIdleSessions)
+            m_idle.push_back(std::move(session));
+    }
+
+private:
+    std::mutex m_lock;
+    std::vector<std::unique_ptr<vx::WorkerSession>> m_idle;
+};
 
 } // namespace
 
@@ -61,6 +81,10 @@ std::unique_ptr<VXDemuxerContext> VXDemuxerContext::initWithFilename(const QStri
 {
     VXError local;
     VXError &err = error ? *error : local;
+    // With a worker, the file is opened there: a demuxer that crashes or
+    // spins on it refuses the file, and this program goes on.
+    if (!vx::workerProgram().isEmpty())
+        return initInWorker(path, err);
 
     if (vx::hasDrmHeader(path)) {
         err = makeError(AVERROR_PATCHWELCOME, QStringLiteral("The audio of %1 is DRM-protected").arg(path));
@@ -89,12 +113,46 @@ std::unique_ptr<VXDemuxerContext> VXDemuxerContext::initWithFilename(const QStri
     context->d->picture = vx::coverArt(input.get());
     context->d->length = vx::headerLength(input.get(), index);
     if (context->d->length == 0)
-        context->d->length = scanLength(input.get(), index);
+        context->d->length = vx::packetLength(input.get(), index);
     if (context->d->length == 0) {
         err = makeError(AVERROR_INVALIDDATA, QStringLiteral("%1 holds no audio").arg(path));
         return nullptr;
     }
     return context;
+}
+
+std::unique_ptr<VXDemuxerContext> VXDemuxerContext::initInWorker(const QString &path, VXError &err)
+{
+    const QStringList probe{QStringLiteral("probe"), path};
+    auto session = SessionPool::instance().take();
+    vx::WorkerRun::Outcome outcome = session->run(probe);
+    if (session->alive()) {
+        SessionPool::instance().giveBack(std::move(session));
+    } else {
+        session.reset();
+        // The child died on this file, or of what earlier files left in it:
+        // the file gets a child of its own to tell.
+        outcome = vx::WorkerRun(probe, kProbeCpuSeconds, QStringLiteral("demuxer")).run({});
+    }
+    const auto &values = outcome.values;
+    // A length alone means the probe got through the demuxer and ended in
+    // the cover's decoder: the file is fine, its cover is not shown.
+    if (values.contains("length")) {
+        std::unique_ptr<VXDemuxerContext> context(new VXDemuxerContext);
+        context->d->length = values.value("length").toULongLong();
+        if (outcome.completed)
+            context->d->picture = values.value("picture");
+        if (context->d->length > 0)
+            return context;
+    }
+    if (values.contains("description")) {
+        err = makeError(values.value("code").toInt(), QString::fromUtf8(values.value("description")));
+        if (values.contains("drm"))
+            err.userInfo.insert(QLatin1String(VXTranscodingDRMProtected), true);
+        return nullptr;
+    }
+    err = makeError(AVERROR_EXTERNAL, QStringLiteral("Cannot open %1: %2").arg(path, outcome.reason));
+    return nullptr;
 }
 
 quint64 VXDemuxerContext::audioStreamLength() const { return d->length; }

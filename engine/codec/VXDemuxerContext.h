@@ -25,6 +25,9 @@ class VXDemuxerContext {
 public:
     // nullptr and a filled error when the file has no decodable audio stream;
     // DRM-protected audio puts VXTranscodingDRMProtected into error->userInfo.
+    // With a worker program set (vx::setWorkerProgram) the file is opened
+    // there, and a demuxer that crashes or hangs on it refuses it with the
+    // reason in error->description.
     static std::unique_ptr<VXDemuxerContext> initWithFilename(const QString &path, VXError *error);
     ~VXDemuxerContext();
 
@@ -39,6 +42,7 @@ public:
 
 private:
     VXDemuxerContext();
+    static std::unique_ptr<VXDemuxerContext> initInWorker(const QString &path, VXError &err);
     struct Private;
     std::unique_ptr<Private> d;
 };

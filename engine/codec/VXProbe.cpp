@@ -21,20 +21,18 @@ bool headerDescribesAllStreams(const AVFormatContext *input)
     }
     return true;
 }
-} // namespace
 
-InputPtr openInput(const QString &path, QString *why, int *code)
+InputPtr open(const char *url, AVIOContext *io, QString *why, int *code)
 {
     installLogRouting();
-    const QFileInfo info(path);
-    // libav happily "opens" a folder and then fails on read; say it plainly.
-    if (!info.exists() || !info.isFile()) {
-        *why = info.exists() ? QStringLiteral("not a regular file") : QStringLiteral("no such file");
-        *code = AVERROR(ENOENT);
+    AVFormatContext *raw = avformat_alloc_context();
+    if (!raw) {
+        *why = errorString(AVERROR(ENOMEM));
+        *code = AVERROR(ENOMEM);
         return nullptr;
     }
-    AVFormatContext *raw = nullptr;
-    int err = avformat_open_input(&raw, QFile::encodeName(path).constData(), nullptr, nullptr);
+    raw->pb = io;
+    int err = avformat_open_input(&raw, url, nullptr, nullptr);
     if (err < 0) {
         *why = errorString(err);
         *code = err;
@@ -54,8 +52,32 @@ InputPtr openInput(const QString &path, QString *why, int *code)
     }
     return input;
 }
+} // namespace
+
+InputPtr openInput(const QString &path, QString *why, int *code)
+{
+    const QFileInfo info(path);
+    // libav happily "opens" a folder and then fails on read; say it plainly.
+    if (!info.exists() || !info.isFile()) {
+        *why = info.exists() ? QStringLiteral("not a regular file") : QStringLiteral("no such file");
+        *code = AVERROR(ENOENT);
+        return nullptr;
+    }
+    return open(QFile::encodeName(path).constData(), nullptr, why, code);
+}
+
+InputPtr openInput(AVIOContext *io, QString *why, int *code)
+{
+    return open("", io, why, code);
+}
 
 bool hasDrmHeader(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) && hasDrmHeader(file);
+}
+
+bool hasDrmHeader(QIODevice &file)
 {
     static const QByteArray asfHeader = QByteArray::fromHex("3026b2758e66cf11a6d900aa0062ce6c");
     // Content Encryption and Extended Content Encryption objects, as their
@@ -63,9 +85,6 @@ bool hasDrmHeader(const QString &path)
     static const QByteArray contentEncryption = QByteArray::fromHex("fbb3112223bdd211b4b700a0c955fc6e");
     static const QByteArray extendedEncryption = QByteArray::fromHex("14e68a292226174cb935dae07ee9289c");
 
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return false;
     const QByteArray start = file.read(24);
     if (start.size() < 24 || !start.startsWith(asfHeader))
         return false;
@@ -105,11 +124,38 @@ quint64 headerLength(const AVFormatContext *input, int audioIndex)
     return 0;
 }
 
+quint64 packetLength(AVFormatContext *input, int audioIndex)
+{
+    const AVRational tb = input->streams[audioIndex]->time_base;
+    auto packet = makePacket();
+    int64_t first = AV_NOPTS_VALUE;
+    int64_t end = AV_NOPTS_VALUE;
+    while (av_read_frame(input, packet.get()) >= 0) {
+        if (packet->stream_index == audioIndex) {
+            const int64_t ts = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+            if (ts != AV_NOPTS_VALUE) {
+                if (first == AV_NOPTS_VALUE || ts < first)
+                    first = ts;
+                const int64_t stop = ts + std::max<int64_t>(packet->duration, 0);
+                if (end == AV_NOPTS_VALUE || stop > end)
+                    end = stop;
+            }
+        }
+        av_packet_unref(packet.get());
+    }
+    if (first == AV_NOPTS_VALUE || end <= first)
+        return 0;
+    return quint64(av_rescale_q(end - first, tb, AVRational{1, int(VXTimebase)}));
+}
+
 bool indexFirst(const QString &path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return false;
+    return file.open(QIODevice::ReadOnly) && indexFirst(file);
+}
+
+bool indexFirst(QIODevice &file)
+{
     // Top-level boxes only: a size and a type each, sizes 1 (64-bit size
     // follows) and 0 (to the end) as the format defines them.
     qint64 offset = 0;

@@ -7,7 +7,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <algorithm>
 #include <climits>
+#include <cmath>
 #include <condition_variable>
 #include <thread>
 #include <unordered_map>
@@ -29,6 +31,7 @@ extern char **environ;
 //   F <filter> <bytes>\n...  a filter's print-out, that many bytes after the line
 //   M <I> <TP> <LRA>         a measurement
 //   R <text>                 why the work failed
+//   V <name> <bytes>\n...     a named result, that many bytes after the line
 //   E <result>               the end: 0 completed, 1 failed, 2 cancelled
 
 namespace vx {
@@ -37,13 +40,18 @@ namespace {
 std::mutex programLock;
 QString program;
 
-QString signalReason(int sig)
+// A named result bigger than this is no result of ours: a cover picture
+// over 50 MB is not shown anyway.
+constexpr qsizetype kMaxValueBytes = 64 * 1024 * 1024;
+
+QString signalReason(int sig, const QString &role)
 {
     switch (sig) {
-    case SIGXCPU: return QStringLiteral("the decoder took too long on this file and was stopped");
-    case SIGKILL: return QStringLiteral("the decoder was killed on this file (out of memory?)");
+    case SIGXCPU:
+    case SIGALRM: return QStringLiteral("the %1 took too long on this file and was stopped").arg(role);
+    case SIGKILL: return QStringLiteral("the %1 was killed on this file (out of memory?)").arg(role);
     default:
-        return QStringLiteral("the decoder crashed on this file (%1)").arg(QString::fromLocal8Bit(strsignal(sig)));
+        return QStringLiteral("the %1 crashed on this file (%2)").arg(role, QString::fromLocal8Bit(strsignal(sig)));
     }
 }
 
@@ -185,6 +193,32 @@ private:
     std::unordered_map<quint64, int> m_running;  // id -> wait status, kRunning until it ends
 };
 
+// Test seam: a codec run that names EVENLOUD_WORKER_ABORT_ON aborts in the
+// child; "probe:NAME" aborts the probes that name NAME instead.
+QStringList withTestSeam(QStringList arguments)
+{
+    if (const QString crash = QString::fromLocal8Bit(qgetenv("EVENLOUD_WORKER_ABORT_ON")); !crash.isEmpty()) {
+        const bool probe = arguments.value(0) == QLatin1String("probe");
+        if (crash.startsWith(QLatin1String("probe:")) == probe
+            && arguments.join(QLatin1Char('\n')).contains(crash.mid(probe ? 6 : 0)))
+            arguments.prepend(QStringLiteral("--abort-for-test"));
+    }
+    return arguments;
+}
+
+// "V <name> <size>" and the bytes after it; false when the size is out of
+// bounds or the bytes do not come, which leaves the stream unreadable.
+bool readValue(FILE *in, const QByteArray &rest, WorkerRun::Outcome *out)
+{
+    const QList<QByteArray> v = rest.split(' ');
+    const qsizetype size = v.size() == 2 ? v[1].toLongLong() : -1;
+    QByteArray bytes(std::clamp<qsizetype>(size, 0, kMaxValueBytes), '\0');
+    if (size != bytes.size() || std::fread(bytes.data(), 1, size_t(size), in) != size_t(size))
+        return false;
+    out->values.insert(v[0], bytes);
+    return true;
+}
+
 } // namespace
 
 void setWorkerProgram(const QString &path)
@@ -227,8 +261,8 @@ bool useWorkerProcess()
     return false;
 }
 
-WorkerRun::WorkerRun(QStringList arguments, double cpuSeconds)
-    : m_arguments(std::move(arguments)), m_cpuSeconds(cpuSeconds)
+WorkerRun::WorkerRun(QStringList arguments, double cpuSeconds, QString role)
+    : m_arguments(std::move(arguments)), m_cpuSeconds(cpuSeconds), m_role(std::move(role))
 {
 }
 
@@ -248,12 +282,7 @@ WorkerRun::Outcome WorkerRun::run(const Handlers &handlers)
         out.reason = QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno)));
         return out;
     }
-    QStringList arguments = m_arguments;
-    // Test seam: a run that names EVENLOUD_WORKER_ABORT_ON aborts in the child.
-    if (const QString crash = QString::fromLocal8Bit(qgetenv("EVENLOUD_WORKER_ABORT_ON")); !crash.isEmpty()) {
-        if (arguments.join(QLatin1Char('\n')).contains(crash))
-            arguments.prepend(QStringLiteral("--abort-for-test"));
-    }
+    const QStringList arguments = withTestSeam(m_arguments);
     QString why;
     {
         std::lock_guard<std::mutex> guard(m_lock);
@@ -273,7 +302,8 @@ WorkerRun::Outcome WorkerRun::run(const Handlers &handlers)
     size_t capacity = 0;
     ssize_t n;
     int end = -1;
-    while (in && (n = getline(&buffer, &capacity, in)) > 0) {
+    bool stopped = false;
+    while (in && !stopped && (n = getline(&buffer, &capacity, in)) > 0) {
         const QByteArray line = QByteArray(buffer, n).chopped(buffer[n - 1] == '\n' ? 1 : 0);
         const QByteArray rest = line.mid(2);
         switch (line.isEmpty() ? 0 : line[0]) {
@@ -307,6 +337,7 @@ WorkerRun::Outcome WorkerRun::run(const Handlers &handlers)
                 handlers.printOut(v.value(0).toInt(), bytes);
             break;
         }
+        case 'V': stopped = !readValue(in, rest, &out); break;
         case 'E': end = rest.toInt(); break;
         default: break;
         }
@@ -327,13 +358,106 @@ WorkerRun::Outcome WorkerRun::run(const Handlers &handlers)
     } else if (status == -1) {
         out.reason = QStringLiteral("the worker stopped");
     } else if (WIFSIGNALED(status)) {
-        out.reason = signalReason(WTERMSIG(status));
+        out.reason = signalReason(WTERMSIG(status), m_role);
     } else if (end == 0) {
         out.completed = true;
     } else if (end == 2) {
         out.cancelled = true;
     } else if (out.reason.isEmpty()) {
         out.reason = QStringLiteral("the worker ended without a result (status %1)").arg(WEXITSTATUS(status));
+    }
+    return out;
+}
+
+WorkerSession::WorkerSession(double cpuSeconds, QString role) : m_cpuSeconds(cpuSeconds), m_role(std::move(role)) {}
+
+WorkerSession::~WorkerSession() { end(); }
+
+void WorkerSession::end()
+{
+    if (!m_in)
+        return;
+    // Our end closed is the child's cue to leave.
+    std::fclose(m_in);
+    m_in = nullptr;
+    Zygote::instance().wait(m_id);
+}
+
+WorkerRun::Outcome WorkerSession::run(const QStringList &arguments)
+{
+    WorkerRun::Outcome out;
+    if (!m_in) {
+        int sv[2];
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) < 0) {
+            out.reason = QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno)));
+            return out;
+        }
+        // The session's own CPU limit only bounds its life (its runs are
+        // limited one by one): an hour is far more than its runs take.
+        const QStringList serve{QStringLiteral("serve"), QString::number(int(std::ceil(m_cpuSeconds)))};
+        QString why;
+        m_id = Zygote::instance().start(serve, 3600, sv[1], &why);
+        ::close(sv[1]);
+        if (!m_id) {
+            ::close(sv[0]);
+            out.reason = why;
+            return out;
+        }
+        m_in = fdopen(sv[0], "r");
+        if (!m_in) {
+            ::close(sv[0]);
+            Zygote::instance().kill(m_id);
+            Zygote::instance().wait(m_id);
+            out.reason = QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno)));
+            return out;
+        }
+    }
+    ++m_runs;
+    QByteArray request;
+    for (const QString &a : withTestSeam(arguments))
+        request += a.toUtf8() + '\0';
+    request.prepend(QByteArray::number(request.size()) + '\n');
+    const int sock = fileno(m_in);
+    bool sent = true;
+    for (qsizetype done = 0; sent && done < request.size();) {
+        const ssize_t n = ::send(sock, request.constData() + done, size_t(request.size() - done), MSG_NOSIGNAL);
+        if (n > 0)
+            done += n;
+        else
+            sent = n < 0 && errno == EINTR;
+    }
+    char *buffer = nullptr;
+    size_t capacity = 0;
+    ssize_t n;
+    int end = -1;
+    bool readable = sent;
+    while (readable && end < 0 && (n = getline(&buffer, &capacity, m_in)) > 0) {
+        const QByteArray line = QByteArray(buffer, n).chopped(buffer[n - 1] == '\n' ? 1 : 0);
+        const QByteArray rest = line.mid(2);
+        switch (line.isEmpty() ? 0 : line[0]) {
+        case 'L': VXLog(QString::fromUtf8(rest)); break;
+        case 'R': out.reason = QString::fromUtf8(rest); break;
+        case 'V': readable = readValue(m_in, rest, &out); break;
+        case 'E': end = rest.toInt(); break;
+        default: break;
+        }
+    }
+    std::free(buffer);
+    if (end == 0) {
+        out.completed = true;
+    } else if (end < 0) {
+        // The child is gone, or cannot be read any more.
+        const quint64 id = m_id;
+        Zygote::instance().kill(id);
+        std::fclose(m_in);
+        m_in = nullptr;
+        const int status = Zygote::instance().wait(id);
+        if (status == -1)
+            out.reason = QStringLiteral("the worker stopped");
+        else if (WIFSIGNALED(status))
+            out.reason = signalReason(WTERMSIG(status), m_role);
+        else
+            out.reason = QStringLiteral("the worker ended without a result (status %1)").arg(WEXITSTATUS(status));
     }
     return out;
 }

@@ -10,9 +10,11 @@
 
 #include <QByteArray>
 #include <QList>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 #include <atomic>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -43,10 +45,13 @@ public:
         bool cancelled = false;
         QString reason;  // why it failed, in words, when it did
         VXLoudness loudness;
+        QMap<QByteArray, QByteArray> values;  // named results, as the command sends them
         std::map<int, VXLoudness> streams;  // further audio streams, by index
     };
 
-    explicit WorkerRun(QStringList arguments, double cpuSeconds);
+    // role names what runs in the child in the reason for its crash
+    // ("the decoder crashed on this file").
+    explicit WorkerRun(QStringList arguments, double cpuSeconds, QString role = QStringLiteral("decoder"));
     // Runs the child to its end; blocks. Handlers are called on this thread.
     Outcome run(const Handlers &handlers);
     // From any thread: the child is stopped at once, the run ends cancelled.
@@ -55,9 +60,38 @@ public:
 private:
     QStringList m_arguments;
     double m_cpuSeconds;
+    QString m_role;
     std::mutex m_lock;  // orders a cancel against the start and the end
     quint64 m_id = 0;   // the server's number for this run while it runs
     std::atomic<bool> m_cancelled{false};
+};
+
+// A child that runs short commands one after another (probing), where a fork
+// per file would cost more than the work: the first run starts it, later
+// runs reuse it. Used by one thread at a time.
+class WorkerSession {
+public:
+    // cpuSeconds holds for each run; role as WorkerRun's.
+    WorkerSession(double cpuSeconds, QString role);
+    ~WorkerSession();  // ends the child
+    // Runs one command. When the child dies on it, the outcome has the reason
+    // and the session is over (alive() false): earlier runs may have left the
+    // child broken, so a caller gives the command a child of its own to know.
+    WorkerRun::Outcome run(const QStringList &arguments);
+    bool alive() const { return m_in != nullptr; }
+    int runs() const { return m_runs; }
+
+    WorkerSession(const WorkerSession &) = delete;
+    WorkerSession &operator=(const WorkerSession &) = delete;
+
+private:
+    void end();
+
+    double m_cpuSeconds;
+    QString m_role;
+    quint64 m_id = 0;
+    FILE *m_in = nullptr;  // the socket, read as reports
+    int m_runs = 0;
 };
 
 // Worker side: the program's whole main (it serves the program that started it).

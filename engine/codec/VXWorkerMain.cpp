@@ -2,6 +2,8 @@
 // It loads FFmpeg once; a fork then costs a millisecond where starting the
 // program again would cost a tenth of a second of library loading.
 
+#include "engine/codec/VXCodecConstants.h"
+#include "engine/codec/VXDemuxerContext.h"
 #include "engine/codec/VXFilter.h"
 #include "engine/codec/VXFilterPrivate.h"
 #include "engine/codec/VXLog.h"
@@ -9,7 +11,10 @@
 #include "engine/codec/VXWorker.h"
 #include "engine/codec/VXWorkerProtocol.h"
 
+#include <QBuffer>
+#include <QImageReader>
 #include <QSemaphore>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -157,12 +162,42 @@ int measure(Channel &channel, const QStringList &args)
     return 0;
 }
 
-
-
-int runCommand(QStringList args)
+void sendValue(Channel &channel, const QByteArray &name, const QByteArray &bytes)
 {
-    Channel channel;
-    VXSetLogSink([&channel](const QString &line) { channel.send("L " + oneLine(line).toUtf8()); });
+    channel.send("V " + name + ' ' + QByteArray::number(bytes.size()), bytes);
+}
+
+// What an import learns of a file: its length and cover art, or why it is
+// refused. (This process has no worker program set, so the context opens
+// the file right here.)
+int probe(Channel &channel, const QStringList &args)
+{
+    if (args.isEmpty())
+        return 2;
+    // Waiting on a slow or stuck disk costs no CPU time: a clock limit too.
+    alarm(30);
+    VXError error;
+    const auto context = VXDemuxerContext::initWithFilename(args[0], &error);
+    if (!context) {
+        sendValue(channel, "code", QByteArray::number(error.code));
+        sendValue(channel, "description", error.description.toUtf8());
+        if (error.userInfo.contains(QLatin1String(VXTranscodingDRMProtected)))
+            sendValue(channel, "drm", "1");
+        channel.send("E 1");
+        return 0;
+    }
+    sendValue(channel, "length", QByteArray::number(context->audioStreamLength()));
+    // Decoded here first: a picture that crashes its decoder then costs the
+    // cover only (the length is already sent), and one that does not decode
+    // is not sent at all.
+    if (const auto picture = context->attachPicture(); picture && !picture->cgImage().isNull())
+        sendValue(channel, "picture", picture->encoded());
+    channel.send("E 0");
+    return 0;
+}
+
+int dispatch(Channel &channel, QStringList args)
+{
     // Test seam (see WorkerRun::run): a stand-in for a file that crashes a decoder.
     if (!args.isEmpty() && args.first() == QLatin1String("--abort-for-test"))
         std::abort();
@@ -173,7 +208,59 @@ int runCommand(QStringList args)
         return transcode(channel, args);
     if (command == QLatin1String("measure"))
         return measure(channel, args);
+    if (command == QLatin1String("probe"))
+        return probe(channel, args);
     return 2;
+}
+
+// A session (see WorkerSession): commands one after another, each read from
+// the socket as "<size>\n" and that many bytes of '\0'-separated arguments,
+// each with its own CPU seconds (args[0]) on top of what the earlier used.
+int serve(Channel &channel, const QStringList &args)
+{
+    const rlim_t each = rlim_t(std::max(1, args.value(0).toInt()));
+    FILE *requests = fdopen(::dup(1), "r");
+    char *line = nullptr;
+    size_t capacity = 0;
+    while (requests && getline(&line, &capacity, requests) > 0) {
+        QByteArray request(std::clamp<qsizetype>(QByteArray(line).trimmed().toLongLong(), 0, kWorkerMaxRequest), '\0');
+        if (std::fread(request.data(), 1, size_t(request.size()), requests) != size_t(request.size()))
+            break;
+        rusage used{};
+        getrusage(RUSAGE_SELF, &used);
+        rlimit cpu{};
+        getrlimit(RLIMIT_CPU, &cpu);
+        cpu.rlim_cur = std::min(rlim_t(used.ru_utime.tv_sec + used.ru_stime.tv_sec + 1) + each, cpu.rlim_max);
+        setrlimit(RLIMIT_CPU, &cpu);
+        QStringList command;
+        for (const QByteArray &a : request.split('\0'))
+            if (!a.isEmpty())
+                command << QString::fromUtf8(a);
+        if (dispatch(channel, command) != 0)
+            channel.send("E 1");
+        alarm(0);
+    }
+    return 0;
+}
+
+int runCommand(QStringList args)
+{
+    Channel channel;
+    VXSetLogSink([&channel](const QString &line) { channel.send("L " + oneLine(line).toUtf8()); });
+    if (args.value(0) == QLatin1String("serve"))
+        return serve(channel, args.mid(1));
+    return dispatch(channel, std::move(args));
+}
+
+// Loaded here, once: a child has no plugin folder to read in its cage, and
+// would otherwise load them again for every cover it checks.
+void preloadImagePlugins()
+{
+    for (const QByteArray &format : QImageReader::supportedImageFormats()) {
+        QBuffer empty;
+        empty.open(QIODevice::ReadOnly);
+        QImageReader(&empty, format).canRead();
+    }
 }
 
 void limitChild(quint64 cpuSeconds)
@@ -191,6 +278,7 @@ void limitChild(quint64 cpuSeconds)
 
 int workerMain(int, char **)
 {
+    preloadImagePlugins();
     // No parent-death signal here: it follows the thread that started us,
     // which may be any short-lived thread. The socket's end tells instead:
     // it closes with the program, whatever way that ends.

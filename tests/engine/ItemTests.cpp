@@ -81,6 +81,36 @@ TEST(Item, CreationProbesTheFile)
     }
 }
 
+// Probing runs in the worker: a file that crashes the demuxer is refused
+// with a reason while the files beside it import, and what a refusal
+// carries (the DRM flag) comes across from there.
+TEST(Item, CrashInTheDemuxerRefusesThatFileAlone)
+{
+    QTemporaryDir dir;
+    const QString good = makeWav(dir.path(), QStringLiteral("good.wav"), 0.5);
+    const QString bad = makeWav(dir.path(), QStringLiteral("crasher.wav"), 0.5);
+    QFile m4a(fixtures::makeFormat(dir.path(), QStringLiteral("m4a-aac"), 0.5));
+    ASSERT_TRUE(m4a.open(QIODevice::ReadWrite));
+    QByteArray bytes = m4a.readAll();
+    ASSERT_GT(bytes.indexOf("mp4a"), 0);
+    m4a.seek(bytes.indexOf("mp4a"));
+    m4a.write("drms");  // a FairPlay sample entry
+    m4a.close();
+
+    qputenv("EVENLOUD_WORKER_ABORT_ON", "probe:crasher.wav");
+    VXError goodError, badError, drmError;
+    const auto imported = VXAudioGain::initWithFile(good, QString(), &goodError);
+    const auto refused = VXAudioGain::initWithFile(bad, QString(), &badError);
+    const auto drm = VXAudioGain::initWithFile(m4a.fileName(), QString(), &drmError);
+    qunsetenv("EVENLOUD_WORKER_ABORT_ON");
+    ASSERT_TRUE(imported) << goodError.description.toStdString();
+    EXPECT_NEAR(double(imported->duration()) / VXTimebase, 0.5, 0.05);
+    EXPECT_FALSE(refused);
+    EXPECT_EQ(badError.description, QStringLiteral("Cannot open %1: the demuxer crashed on this file (Aborted)").arg(bad));
+    EXPECT_FALSE(drm);
+    EXPECT_TRUE(drmError.userInfo.contains(QLatin1String(VXTranscodingDRMProtected)));
+}
+
 TEST(Item, TargetLoudnessGuardsAndMapping)
 {
     auto it = item(QStringLiteral("tone.wav"));
