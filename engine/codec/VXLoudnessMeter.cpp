@@ -229,12 +229,18 @@ struct StreamMeter {
 
 QByteArray VXCurvePrintOut(const VXLoudness &loudness) { return curveText(loudness); }
 
+namespace {
+
+// The decoding loop, here in this process; keep, when given, receives the
+// best stream's meter with its state, for figures over several files.
+bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
+                 std::map<int, VXLoudness> *others, std::unique_ptr<VXFrameMeter> *keep = nullptr);
+
+} // namespace
+
 bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
                    std::map<int, VXLoudness> *others)
 {
-    const bool truePeak = flags & VXMeasureTruePeak;
-    const bool curve = flags & VXMeasureCurve;
-    const bool otherStreams = (flags & VXMeasureOtherStreams) && others;
     if (!vx::workerProgram().isEmpty()) {
         // Decoding the result can crash like any decoding: in the child too.
         vx::WorkerRun run({QStringLiteral("measure"), path, QString::number(flags)}, 600.0);
@@ -245,10 +251,21 @@ bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why
         *why = outcome.reason;
         if (!printOut.isEmpty())
             readCurveText(printOut, out);
-        if (otherStreams)
+        if ((flags & VXMeasureOtherStreams) && others)
             *others = outcome.streams;
         return outcome.completed && out->measured();
     }
+    return measureHere(path, flags, out, why, cancel, others);
+}
+
+namespace {
+
+bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
+                 std::map<int, VXLoudness> *others, std::unique_ptr<VXFrameMeter> *keep)
+{
+    const bool truePeak = flags & VXMeasureTruePeak;
+    const bool curve = flags & VXMeasureCurve;
+    const bool otherStreams = (flags & VXMeasureOtherStreams) && others;
     int code = 0;
     vx::InputPtr input = vx::openInput(path, why, &code);
     if (!input)
@@ -336,5 +353,113 @@ bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why
         if (!meters[m].broken && l.measured())
             (*others)[meters[m].index] = l;
     }
+    if (keep)
+        *keep = std::move(meters.front().meter);
     return true;
 }
+
+// The album's print-out: a line a track, "ok I TP LRA THRESHOLD" or
+// "failed REASON", then "album I TP LRA".
+QByteArray albumText(const VXAlbumLoudness &a)
+{
+    auto n = [](double v) { return QByteArray::number(v, 'g', 17); };
+    QByteArray text;
+    for (size_t i = 0; i < a.tracks.size(); ++i) {
+        const VXLoudness &t = a.tracks[i];
+        text += t.measured() ? "ok " + n(t.integrated) + ' ' + n(t.truePeak) + ' ' + n(t.range) + ' ' + n(t.threshold)
+                             : "failed " + a.reasons.value(qsizetype(i)).simplified().toUtf8();
+        text += '\n';
+    }
+    return text + "album " + n(a.album.integrated) + ' ' + n(a.album.truePeak) + ' ' + n(a.album.range) + '\n';
+}
+
+bool readAlbumText(const QByteArray &text, qsizetype count, VXAlbumLoudness *a)
+{
+    auto number = [](const QByteArray &t) { return std::strtod(t.constData(), nullptr); };
+    const QList<QByteArray> lines = text.split('\n');
+    if (lines.size() < count + 1)
+        return false;
+    for (qsizetype i = 0; i <= count; ++i) {
+        const QList<QByteArray> f = lines[i].split(' ');
+        VXLoudness l;
+        if (f.size() >= 4 && (f[0] == "ok" || f[0] == "album")) {
+            l.integrated = number(f[1]);
+            l.truePeak = number(f[2]);
+            l.range = number(f[3]);
+            if (f.size() >= 5)
+                l.threshold = number(f[4]);
+        }
+        if (i == count) {
+            a->album = l;
+        } else {
+            a->tracks.push_back(l);
+            a->reasons << (f[0] == "failed" ? QString::fromUtf8(lines[i].mid(7)) : QString());
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+double VXFrameMeter::combinedLoudness(const std::vector<const VXFrameMeter *> &meters, double *range)
+{
+    std::vector<ebur128_state *> states;
+    for (const VXFrameMeter *m : meters)
+        if (m && m->d->meter)
+            states.push_back(m->d->meter.get());
+    double integrated = -HUGE_VAL;
+    if (states.empty() || ebur128_loudness_global_multiple(states.data(), states.size(), &integrated) != EBUR128_SUCCESS)
+        integrated = NAN;
+    if (range && ebur128_loudness_range_multiple(states.data(), states.size(), range) != EBUR128_SUCCESS)
+        *range = NAN;
+    return integrated;
+}
+
+bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why, const std::atomic<bool> *cancel)
+{
+    *out = {};
+    if (!vx::workerProgram().isEmpty()) {
+        // The album figure needs every track's meter state at once, and
+        // states do not cross a pipe: one child measures the whole album and
+        // sends back figures only. Albums still run side by side.
+        QStringList command{QStringLiteral("measure-album")};
+        command += paths;
+        vx::WorkerRun run(command, 600.0 * double(std::max<qsizetype>(1, paths.size())));
+        QByteArray printOut;
+        const vx::WorkerRun::Outcome outcome
+            = run.run({nullptr, [&](int, const QByteArray &bytes) { printOut = bytes; }});
+        if (!outcome.completed || !readAlbumText(printOut, paths.size(), out)) {
+            *why = outcome.reason.isEmpty() ? QStringLiteral("the album could not be measured") : outcome.reason;
+            *out = {};
+            return false;
+        }
+        return out->album.measured();
+    }
+    std::vector<std::unique_ptr<VXFrameMeter>> meters;
+    for (const QString &path : paths) {
+        VXLoudness l;
+        QString reason;
+        std::unique_ptr<VXFrameMeter> meter;
+        if (cancel && cancel->load()) {
+            *why = QStringLiteral("cancelled");
+            return false;
+        }
+        if (!measureHere(path, VXMeasureTruePeak, &l, &reason, cancel, nullptr, &meter))
+            l = {};
+        out->tracks.push_back(l);
+        out->reasons << reason;
+        if (meter && l.measured()) {
+            meters.push_back(std::move(meter));
+            out->album.truePeak = std::isnan(out->album.truePeak) ? l.truePeak : std::max(out->album.truePeak, l.truePeak);
+        }
+    }
+    std::vector<const VXFrameMeter *> all;
+    for (const auto &m : meters)
+        all.push_back(m.get());
+    out->album.integrated = VXFrameMeter::combinedLoudness(all, &out->album.range);
+    if (!out->album.measured())
+        *why = QStringLiteral("no track of the album could be measured");
+    return out->album.measured();
+}
+
+QByteArray VXAlbumPrintOut(const VXAlbumLoudness &album) { return albumText(album); }

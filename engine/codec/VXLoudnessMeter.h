@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 #include <atomic>
 #include <cmath>
 #include <map>
@@ -51,6 +52,9 @@ public:
     // False when the frame cannot be measured.
     bool add(const AVFrame *frame);
     VXLoudness finish();
+    // Integrated loudness (and range) over the gated blocks of all the
+    // meters together, as if their audio were one: an album's figure.
+    static double combinedLoudness(const std::vector<const VXFrameMeter *> &meters, double *range = nullptr);
 
     VXFrameMeter(const VXFrameMeter &) = delete;
     VXFrameMeter &operator=(const VXFrameMeter &) = delete;
@@ -71,3 +75,18 @@ bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why
 // The figures beyond integrated, true peak and range, as the worker's
 // measure command prints them for VXMeasureFile to read back.
 QByteArray VXCurvePrintOut(const VXLoudness &loudness);
+
+// The tracks of an album, each measured with its true peak, and the album:
+// integrated loudness and range over every track's gated blocks together,
+// the loudest track's true peak.
+struct VXAlbumLoudness {
+    std::vector<VXLoudness> tracks;  // in the order given; unmeasured where one failed
+    QStringList reasons;             // why a track failed, empty where it did not
+    VXLoudness album;
+};
+
+// Measures paths as one album; false with a reason when no track measures.
+bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why,
+                    const std::atomic<bool> *cancel = nullptr);
+// The worker's measure-album print-out, for VXMeasureAlbum to read back.
+QByteArray VXAlbumPrintOut(const VXAlbumLoudness &album);

@@ -106,6 +106,8 @@ SandboxGrant grantFor(const QStringList &command)
         grant.writable << command.value(2);
     } else if (verb == QLatin1String("measure") || verb == QLatin1String("probe")) {
         grant.readable << command.value(1);
+    } else if (verb == QLatin1String("measure-album")) {
+        grant.readable << command.mid(1);  // the album's tracks
     } else {
         grant.readable << QStringLiteral("/");
     }

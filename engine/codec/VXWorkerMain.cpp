@@ -196,6 +196,23 @@ int probe(Channel &channel, const QStringList &args)
     return 0;
 }
 
+// Every track of an album in this one child: the album figure needs all
+// their meter states together.
+int measureAlbum(Channel &channel, const QStringList &paths)
+{
+    if (paths.isEmpty())
+        return 2;
+    VXAlbumLoudness album;
+    QString why;
+    const bool ok = VXMeasureAlbum(paths, &album, &why);
+    const QByteArray text = VXAlbumPrintOut(album);
+    channel.send("F 0 " + QByteArray::number(text.size()), text);
+    if (!ok)
+        channel.send("R " + oneLine(why).toUtf8());
+    channel.send(ok ? "E 0" : "E 1");
+    return 0;
+}
+
 int dispatch(Channel &channel, QStringList args)
 {
     // Test seam (see WorkerRun::run): a stand-in for a file that crashes a decoder.
@@ -208,6 +225,8 @@ int dispatch(Channel &channel, QStringList args)
         return transcode(channel, args);
     if (command == QLatin1String("measure"))
         return measure(channel, args);
+    if (command == QLatin1String("measure-album"))
+        return measureAlbum(channel, args);
     if (command == QLatin1String("probe"))
         return probe(channel, args);
     return 2;
