@@ -45,11 +45,13 @@ QString helpText(const QList<QCommandLineOption> &options)
 {
     QString text;
     text += QStringLiteral("Usage: %1 [--target POS | --lufs LUFS | --preset NAME] [--true-peak DBTP]\n"
-                           "                    [--limit-peaks] [--quick] [--skip-within LU] [--plot DIR]\n"
-                           "                    (--output-folder DIR | --replace [--preserve-mtime])\n"
+                           "                    [--limit-peaks] [--quick] [--album] [--skip-within LU]\n"
+                           "                    [--plot DIR] (--output-folder DIR | --replace [--preserve-mtime])\n"
                            "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n"
-                           "       %1 --analyze [--target POS | --lufs LUFS | --preset NAME] [--plot DIR]\n"
-                           "                    [--json] FILE|DIR...\n")
+                           "       %1 --analyze [--album] [--target POS | --lufs LUFS | --preset NAME]\n"
+                           "                    [--plot DIR] [--json] FILE|DIR...\n"
+                           "       %1 --tags-only [--album] [--output-folder DIR] [--preserve-mtime]\n"
+                           "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n")
                 .arg(kProgram);
     text += QStringLiteral(
         "Bring audio and video files to one loudness: each file is measured, then\n"
@@ -141,6 +143,14 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
     const QCommandLineOption quick(QStringLiteral("quick"),
                                    QStringLiteral("measure with an EBU R128 meter at each file's own rate instead "
                                                   "of loudnorm at 192 kHz: faster, within 0.2 LU of it"));
+    const QCommandLineOption album(QStringLiteral("album"),
+                                   QStringLiteral("treat files with the same album tag (and album artist), or "
+                                                  "else in the same folder, as one album: every track moves by "
+                                                  "the album's gain, so their balance stays"));
+    const QCommandLineOption tagsOnly(QStringLiteral("tags-only"),
+                                      QStringLiteral("measure and write ReplayGain 2.0 tags (-18 LUFS; R128_* in "
+                                                     "Opus) instead of changing the audio; in place, or into "
+                                                     "copies with --output-folder"));
     const QCommandLineOption skipWithin(QStringLiteral("skip-within"),
                                         QStringLiteral("leave files already within LU of the target untouched "
                                                        "and report them as skipped"),
@@ -170,7 +180,7 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
     const QCommandLineOption version({QStringLiteral("V"), QStringLiteral("version")},
                                      QStringLiteral("show the version and exit"));
     const QList<QCommandLineOption> all = {target, lufs, preset, truePeak, limitPeaks, analyze, quick,
-                                           skipWithin, plot, outFolder, replace, preserveMtime, recursive,
+                                           album, tagsOnly, skipWithin, plot, outFolder, replace, preserveMtime, recursive,
                                            jobs, json, help, version};
 
     QCommandLineParser parser;
@@ -274,6 +284,13 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
     }
     o.quick = parser.isSet(quick);
     o.analyze = parser.isSet(analyze);
+    o.album = parser.isSet(album);
+    o.tagsOnly = parser.isSet(tagsOnly);
+    if (o.tagsOnly && (o.analyze || parser.isSet(replace) || parser.isSet(skipWithin) || parser.isSet(limitPeaks))) {
+        result.text = usageError(QStringLiteral("--tags-only changes no audio: --analyze, --replace, --limit-peaks "
+                                                "and --skip-within do not go with it"));
+        return result;
+    }
     o.replace = parser.isSet(replace);
     o.preserveMtime = parser.isSet(preserveMtime);
     if (o.analyze && (o.replace || o.preserveMtime || parser.isSet(outFolder) || parser.isSet(skipWithin))) {
@@ -281,7 +298,7 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
                                                 "--preserve-mtime and --skip-within do not go with it"));
         return result;
     }
-    if (o.preserveMtime && !o.replace) {
+    if (o.preserveMtime && !o.replace && !o.tagsOnly) {
         result.text = usageError(QStringLiteral("--preserve-mtime goes with --replace"));
         return result;
     }
@@ -295,7 +312,7 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
             return result;
         }
         o.outputFolder = QDir::cleanPath(QFileInfo(parser.value(outFolder)).absoluteFilePath());
-    } else if (!o.replace && !o.analyze) {
+    } else if (!o.replace && !o.analyze && !o.tagsOnly) {
         result.text = usageError(QStringLiteral(
             "no output folder: give --output-folder DIR, or --replace to overwrite the originals"));
         return result;

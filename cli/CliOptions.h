@@ -20,6 +20,8 @@ struct CliOptions {
     bool preserveMtime = false;
     bool analyze = false;   // measure and report only; nothing is written
     bool quick = false;     // measure pass 1 at the file's own rate
+    bool album = false;     // one gain per album (album tag, else folder)
+    bool tagsOnly = false;  // write ReplayGain tags, leave the audio alone
     double skipWithin = NAN; // LU; files this close to the target are left alone
     QString plotFolder;     // absolute; empty for no pictures
     QStringList inputs;     // files and folders, as given

@@ -15,6 +15,7 @@ enum class CliOutcome {
     OnePass,   // no usable measurement: the single-pass output was kept
     Skipped,   // already within --skip-within of the target: left untouched
     Analyzed,  // measured only (--analyze)
+    Tagged,    // measured and ReplayGain tags written (--tags-only); audio untouched
     Failed,    // the job failed; nothing was written
     Cancelled, // interrupted; nothing was written, the original is untouched
     Refused,   // the file could not be opened as audio
@@ -42,6 +43,18 @@ struct CliFileResult {
     double maxShortTerm = NAN;  // LUFS, measured with --analyze or --plot
     double maxMomentary = NAN;
     QList<VXGainResult::Stream> otherStreams;
+    // --album: the album, its figures and the gain its tracks share.
+    QString album;
+    double albumI = NAN;
+    double albumTp = NAN;
+    double albumLra = NAN;
+    double albumGainDb = NAN;
+    QString albumNormalization;
+    // --tags-only: what was written (gains to -18 LUFS, peaks linear).
+    double tagTrackGain = NAN;
+    double tagTrackPeak = NAN;
+    double tagAlbumGain = NAN;
+    double tagAlbumPeak = NAN;
 };
 
 // A number from the measurement record (loudnorm prints them as strings),

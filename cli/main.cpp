@@ -4,6 +4,7 @@
 #include "cli/CliProgress.h"
 #include "cli/CliReport.h"
 #include "cli/CliSignals.h"
+#include "cli/CliTags.h"
 #include "engine/VXAnalysis.h"
 #include "engine/VXAudioGain.h"
 #include "engine/VXImport.h"
@@ -98,7 +99,7 @@ int main(int argc, char *argv[])
     // A file that crashes a decoder fails alone; the batch goes on.
     vx::useWorkerProcess();
 
-    if (!opt.replace && !opt.analyze) {
+    if (!opt.outputFolder.isEmpty()) {
         QString why;
         if (!prepareOutputFolder(opt.outputFolder, &why)) {
             writeOut(stderr, QStringLiteral("evenloud-cli: output folder '%1': %2\n")
@@ -149,7 +150,7 @@ int main(int argc, char *argv[])
         CliFileResult r;
         r.input = file;
         r.targetLufs = targetLufs;
-        if (opt.analyze) {
+        if (opt.analyze || opt.tagsOnly) {
             r.outcome = CliOutcome::Analyzed;
             results << r;
             return;
@@ -196,6 +197,25 @@ int main(int argc, char *argv[])
               }
               say(QStringLiteral("Interrupted: finishing the files being measured (Ctrl-C again to quit at once)"));
           });
+    // Albums are measured whole before any of their tracks is touched: the
+    // batch then applies each album's gain to its tracks.
+    CliAlbums albums(size_t(results.size()));
+    if (opt.album) {
+        QList<int> members;
+        for (qsizetype i = 0; i < results.size(); ++i)
+            if (results[i].outcome != CliOutcome::Missing && results[i].outcome != CliOutcome::Refused)
+                members << int(i);
+        albums = cliMeasureAlbums(results, members, opt, targetLufs, CliSignals::pending());
+        for (const CliBatch::Job &j : std::as_const(jobs))
+            j.item->setAlbumMember(albums[size_t(j.result)]);
+    }
+    if (opt.tagsOnly) {
+        QList<int> todo;
+        for (qsizetype i = 0; i < results.size(); ++i)
+            if (results[i].outcome == CliOutcome::Analyzed)
+                todo << int(i);
+        cliWriteTags(results, todo, albums, opt, CliSignals::pending(), say);
+    }
     // On a pool thread: reads the results, writes only its own slot of
     // pictureWarnings.
     std::vector<QString> pictureWarnings(size_t(results.size()));
@@ -248,8 +268,14 @@ int main(int argc, char *argv[])
             if (!ended[size_t(k)])
                 results[measured[k]].outcome = CliOutcome::Cancelled;
     }
+    // An album's tracks would all take its gain.
+    for (CliFileResult &r : results)
+        if (opt.analyze && r.outcome == CliOutcome::Analyzed && !std::isnan(r.albumGainDb)) {
+            r.gainDb = r.albumGainDb;
+            r.normalization = r.albumNormalization;
+        }
     QObject::disconnect(measuringSignals);
-    if (CliSignals::pending() && !opt.analyze) {
+    if (CliSignals::pending() && !opt.analyze && !opt.tagsOnly) {
         VXAudioGain::cleanCache();
         return CliSignals::exitStatus();
     }
@@ -274,7 +300,7 @@ int main(int argc, char *argv[])
         progress.message(QStringLiteral("Interrupted: cancelling running files (Ctrl-C again to quit at once)"));
         batch.cancel();
     });
-    if (!opt.analyze) {
+    if (!opt.analyze && !opt.tagsOnly) {
         batch.start();
         if (!jobs.isEmpty())
             app.exec();

@@ -27,21 +27,26 @@ QVariantMap VXMeasurementRecord(const VXLoudness &loudness)
             {QStringLiteral("target_offset"), recordNumber(0.0)}};
 }
 
+std::optional<VXGainPlan> VXPlanGain(const VXLoudness &loudness, float targetLufs, float ceiling, bool limitPeaks)
+{
+    // The same planning as the job's, from the same attributes.
+    const auto filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
+    filter->setValue(QVariant(targetLufs), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+    filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
+    filter->setValue(QVariant(loudness.integrated), QString::fromLatin1(kVXAMeasuredIntegratedLoudness));
+    filter->setValue(QVariant(loudness.truePeak), QString::fromLatin1(kVXAMeasuredTruePeak));
+    filter->setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
+    filter->setValue(QVariant(limitPeaks), QString::fromLatin1(kVXALimitPeaks));
+    return filter->linearPlan();
+}
+
 VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks)
 {
     VXAnalysis a;
     a.ok = VXMeasureFile(path, VXMeasureTruePeak | VXMeasureCurve, &a.loudness, &a.reason);
     if (!a.ok)
         return a;
-    // The same planning as the job's, from the same attributes.
-    const auto filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
-    filter->setValue(QVariant(targetLufs), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
-    filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
-    filter->setValue(QVariant(a.loudness.integrated), QString::fromLatin1(kVXAMeasuredIntegratedLoudness));
-    filter->setValue(QVariant(a.loudness.truePeak), QString::fromLatin1(kVXAMeasuredTruePeak));
-    filter->setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
-    filter->setValue(QVariant(limitPeaks), QString::fromLatin1(kVXALimitPeaks));
-    if (const auto plan = filter->linearPlan()) {
+    if (const auto plan = VXPlanGain(a.loudness, targetLufs, ceiling, limitPeaks)) {
         a.gainDb = plan->gainDb;
         a.normalization = VXNormalizationName(plan->kind);
     } else {

@@ -4,6 +4,7 @@
 // settings would do to it. For "analyze" in every front end, and for the
 // quick first pass.
 
+#include "engine/codec/VXFilter.h"
 #include "engine/codec/VXLoudnessMeter.h"
 
 #include <QString>
@@ -20,6 +21,10 @@ struct VXAnalysis {
 // Decodes path once (at its own rate, nothing written) and plans the gain
 // as a job would. Blocks: run it on a pool thread.
 VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks);
+
+// The job's planning from a measurement: the gain toward target, capped or
+// limited at the ceiling; nullopt for silence.
+std::optional<VXGainPlan> VXPlanGain(const VXLoudness &loudness, float targetLufs, float ceiling, bool limitPeaks);
 
 // A measurement in the first pass's record form ("input_i", "input_tp",
 // "input_lra", "input_thresh", "target_offset"), numbers as loudnorm

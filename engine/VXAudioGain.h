@@ -9,9 +9,11 @@
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "engine/VXLoudnessScale.h"
 #include "engine/codec/VXError.h"
+#include "engine/codec/VXLoudnessMeter.h"
 
 class QThreadPool;
 class VXTranscoding;
@@ -39,6 +41,15 @@ struct VXGainResult {
         QString normalization;
     };
     QList<Stream> otherStreams;
+};
+
+// A track in album mode: its own figures and its album's. The job then
+// applies the album's gain, the same for every track, and skips its own
+// first pass (the album measurement was it).
+struct VXAlbumMember {
+    QString name;      // the album, as shown
+    VXLoudness track;  // integrated, true peak, range
+    VXLoudness album;
 };
 
 // One audio item: an input file, where its result goes, its target loudness
@@ -128,6 +139,9 @@ public:
     void setPreserveModificationTime(bool keep);
     VXGainResult gainResult() const;
     QString outcomeText() const;
+    // Set before the job starts; nullopt: the file is normalised on its own.
+    void setAlbumMember(std::optional<VXAlbumMember> member);
+    std::optional<VXAlbumMember> albumMember() const;
 
     static QString formatSize(quint64 bytes);
     static QString formatDuration(quint64 ticks);
@@ -222,6 +236,7 @@ private:
     QString m_tempOutFile;
     QVariantMap m_measurement;  // under m_lock
     VXGainResult m_result;      // under m_lock
+    std::optional<VXAlbumMember> m_album;  // under m_lock
     std::atomic<float> m_truePeakCeiling{-2.0f};
     std::atomic<bool> m_limitPeaks{false};
     std::atomic<bool> m_quickMeasurement{false};

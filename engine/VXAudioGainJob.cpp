@@ -260,7 +260,15 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
 
     QJsonObject record;
     const bool quick = quickMeasurement();
-    if (quick) {
+    const std::optional<VXAlbumMember> album = albumMember();
+    if (album) {
+        // Measured with its album already: the gain is the album's.
+        record = QJsonObject::fromVariantMap(VXMeasurementRecord(album->track));
+        job.filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
+        job.filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+        job.filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
+        deliver(2, progressOf(100, false), block);
+    } else if (quick) {
         // Decoding alone at the file's own rate: nothing written, and a
         // record for every file that decodes (silence included), so no
         // single-pass fallback. A cancel waits for it, seconds at most.
@@ -291,7 +299,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     }
 
     QByteArray log;
-    if (!quick) {
+    if (!quick && !album) {
         QMutexLocker capture(&shared().captureLock);
         const QString logFile = job.filter->logFile();
         job.filter->redirectStdErrToFile(logFile);
@@ -346,7 +354,9 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     }
 
     bool numeric = false;
-    const double measuredI = record.value(QLatin1String("input_i")).toVariant().toDouble(&numeric);
+    const double measuredI = album ? album->album.integrated
+                                   : record.value(QLatin1String("input_i")).toVariant().toDouble(&numeric);
+    numeric = numeric || album;
     if (numeric && std::isfinite(measuredI) && std::fabs(measuredI - double(loudnormValue())) <= skipWithin()) {
         // Already there: the original stays as it is, byte for byte, and
         // pass 1's output (if any) goes at once rather than with the cache.
@@ -365,6 +375,12 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     };
     for (const auto &[attribute, key] : measured)
         job.filter->setValue(record.value(QLatin1String(key)).toVariant(), QString::fromLatin1(attribute));
+    if (album) {
+        // Planned from the album's figures, every track's gain is the same
+        // number; its loudest peak decides the cap.
+        job.filter->setValue(QVariant(album->album.integrated), QString::fromLatin1(kVXAMeasuredIntegratedLoudness));
+        job.filter->setValue(QVariant(album->album.truePeak), QString::fromLatin1(kVXAMeasuredTruePeak));
+    }
     job.filter->setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
     job.filter->setValue(QVariant(limitPeaks()), QString::fromLatin1(kVXALimitPeaks));
     job.filter->setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
@@ -415,7 +431,9 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     // Where loud peaks carry much of the loudness, limiting them costs some
     // of it; the gain is raised by what is missing, a few times at most.
     const float target = loudnormValue();
-    for (int round = 0; plan && plan->kind == VXNormalization::Limited && round < 3; ++round) {
+    // Not in an album: one track raised more than the others would upset
+    // their balance.
+    for (int round = 0; !album && plan && plan->kind == VXNormalization::Limited && round < 3; ++round) {
         const double missing = plan->expectedLoudness - loudness.integrated;
         if (!std::isfinite(missing) || std::fabs(missing) <= 0.2)
             break;
@@ -446,7 +464,25 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     result.outputTp = plan->kind == VXNormalization::Limited
         ? loudness.truePeak
         : record.value(QLatin1String("input_tp")).toVariant().toDouble() + plan->gainDb;
+    if (album) {
+        // Each track should move by the gain exactly; a limiter takes what
+        // it must from the loud ones, so those are not held to it.
+        const double expected = album->track.integrated + result.gainDb;
+        return verifyAndPlace(result, plan->kind == VXNormalization::Limited ? NAN : expected);
+    }
     return verifyAndPlace(result, plan->expectedLoudness);
+}
+
+void VXAudioGain::setAlbumMember(std::optional<VXAlbumMember> member)
+{
+    QMutexLocker locker(&m_lock);
+    m_album = std::move(member);
+}
+
+std::optional<VXAlbumMember> VXAudioGain::albumMember() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_album;
 }
 
 // An output is kept only when it measures within half a LU of the level it
