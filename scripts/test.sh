@@ -12,3 +12,5 @@ export QT_QPA_PLATFORM=offscreen
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 ctest --test-dir "$build" --output-on-failure -j"$(nproc)" "$@"
+# The probing fuzzer, for a bounded time (EVENLOUD_FUZZ_SECONDS=0 skips it).
+scripts/fuzz.sh
