@@ -1,9 +1,11 @@
 #include "views/RQPopupMenuWndCtrl.h"
 
+#include "engine/VXLoudnessScale.h"
 #include "engine/codec/VXCodecConstants.h"
 #include "ui_RQPopupMenuWndCtrl.h"
 
 #include <QApplication>
+#include <QMenu>
 #include <QScreen>
 #include <QSignalBlocker>
 #include <QWindow>
@@ -21,10 +23,12 @@ void RQNotificationCenter::postNotificationName(const QString &name, QObject *se
 
 struct RQPopupMenuWndCtrl::Private {
     bool applyToAll = false;
-    float targetLoudness = 70.77f;
+    float targetLoudness = VXLoudnessScale::kDefaultPosition;
     qint64 row = 0;
     float truePeakCeiling = VXDefaultTruePeakTarget;
     bool limitPeaks = false;
+    bool quickMeasurement = false;
+    double skipWithin = NAN;
     QPointer<RQMeunWindow> window;
     Ui::RQPopupMenuWndCtrl ui;
 };
@@ -95,6 +99,48 @@ void RQPopupMenuWndCtrl::setLimitPeaks(bool limit)
     emit limitPeaksChanged();
 }
 
+bool RQPopupMenuWndCtrl::quickMeasurement() const { return d->quickMeasurement; }
+
+void RQPopupMenuWndCtrl::setQuickMeasurement(bool quick)
+{
+    if (d->quickMeasurement == quick)
+        return;
+    d->quickMeasurement = quick;
+    syncControls();
+    emit quickMeasurementChanged();
+}
+
+double RQPopupMenuWndCtrl::skipWithin() const { return d->skipWithin; }
+
+void RQPopupMenuWndCtrl::setSkipWithin(double lu)
+{
+    if (!(lu >= 0.0))
+        lu = NAN;
+    if (d->skipWithin == lu || (std::isnan(d->skipWithin) && std::isnan(lu)))
+        return;
+    d->skipWithin = lu;
+    syncControls();
+    emit skipWithinChanged();
+}
+
+void RQPopupMenuWndCtrl::chooseLufs(double lufs)
+{
+    using namespace VXLoudnessScale;
+    lufs = qBound(double(kMinLufs), lufs, double(kMaxLufs));
+    // The scale hits every level of the box within 0.01 LU; the fallback
+    // only guards against a level it would miss.
+    const float position = positionForLufs(lufs).value_or(
+        float((lufs - kMinLufs) * 100.0 / (double(kMaxLufs) - double(kMinLufs))));
+    userChangedValue(position, d->window ? d->ui.spnTargetLufs : nullptr);
+}
+
+void RQPopupMenuWndCtrl::choosePreset(const VXPreset &preset)
+{
+    if (!std::isnan(preset.truePeak))
+        setTruePeakCeiling(preset.truePeak);
+    chooseLufs(preset.lufs);
+}
+
 QWidget *RQPopupMenuWndCtrl::window()
 {
     if (!d->window) {
@@ -129,6 +175,36 @@ QAbstractButton *RQPopupMenuWndCtrl::chkLimitPeaks()
     return d->ui.chkLimitPeaks;
 }
 
+QDoubleSpinBox *RQPopupMenuWndCtrl::spnTargetLufs()
+{
+    window();
+    return d->ui.spnTargetLufs;
+}
+
+QToolButton *RQPopupMenuWndCtrl::btnPresets()
+{
+    window();
+    return d->ui.btnPresets;
+}
+
+QAbstractButton *RQPopupMenuWndCtrl::chkQuickMeasurement()
+{
+    window();
+    return d->ui.chkQuickMeasurement;
+}
+
+QAbstractButton *RQPopupMenuWndCtrl::chkSkipWithin()
+{
+    window();
+    return d->ui.chkSkipWithin;
+}
+
+QDoubleSpinBox *RQPopupMenuWndCtrl::spnSkipWithin()
+{
+    window();
+    return d->ui.spnSkipWithin;
+}
+
 void RQPopupMenuWndCtrl::awakeFromNib()
 {
     setApplyToAll(false);
@@ -137,8 +213,9 @@ void RQPopupMenuWndCtrl::awakeFromNib()
     QPalette checkPalette = ui.btnApplyToAll->palette();
     checkPalette.setColor(QPalette::WindowText, QColor(132, 128, 129));
     checkPalette.setColor(QPalette::ButtonText, QColor(132, 128, 129));
-    ui.btnApplyToAll->setPalette(checkPalette);
-    ui.chkLimitPeaks->setPalette(checkPalette);
+    for (QAbstractButton *button : std::initializer_list<QAbstractButton *>{
+             ui.btnApplyToAll, ui.chkLimitPeaks, ui.chkSkipWithin, ui.chkQuickMeasurement, ui.btnPresets})
+        button->setPalette(checkPalette);
     for (QLabel *label : {ui.lblTitle, ui.lblLufs, ui.lblTruePeakCeiling}) {
         QPalette palette = label->palette();
         palette.setColor(QPalette::WindowText, QColor(195, 195, 195));
@@ -150,6 +227,16 @@ void RQPopupMenuWndCtrl::awakeFromNib()
             [this](int tenths) { userChangedValue(tenths / 10.0f, d->ui.sldTargetLoudness); });
     connect(ui.spnTargetLoudness, &QDoubleSpinBox::valueChanged, this,
             [this](double v) { userChangedValue(float(v), d->ui.spnTargetLoudness); });
+    connect(ui.spnTargetLufs, &QDoubleSpinBox::valueChanged, this, &RQPopupMenuWndCtrl::chooseLufs);
+    auto *presets = new QMenu(ui.btnPresets);
+    for (const VXPreset &preset : kVXPresets) {
+        const QString title = QString::fromUtf8(preset.title.data(), qsizetype(preset.title.size()));
+        const QString text = std::isnan(preset.truePeak)
+            ? tr("%1: %2 LUFS").arg(title).arg(double(preset.lufs))
+            : tr("%1: %2 LUFS, %3 dBTP").arg(title).arg(double(preset.lufs)).arg(double(preset.truePeak));
+        connect(presets->addAction(text), &QAction::triggered, this, [this, &preset] { choosePreset(preset); });
+    }
+    ui.btnPresets->setMenu(presets);
     connect(ui.btnApplyToAll, &QAbstractButton::toggled, this, [this](bool on) {
         setApplyToAll(on);
         // Ticking the box applies the shown value to every file at once;
@@ -166,6 +253,13 @@ void RQPopupMenuWndCtrl::awakeFromNib()
     connect(ui.spnTruePeakCeiling, &QDoubleSpinBox::valueChanged, this,
             [this](double v) { setTruePeakCeiling(float(v)); });
     connect(ui.chkLimitPeaks, &QAbstractButton::toggled, this, &RQPopupMenuWndCtrl::setLimitPeaks);
+    connect(ui.chkQuickMeasurement, &QAbstractButton::toggled, this, &RQPopupMenuWndCtrl::setQuickMeasurement);
+    connect(ui.chkSkipWithin, &QAbstractButton::toggled, this,
+            [this](bool on) { setSkipWithin(on ? d->ui.spnSkipWithin->value() : NAN); });
+    connect(ui.spnSkipWithin, &QDoubleSpinBox::valueChanged, this, [this](double lu) {
+        if (d->ui.chkSkipWithin->isChecked())
+            setSkipWithin(lu);
+    });
     connect(d->window, &RQMeunWindow::resignedKey, d->window, &QWidget::hide);
     // Alt+F4 reaches the popup, which holds the keyboard: it is meant for
     // the window under it, which then closes as it would have.
@@ -194,13 +288,24 @@ void RQPopupMenuWndCtrl::syncControls()
         ui.sldTargetLoudness->setValue(qRound(v * 10.0f));
         ui.spnTargetLoudness->setValue(v);
     }
-    const float range = VXMaxIntegratedLoudnessTarget - VXMinIntegratedLoudnessTarget;
-    const float lufs = v * range / 100.0f + VXMinIntegratedLoudnessTarget;
+    const float lufs = VXLoudnessScale::lufsForPosition(v);
     ui.lblLufs->setText(tr("%1 LUFS").arg(double(lufs), 0, 'f', 1));
+    const QSignalBlocker blockLufs(ui.spnTargetLufs);
     const QSignalBlocker blockCeiling(ui.spnTruePeakCeiling);
     const QSignalBlocker blockLimit(ui.chkLimitPeaks);
+    const QSignalBlocker blockQuick(ui.chkQuickMeasurement);
+    const QSignalBlocker blockSkip(ui.chkSkipWithin);
+    const QSignalBlocker blockSkipValue(ui.spnSkipWithin);
+    ui.spnTargetLufs->setValue(lufs);
     ui.spnTruePeakCeiling->setValue(d->truePeakCeiling);
     ui.chkLimitPeaks->setChecked(d->limitPeaks);
+    ui.chkQuickMeasurement->setChecked(d->quickMeasurement);
+    const bool skip = !std::isnan(d->skipWithin);
+    ui.chkSkipWithin->setChecked(skip);
+    // Unticked, the box keeps the last value for the next tick.
+    if (skip)
+        ui.spnSkipWithin->setValue(d->skipWithin);
+    ui.spnSkipWithin->setEnabled(skip);
 }
 
 void RQPopupMenuWndCtrl::userChangedValue(float value, QObject *sender)

@@ -7,6 +7,8 @@
 class QAbstractButton;
 class QRect;
 class QDoubleSpinBox;
+class QToolButton;
+struct VXPreset;
 class QWidget;
 class RQMenuView;
 
@@ -28,7 +30,9 @@ signals:
 // Observers read applyToAll, row and targetLoudness from it when notified.
 // It also holds how peaks are treated, for every file at the next Gain: the
 // true-peak ceiling and whether a limiter may hold peaks to reach the target.
-// Those change through their own signals and post no notification.
+// Those change through their own signals and post no notification, as do
+// the other settings of the next Gain: a quick first pass, and leaving files
+// that are already near their target untouched.
 class RQPopupMenuWndCtrl : public QObject {
     Q_OBJECT
     Q_PROPERTY(bool applyToAll READ applyToAll WRITE setApplyToAll NOTIFY applyToAllChanged)
@@ -36,6 +40,8 @@ class RQPopupMenuWndCtrl : public QObject {
     Q_PROPERTY(qint64 row READ row WRITE setRow NOTIFY rowChanged)
     Q_PROPERTY(float truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY truePeakCeilingChanged)
     Q_PROPERTY(bool limitPeaks READ limitPeaks WRITE setLimitPeaks NOTIFY limitPeaksChanged)
+    Q_PROPERTY(bool quickMeasurement READ quickMeasurement WRITE setQuickMeasurement NOTIFY quickMeasurementChanged)
+    Q_PROPERTY(double skipWithin READ skipWithin WRITE setSkipWithin NOTIFY skipWithinChanged)
 
 public:
     static RQPopupMenuWndCtrl *sharePopupMenuWndCtrl();
@@ -51,6 +57,18 @@ public:
     void setTruePeakCeiling(float dbtp);
     bool limitPeaks() const;
     void setLimitPeaks(bool limit);
+    bool quickMeasurement() const;
+    void setQuickMeasurement(bool quick);
+    // LU; NaN (the box unticked) skips nothing.
+    double skipWithin() const;
+    void setSkipWithin(double lu);
+
+    // As the user typing a level: the position whose target it is (clamped
+    // to the scale), posted as a change.
+    void chooseLufs(double lufs);
+    // As the user picking a preset: its level, and its ceiling where it
+    // names one, posted as one change.
+    void choosePreset(const VXPreset &preset);
 
     // The popup window, loaded from RQPopupMenuWndCtrl.ui on first use.
     QWidget *window();
@@ -58,6 +76,11 @@ public:
     QAbstractButton *btnApplyToAll();
     QDoubleSpinBox *spnTruePeakCeiling();
     QAbstractButton *chkLimitPeaks();
+    QDoubleSpinBox *spnTargetLufs();
+    QToolButton *btnPresets();
+    QAbstractButton *chkQuickMeasurement();
+    QAbstractButton *chkSkipWithin();
+    QDoubleSpinBox *spnSkipWithin();
     // Top-left corner at the global point, moved back inside the screen's
     // available area where it would cross an edge; shown and activated.
     void popupMenuWndWithLocation(const QPoint &globalPoint);
@@ -73,6 +96,8 @@ signals:
     void rowChanged();
     void truePeakCeilingChanged();
     void limitPeaksChanged();
+    void quickMeasurementChanged();
+    void skipWithinChanged();
 
 private:
     RQPopupMenuWndCtrl();

@@ -158,12 +158,18 @@ bool RQTableCellView::helpEvent(QHelpEvent *event, QAbstractItemView *view, cons
                                 const QModelIndex &index)
 {
     if (event && view && event->type() == QEvent::ToolTip) {
-        const QRect state = layout(option.rect).state;
-        const VXAudioGain *item = state.contains(event->pos()) ? itemAt(index) : nullptr;
-        const QString text = item ? item->outcomeText() : QString();
+        const Layout l = layout(option.rect);
+        const VXAudioGain *item = itemAt(index);
+        // The target field shows the position; people think in LUFS.
+        if (item && l.edtTargetLoudness.contains(event->pos())) {
+            QToolTip::showText(event->globalPos(), tr("Target %1 LUFS").arg(double(item->loudnormValue()), 0, 'f', 1),
+                               view->viewport(), l.edtTargetLoudness);
+            return true;
+        }
+        const QString text = item && l.state.contains(event->pos()) ? item->outcomeText() : QString();
         if (!text.isEmpty()) {
             // Tied to the disc's rectangle: the tip goes when the pointer leaves it.
-            QToolTip::showText(event->globalPos(), text, view->viewport(), state);
+            QToolTip::showText(event->globalPos(), text, view->viewport(), l.state);
             return true;
         }
     }

@@ -41,8 +41,9 @@ public:
     QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const override;
     bool editorEvent(QEvent *event, QAbstractItemModel *model, const QStyleOptionViewItem &option,
                      const QModelIndex &index) override;
-    // Over the state image of an ended row: the outcome in words (the
-    // reason, for a failure) as the tooltip.
+    // Over the target field: the target in LUFS. Over the state image of an
+    // ended row: the outcome in words (the reason, for a failure). Elsewhere
+    // the model's tooltip.
     bool helpEvent(QHelpEvent *event, QAbstractItemView *view, const QStyleOptionViewItem &option,
                    const QModelIndex &index) override;
 

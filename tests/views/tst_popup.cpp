@@ -1,6 +1,7 @@
 #include "tests/views/ViewsTestUtil.h"
 #include "views/RQMenuView.h"
 #include "views/RQPopupMenuWndCtrl.h"
+#include "engine/VXLoudnessScale.h"
 
 #include <QAbstractButton>
 #include <QDoubleSpinBox>
@@ -9,6 +10,8 @@
 #include <QScreen>
 #include <QSignalSpy>
 #include <QSlider>
+#include <QMenu>
+#include <QToolButton>
 #include <QtTest>
 
 class TestPopup : public QObject {
@@ -17,6 +20,7 @@ private slots:
     void cleanup() { RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->window()->hide(); }
     void opensAtTheAnchorPresetAndReset();
     void everyUserChangePostsOnce();
+    void typedLevelsAndPresetsSetPositionAndCeiling();
     void keyboardStepsAndEscape();
     void hidesWhenAnotherWindowIsActivated();
     void menuViewPaintsBackgroundAndBorder();
@@ -87,6 +91,54 @@ void TestPopup::everyUserChangePostsOnce()
     // The action itself posts even when nothing changed.
     popup->targetLoudnessChanged(nullptr);
     QCOMPARE(posted.count(), 4);
+}
+
+void TestPopup::typedLevelsAndPresetsSetPositionAndCeiling()
+{
+    RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
+    popup->setTargetLoudness(70.77f);
+    popup->setTruePeakCeiling(-4.0f);
+    popup->popupMenuWndWithLocation(QPoint(10, 10));
+    QSignalSpy posted(RQNotificationCenter::defaultCenter(), &RQNotificationCenter::notificationPosted);
+    auto *lufs = popup->spnTargetLufs();
+    QCOMPARE(lufs->value(), -24.0);
+
+    // A typed level moves the position, the slider and the reading with it.
+    lufs->setValue(-16.0);
+    QCOMPARE(popup->targetLoudness(), *VXLoudnessScale::positionForLufs(-16.0));
+    QCOMPARE(popup->window()->findChild<QSlider *>()->value(), qRound(popup->targetLoudness() * 10.0f));
+    QCOMPARE(popup->window()->findChild<QLabel *>(QStringLiteral("lblLufs"))->text(), QStringLiteral("-16.0 LUFS"));
+    QCOMPARE(posted.count(), 1);
+    // ...and the position box moves the level box.
+    popup->window()->findChild<QDoubleSpinBox *>(QStringLiteral("spnTargetLoudness"))->setValue(50.0);
+    QCOMPARE(lufs->value(), -37.5);
+    QCOMPARE(posted.count(), 2);
+
+    // Each preset is the engine's: level always, ceiling only where named.
+    const QList<QAction *> actions = popup->btnPresets()->menu()->actions();
+    QCOMPARE(actions.size(), qsizetype(std::size(kVXPresets)));
+    for (qsizetype i = 0; i < actions.size(); ++i) {
+        const VXPreset &preset = kVXPresets[i];
+        const float before = popup->truePeakCeiling();
+        actions[i]->trigger();
+        QVERIFY(qAbs(VXLoudnessScale::lufsForPosition(popup->targetLoudness()) - preset.lufs) < 0.01f);
+        QCOMPARE(popup->truePeakCeiling(), std::isnan(preset.truePeak) ? before : preset.truePeak);
+        QCOMPARE(popup->spnTruePeakCeiling()->value(), double(popup->truePeakCeiling()));
+        QCOMPARE(posted.count(), 3 + i);
+    }
+    QCOMPARE(VXPresetNamed("atsc")->truePeak, -2.0f);  // the last with a ceiling of its own
+    QCOMPARE(popup->truePeakCeiling(), -2.0f);
+
+    // The skip box is off until ticked, and keeps its value when unticked.
+    QVERIFY(std::isnan(popup->skipWithin()));
+    popup->spnSkipWithin()->setValue(1.5);
+    QVERIFY(std::isnan(popup->skipWithin()));
+    popup->chkSkipWithin()->click();
+    QCOMPARE(popup->skipWithin(), 1.5);
+    popup->chkSkipWithin()->click();
+    QVERIFY(std::isnan(popup->skipWithin()));
+    QVERIFY(!popup->spnSkipWithin()->isEnabled());
+    popup->setTruePeakCeiling(-2.0f);
 }
 
 void TestPopup::keyboardStepsAndEscape()
