@@ -26,15 +26,6 @@ std::pair<double, double> VXLoudnessRangeBand(const std::vector<float> &shortTer
 
 namespace {
 
-const QColor kBackground(0x1f, 0x22, 0x27);
-const QColor kGrid(0x3a, 0x3f, 0x47);
-const QColor kText(0xc8, 0xcc, 0xd2);
-const QColor kInput(0x6f, 0xa8, 0xdc);
-const QColor kOutput(0xf0, 0xa0, 0x3c);
-const QColor kTarget(0x6c, 0xc0, 0x6c);
-const QColor kCeiling(0xe0, 0x5a, 0x5a);
-const QColor kIntegrated(0xe8, 0xe8, 0xe8);
-
 QString clock(double seconds)
 {
     const int s = int(seconds + 0.5);
@@ -46,8 +37,9 @@ QString clock(double seconds)
 
 QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
 {
+    const VXLoudnessPictureColors &ink = data.colors;
     QImage image(size, QImage::Format_ARGB32_Premultiplied);
-    image.fill(kBackground);
+    image.fill(ink.background);
     QPainter p(&image);
     p.setRenderHint(QPainter::Antialiasing);
     QFont font = p.font();
@@ -69,24 +61,24 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
     const double seconds = std::max(kVXShortTermStep, double(points) * kVXShortTermStep);
     auto x = [&](double t) { return plot.left() + t / seconds * plot.width(); };
 
-    p.setPen(kGrid);
+    p.setPen(ink.grid);
     for (double v = bottom; v <= top; v += 10.0) {
         p.drawLine(QPointF(plot.left(), y(v)), QPointF(plot.right(), y(v)));
-        p.setPen(kText);
+        p.setPen(ink.text);
         p.drawText(QRectF(0, y(v) - 8, plot.left() - 6, 16), Qt::AlignRight | Qt::AlignVCenter,
                    QString::number(int(v)));
-        p.setPen(kGrid);
+        p.setPen(ink.grid);
     }
     // Time marks at a round step giving about eight of them.
     double step = 1;
     for (const double s : {1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, 3600.0})
         if (seconds / s >= 3) step = s;
-    p.setPen(kText);
+    p.setPen(ink.text);
     for (double t = 0; t <= seconds + 1e-9; t += step)
         p.drawText(QRectF(x(t) - 40, plot.bottom() + 4, 80, 18), Qt::AlignHCenter | Qt::AlignTop, clock(t));
 
     if (std::isfinite(band.first) && std::isfinite(band.second)) {
-        QColor fill = kInput;
+        QColor fill = ink.input;
         fill.setAlpha(45);
         p.fillRect(QRectF(QPointF(plot.left(), y(band.second)), QPointF(plot.right(), y(band.first))), fill);
     }
@@ -114,8 +106,8 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
         p.setBrush(Qt::NoBrush);
         p.drawPath(path);
     };
-    curve(data.input.shortTerm, kInput);
-    curve(data.output.shortTerm, kOutput);
+    curve(data.input.shortTerm, ink.input);
+    curve(data.output.shortTerm, ink.output);
 
     auto level = [&](double v, const QColor &colour, Qt::PenStyle style, const QString &label) {
         if (!std::isfinite(v))
@@ -124,12 +116,12 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
         p.drawLine(QPointF(plot.left(), y(v)), QPointF(plot.right(), y(v)));
         p.drawText(QRectF(plot.left() + 6, y(v) - 17, plot.width() - 12, 16), Qt::AlignRight | Qt::AlignBottom, label);
     };
-    level(data.ceilingDbtp, kCeiling, Qt::DashLine, QStringLiteral("ceiling %1 dBTP").arg(data.ceilingDbtp, 0, 'f', 1));
-    level(data.targetLufs, kTarget, Qt::DashLine, QStringLiteral("target %1 LUFS").arg(data.targetLufs, 0, 'f', 1));
-    level(data.input.integrated, kIntegrated, Qt::SolidLine,
+    level(data.ceilingDbtp, ink.ceiling, Qt::DashLine, QStringLiteral("ceiling %1 dBTP").arg(data.ceilingDbtp, 0, 'f', 1));
+    level(data.targetLufs, ink.target, Qt::DashLine, QStringLiteral("target %1 LUFS").arg(data.targetLufs, 0, 'f', 1));
+    level(data.input.integrated, ink.integrated, Qt::SolidLine,
           QStringLiteral("integrated %1 LUFS").arg(data.input.integrated, 0, 'f', 1));
 
-    p.setPen(kText);
+    p.setPen(ink.text);
     QString legend = data.title + QStringLiteral("    short-term loudness (LUFS, 3 s)");
     if (std::isfinite(data.input.range))
         legend += QStringLiteral("    LRA %1 LU").arg(data.input.range, 0, 'f', 1);
@@ -138,9 +130,9 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
     p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignLeft | Qt::AlignVCenter, legend);
     if (!data.output.shortTerm.empty()) {
         const QString output = QStringLiteral("output %1 LUFS").arg(data.output.integrated, 0, 'f', 1);
-        p.setPen(kOutput);
+        p.setPen(ink.output);
         p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignRight | Qt::AlignVCenter, output);
-        p.setPen(kInput);
+        p.setPen(ink.input);
         p.drawText(QRectF(plot.left(), 6, plot.width() - p.fontMetrics().horizontalAdvance(output) - 14, 18),
                    Qt::AlignRight | Qt::AlignVCenter, QStringLiteral("input"));
     }

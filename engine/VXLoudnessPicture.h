@@ -9,10 +9,23 @@
 
 #include "engine/codec/VXLoudnessMeter.h"
 
+#include <QColor>
 #include <QImage>
 #include <QSize>
 #include <QString>
 #include <utility>
+
+// The defaults suit a file of its own; a window passes its own palette.
+struct VXLoudnessPictureColors {
+    QColor background{0x1f, 0x22, 0x27};
+    QColor grid{0x3a, 0x3f, 0x47};
+    QColor text{0xc8, 0xcc, 0xd2};
+    QColor input{0x6f, 0xa8, 0xdc};
+    QColor output{0xf0, 0xa0, 0x3c};
+    QColor target{0x6c, 0xc0, 0x6c};
+    QColor ceiling{0xe0, 0x5a, 0x5a};
+    QColor integrated{0xe8, 0xe8, 0xe8};
+};
 
 struct VXLoudnessPictureData {
     QString title;
@@ -20,6 +33,7 @@ struct VXLoudnessPictureData {
     VXLoudness output;  // the result's, after a run; no curve otherwise
     double targetLufs = NAN;
     double ceilingDbtp = NAN;
+    VXLoudnessPictureColors colors;
 };
 
 // The low and high ends of the loudness range from a short-term curve (EBU
