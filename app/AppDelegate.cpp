@@ -17,6 +17,7 @@
 #include <QDropEvent>
 #include <QMessageBox>
 #include <QScreen>
+#include <QThread>
 
 namespace {
 // A job's last report can take a moment to be refused once hops stop; the
@@ -33,6 +34,7 @@ AppDelegate::AppDelegate(QObject *parent)
     m_ui->setupUi(m_window);
     RQAccessibility::attachPopup(m_window, RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->window());
     m_importPool.setMaxThreadCount(4);
+    m_analysisPool.setMaxThreadCount(qMax(2, QThread::idealThreadCount()));
     m_alert = [this](const QString &message, const QString &informative) {
         QMessageBox box(m_window);
         box.setWindowModality(Qt::ApplicationModal);
@@ -125,6 +127,17 @@ void AppDelegate::connectWindow()
     connect(ui.actionClearList, &QAction::triggered, this, &AppDelegate::cleanGains);
     connect(ui.actionAbout, &QAction::triggered, this, &AppDelegate::showAbout);
     connect(ui.actionSelectAll, &QAction::triggered, list, &QListView::selectAll);
+    connect(ui.actionAnalyze, &QAction::triggered, this, &AppDelegate::analyzeSelected);
+    connect(ui.actionShowLoudness, &QAction::toggled, ui.loudnessView, &QWidget::setVisible);
+    connect(list->selectionModel(), &QItemSelectionModel::currentChanged, this, [this] { updateLoudnessView(); });
+    connect(m_audioGains, &QAbstractItemModel::dataChanged, this, [this](const QModelIndex &, const QModelIndex &,
+                                                                         const QList<int> &roles) {
+        // Progress ticks change neither the figures nor the target.
+        if (roles.isEmpty() || roles.contains(Qt::ToolTipRole) || roles.contains(VXAudioGainList::TargetLoudnessRole))
+            updateLoudnessView();
+    });
+    connect(RQPopupMenuWndCtrl::sharePopupMenuWndCtrl(), &RQPopupMenuWndCtrl::truePeakCeilingChanged, this,
+            [this] { updateLoudnessView(); });
 
     // Window-wide keys with no menu entry: the button's own shortcut would
     // be reset each time its face changes.
@@ -165,25 +178,30 @@ void AppDelegate::applicationDidFinishLaunching()
 
     connect(RQNotificationCenter::defaultCenter(), &RQNotificationCenter::notificationPosted, this,
             &AppDelegate::targetLoudnessChanged, Qt::UniqueConnection);
-    // The popup shows the remembered peak settings and remembers each change.
+    // The popup shows the remembered settings of the next Gain and
+    // remembers each change.
     RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     popup->setTruePeakCeiling(RQAppSettings::truePeakCeiling());
     popup->setLimitPeaks(RQAppSettings::limitPeaks());
-    connect(popup, &RQPopupMenuWndCtrl::truePeakCeilingChanged, this, &AppDelegate::savePeakSettings,
-            Qt::UniqueConnection);
-    connect(popup, &RQPopupMenuWndCtrl::limitPeaksChanged, this, &AppDelegate::savePeakSettings,
-            Qt::UniqueConnection);
+    popup->setQuickMeasurement(RQAppSettings::quickMeasurement());
+    popup->setSkipWithin(RQAppSettings::skipWithin());
+    for (auto signal : {&RQPopupMenuWndCtrl::truePeakCeilingChanged, &RQPopupMenuWndCtrl::limitPeaksChanged,
+                        &RQPopupMenuWndCtrl::quickMeasurementChanged, &RQPopupMenuWndCtrl::skipWithinChanged})
+        connect(popup, signal, this, &AppDelegate::savePopupSettings, Qt::UniqueConnection);
+    m_newRowTarget = RQAppSettings::targetLoudness();
     if (qApp)
         connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate,
                 Qt::UniqueConnection);
     updateDerivedFlags();
 }
 
-void AppDelegate::savePeakSettings()
+void AppDelegate::savePopupSettings()
 {
     const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     RQAppSettings::setTruePeakCeiling(popup->truePeakCeiling());
     RQAppSettings::setLimitPeaks(popup->limitPeaks());
+    RQAppSettings::setQuickMeasurement(popup->quickMeasurement());
+    RQAppSettings::setSkipWithin(popup->skipWithin());
 }
 
 bool AppDelegate::windowShouldClose()
@@ -217,7 +235,9 @@ bool AppDelegate::applicationWillTerminate()
     // for this thread while it waits for them.
     VXMainThread::shutdown();
     const bool jobsEnded = VXAudioGain::cancelAllJobsAndWait(kJobDrainMsecs);
+    m_analysisCancel->store(true);
     m_importPool.waitForDone(kImportDrainMsecs);
+    m_analysisPool.waitForDone(kImportDrainMsecs);
     VXAudioGain::cleanCache();
     return jobsEnded;
 }
@@ -229,6 +249,7 @@ void AppDelegate::stopAllWork()
     // A walk may be probing one last file; hops are refused by now, so it
     // ends without this thread's help. It reads the list, which dies next.
     m_importPool.waitForDone();
+    m_analysisPool.waitForDone();
 }
 
 void AppDelegate::quitApplication()

@@ -20,6 +20,7 @@
 #include "views/RQTableCellView.h"
 
 class QCheckBox;
+class RQAudioGainRows;
 
 class QLabel;
 class QLineEdit;
@@ -102,6 +103,11 @@ public:
     // The open dialog's end: result 1 = confirmed with the chosen paths.
     void openPanelDidEnd(int result, const QStringList &paths);
 
+    // Analysis: measures on a pool of its own, writes nothing; the figures
+    // go to the rows' tooltips and the loudness picture.
+    bool analyzing() const { return m_runningAnalyses > 0; }
+    RQAudioGainRows *rows() const;
+
     // Batch gain.
     void gainAudios();
     void updateGainFace();
@@ -149,6 +155,9 @@ public slots:
     // Cancels the running jobs among the selected items (all items when
     // none is selected).
     void cancelSelectedJobs();
+    // Measures the selected items (all items when none is selected) that
+    // are not running.
+    void analyzeSelected();
     void selectOutFolder();
     void avtiveOutputPath();
     void chkReplaceOriginalFileChanged();
@@ -167,6 +176,8 @@ signals:
     void replaceOriginalFileChanged();
     // An import's walk has ended (after its last file or a cancel).
     void importFinished();
+    // The last analysis under way has handed its figures over.
+    void analysesFinished();
 
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
@@ -182,9 +193,12 @@ private:
     void alert(const QString &message, const QString &informative);
     void revealFolder(const QString &folder);
     void stopAllWork();
-    void savePeakSettings();
+    void savePopupSettings();
     void batchReported(qint32 state);
     void fitWindowToScreen();
+    void analyze(const VXAudioGainPtr &item, const QString &path, bool output);
+    void jobEnded(const std::weak_ptr<VXAudioGain> &item);
+    void updateLoudnessView();
 
     std::unique_ptr<Ui::MainWindow> m_ui;
     QPointer<QMainWindow> m_window;
@@ -201,7 +215,13 @@ private:
     std::vector<std::weak_ptr<std::atomic<bool>>> m_importCancels;
     int m_runningImports = 0;
     QThreadPool m_importPool;
+    QThreadPool m_analysisPool;
+    // Set at shutdown; read by the measurements under way.
+    std::shared_ptr<std::atomic<bool>> m_analysisCancel = std::make_shared<std::atomic<bool>>(false);
+    int m_runningAnalyses = 0;
 
+    // The position last chosen in the popup, given to every new row.
+    float m_newRowTarget = VXAudioGain::kDefaultTargetLoudness;
     QString m_outFolder = kOutFolderPlaceholder;
     bool m_replaceOriginalFile = false;
     QPointer<QDialog> m_dialog;

@@ -64,6 +64,8 @@ void AppDelegate::gainAudios()
     const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     const float ceiling = popup->truePeakCeiling();
     const bool limitPeaks = popup->limitPeaks();
+    const bool quick = popup->quickMeasurement();
+    const double skipWithin = popup->skipWithin();
     const bool keepTime = m_replaceOriginalFile && m_ui->actionPreserveModificationTime->isChecked();
     bool started = false;
     for (const VXAudioGainPtr &item : selectedAudioGains()) {
@@ -75,9 +77,15 @@ void AppDelegate::gainAudios()
             item->setOutFolder(folder);
         item->setTruePeakCeiling(ceiling);
         item->setLimitPeaks(limitPeaks);
+        item->setQuickMeasurement(quick);
+        item->setSkipWithin(skipWithin);
         item->setPreserveModificationTime(keepTime);
         m_batch.append(item);
-        item->gainWithBlock(report);
+        item->gainWithBlock([report, self, weak = std::weak_ptr<VXAudioGain>(item)](qint32 state, qint64 code) {
+            report(state, code);
+            if (state == 3 && self)
+                self->jobEnded(weak);
+        });
         started = true;
     }
     if (started)

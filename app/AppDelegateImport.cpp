@@ -168,6 +168,7 @@ void AppDelegate::importSingleFile(const QString &path, const VXAudioGainPtr &it
         return;
     }
     item->setOutFolder(m_outFolder);
+    item->setTargetLoudness(m_newRowTarget);
     setImportingFileName(item->inputFileName());
     m_audioGains->insertObject(item, m_audioGains->count());
 }

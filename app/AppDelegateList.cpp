@@ -1,5 +1,6 @@
 #include "app/AppDelegate.h"
 
+#include "app/RQAppSettings.h"
 #include "views/RQPopupMenuWndCtrl.h"
 
 #include <QItemSelectionModel>
@@ -59,6 +60,7 @@ void AppDelegate::tableViewSelectionDidChange()
     updateDerivedFlags();
     emit selectedAudioGainsChanged();
     updateGainFace();
+    updateLoudnessView();
 }
 
 void AppDelegate::updateDerivedFlags()
@@ -124,6 +126,11 @@ void AppDelegate::targetLoudnessChanged(const QString &name, QObject *sender)
         return;
     const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     const float value = popup->targetLoudness();
+    // Only the user's own choices are posted: the next files get the last one.
+    if (value != m_newRowTarget) {
+        m_newRowTarget = value;
+        RQAppSettings::setTargetLoudness(value);
+    }
     if (!popup->applyToAll()) {
         const qint64 row = popup->row();
         // The list may have shrunk while the popup was open.

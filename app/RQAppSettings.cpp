@@ -1,5 +1,6 @@
 #include "app/RQAppSettings.h"
 
+#include "engine/VXLoudnessScale.h"
 #include "engine/codec/VXCodecConstants.h"
 
 #include <QFileInfo>
@@ -57,6 +58,37 @@ bool preserveModificationTime()
 void setPreserveModificationTime(bool keep)
 {
     QSettings().setValue(QLatin1String(kRQPreserveModificationTime), keep);
+}
+
+float targetLoudness()
+{
+    bool ok = false;
+    const float stored = QSettings().value(QLatin1String(kRQTargetLoudness)).toFloat(&ok);
+    if (!ok || !(stored >= VXLoudnessScale::kMinPosition && stored <= VXLoudnessScale::kMaxPosition))
+        return VXLoudnessScale::kDefaultPosition;
+    return stored;
+}
+
+void setTargetLoudness(float position) { QSettings().setValue(QLatin1String(kRQTargetLoudness), position); }
+
+bool quickMeasurement() { return QSettings().value(QLatin1String(kRQQuickMeasurement), false).toBool(); }
+
+void setQuickMeasurement(bool quick) { QSettings().setValue(QLatin1String(kRQQuickMeasurement), quick); }
+
+double skipWithin()
+{
+    bool ok = false;
+    const double stored = QSettings().value(QLatin1String(kRQSkipWithin)).toDouble(&ok);
+    return ok && stored >= 0.0 ? stored : NAN;
+}
+
+void setSkipWithin(double lu)
+{
+    // Nothing stored stands for "skip nothing"; NaN does not survive every format.
+    if (lu >= 0.0)
+        QSettings().setValue(QLatin1String(kRQSkipWithin), lu);
+    else
+        QSettings().remove(QLatin1String(kRQSkipWithin));
 }
 
 } // namespace RQAppSettings

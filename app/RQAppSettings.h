@@ -2,14 +2,18 @@
 
 #include <QString>
 
-// What the app remembers between runs: the output folder, how peaks are
-// held at Gain, and whether replacing keeps modification times.
+// What the app remembers between runs: the output folder, the target of new
+// rows, how Gain measures, skips and holds peaks, and whether replacing
+// keeps modification times.
 namespace RQAppSettings {
 
 inline constexpr char kRQUserSelectedOutFolder[] = "kRQUserSelectedOutFolder";
 inline constexpr char kRQTruePeakCeiling[] = "kRQTruePeakCeiling";
 inline constexpr char kRQLimitPeaks[] = "kRQLimitPeaks";
 inline constexpr char kRQPreserveModificationTime[] = "kRQPreserveModificationTime";
+inline constexpr char kRQTargetLoudness[] = "kRQTargetLoudness";
+inline constexpr char kRQQuickMeasurement[] = "kRQQuickMeasurement";
+inline constexpr char kRQSkipWithin[] = "kRQSkipWithin";
 
 // The remembered folder's absolute path; a null string when none is stored
 // or the stored one is no longer an existing folder (the entry stays).
@@ -27,5 +31,14 @@ void setLimitPeaks(bool limit);
 // Whether a replaced original's modification time goes to its result.
 bool preserveModificationTime();
 void setPreserveModificationTime(bool keep);
+// The position (0..100) last chosen in the popup, for new rows; the
+// engine's default when none or one off the scale is stored.
+float targetLoudness();
+void setTargetLoudness(float position);
+bool quickMeasurement();
+void setQuickMeasurement(bool quick);
+// LU; NaN (nothing skipped) when none or a negative value is stored.
+double skipWithin();
+void setSkipWithin(double lu);
 
 } // namespace RQAppSettings

@@ -1,14 +1,64 @@
 #include "app/RQAudioGainRows.h"
 
-QVariant RQAudioGainRows::data(const QModelIndex &index, int role) const
+namespace {
+QString figure(double v, const char *unit)
 {
-    if (role != Qt::AccessibleDescriptionRole)
-        return VXAudioGainList::data(index, role);
-    const VXAudioGain *item = VXAudioGainList::data(index, ItemRole).value<VXAudioGain *>();
-    return item ? describe(*item) : QVariant();
+    return std::isfinite(v) ? QStringLiteral("%1 %2").arg(v, 0, 'f', 1).arg(QLatin1String(unit)) : QStringLiteral("–");
 }
 
-QString RQAudioGainRows::describe(const VXAudioGain &item)
+QString measuredText(const VXLoudness &l)
+{
+    return RQAudioGainRows::tr("measured %1, true peak %2, range %3")
+        .arg(figure(l.integrated, "LUFS"), figure(l.truePeak, "dBTP"), figure(l.range, "LU"));
+}
+} // namespace
+
+RQAudioGainRows::RQAudioGainRows(QObject *parent) : VXAudioGainList(parent)
+{
+    // A removed item's figures go with it: its address may come back.
+    connect(this, &QAbstractItemModel::rowsAboutToBeRemoved, this, [this](const QModelIndex &, int first, int last) {
+        for (int row = first; row <= last; ++row)
+            m_measured.remove(at(row).get());
+    });
+    connect(this, &QAbstractItemModel::modelAboutToBeReset, this, [this] { m_measured.clear(); });
+}
+
+QVariant RQAudioGainRows::data(const QModelIndex &index, int role) const
+{
+    if (role != Qt::AccessibleDescriptionRole && role != Qt::ToolTipRole)
+        return VXAudioGainList::data(index, role);
+    const VXAudioGain *item = VXAudioGainList::data(index, ItemRole).value<VXAudioGain *>();
+    if (!item)
+        return {};
+    const Measured *m = measured(item);
+    if (role == Qt::AccessibleDescriptionRole)
+        return describe(*item, m);
+    if (!m)
+        return {};
+    QString tip = measuredText(m->input);
+    if (m->output.measured())
+        tip += QLatin1Char('\n') + tr("result %1").arg(figure(m->output.integrated, "LUFS"));
+    return tip;
+}
+
+const RQAudioGainRows::Measured *RQAudioGainRows::measured(const VXAudioGain *item) const
+{
+    const auto it = m_measured.constFind(item);
+    return it == m_measured.constEnd() ? nullptr : &it.value();
+}
+
+void RQAudioGainRows::setMeasured(const VXAudioGain *item, const VXLoudness &loudness, bool output)
+{
+    const int row = indexOf(item);
+    if (row < 0)
+        return;
+    Measured &m = m_measured[item];
+    (output ? m.output : m.input) = loudness;
+    const QModelIndex changed = index(row);
+    emit dataChanged(changed, changed, {Qt::ToolTipRole, Qt::AccessibleDescriptionRole});
+}
+
+QString RQAudioGainRows::describe(const VXAudioGain &item, const Measured *measured)
 {
     QStringList parts;
     const QString size = item.formatInputFileSize();
@@ -20,6 +70,8 @@ QString RQAudioGainRows::describe(const VXAudioGain &item)
     parts << tr("target %1 (%2 LUFS)")
                  .arg(item.formatTargetLoudness())
                  .arg(double(item.loudnormValue()), 0, 'f', 1);
+    if (measured)
+        parts << measuredText(measured->input);
     const qint64 code = item.retCode();
     switch (item.state()) {
     case 1:

@@ -5,11 +5,14 @@
 #include "AppTestUtil.h"
 
 #include "app/RQAppSettings.h"
+#include "app/RQAudioGainRows.h"
 #include "engine/codec/VXLog.h"
+#include "views/RQLoudnessView.h"
 #include "views/RQPopupMenuWndCtrl.h"
 
 #include <QAbstractButton>
 #include <QCheckBox>
+#include <QAction>
 #include <QDoubleSpinBox>
 #include <QFileDialog>
 #include <QHelpEvent>
@@ -185,24 +188,35 @@ private slots:
             QVERIFY(!QFile::exists(out + QLatin1Char('/') + item->inputFileName()) || item->retCode() == 0);
     }
 
-    // The popup's peak settings outlive the controller and the settings
-    // object, and every item the batch starts carries them.
-    void peakSettingsAreRememberedAndReachTheItems()
+    // The popup's settings outlive the controller and the settings object:
+    // new rows get the last target chosen, and every item the batch starts
+    // carries the peak, quick and skip settings.
+    void popupSettingsAreRememberedAndReachTheItems()
     {
         QSettings().clear();
         RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
+        const float podcast = *VXLoudnessScale::positionForLufs(-16.0);
         {
             Controller c;
             QCOMPARE(popup->truePeakCeiling(), -2.0f);  // nothing stored yet
             QVERIFY(!popup->limitPeaks());
             popup->spnTruePeakCeiling()->setValue(-4.5);
             popup->chkLimitPeaks()->click();
+            popup->chkQuickMeasurement()->click();
+            popup->spnSkipWithin()->setValue(0.3);
+            popup->chkSkipWithin()->click();
+            // Chosen with no row under it: only remembered.
+            popup->spnTargetLufs()->setValue(-16.0);
         }
         // A new process starts from the popup's defaults.
         popup->setTruePeakCeiling(-2.0f);
         popup->setLimitPeaks(false);
+        popup->setQuickMeasurement(false);
+        popup->setSkipWithin(NAN);
+        popup->setTargetLoudness(VXAudioGain::kDefaultTargetLoudness);
         QCOMPARE(RQAppSettings::truePeakCeiling(), -4.5f);
         QVERIFY(RQAppSettings::limitPeaks());
+        QCOMPARE(RQAppSettings::targetLoudness(), podcast);
 
         const QString out = m_dir.filePath(QStringLiteral("out-peaks"));
         QVERIFY(QDir().mkpath(out));
@@ -211,16 +225,72 @@ private slots:
         QVERIFY(popup->chkLimitPeaks()->isChecked());
         c->folderSheetDidEnd(QDialog::Accepted, out, false);
         QVERIFY(c.import({m_short[0], m_short[2]}));
+        QVERIFY(popup->chkQuickMeasurement()->isChecked());
+        for (const VXAudioGainPtr &item : c->audioGains()->items())
+            QCOMPARE(item->targetLoudness(), podcast);
         c->gainAudioAction();
         for (const VXAudioGainPtr &item : c->audioGains()->items()) {
             QCOMPARE(item->truePeakCeiling(), -4.5f);
             QVERIFY(item->limitPeaks());
+            QVERIFY(item->quickMeasurement());
+            QCOMPARE(item->skipWithin(), 0.3);
         }
         QVERIFY(waitFor([&] { return allEnded(*c.app); }));
 
-        // A ceiling the engine would refuse is never handed out.
+        // A ceiling the engine would refuse is never handed out, nor a position off the scale.
         QSettings().setValue(QLatin1String(RQAppSettings::kRQTruePeakCeiling), 3.0);
         QCOMPARE(RQAppSettings::truePeakCeiling(), -2.0f);
+        QSettings().setValue(QLatin1String(RQAppSettings::kRQTargetLoudness), -16.0);
+        QCOMPARE(RQAppSettings::targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
+        popup->setQuickMeasurement(false);
+        popup->setSkipWithin(NAN);
+    }
+
+    // Analyze measures the selected rows only, writes nothing anywhere, and
+    // the figures reach the row's tooltip, its description and the picture;
+    // after a run the result's curve joins the input's.
+    void analyzeWritesNothingAndFillsTheRows()
+    {
+        QSettings().clear();
+        const QString out = m_dir.filePath(QStringLiteral("out-analyze"));
+        QVERIFY(QDir().mkpath(out));
+        const QDateTime before = QFileInfo(m_short[0]).lastModified();
+        Controller c;
+        c->folderSheetDidEnd(QDialog::Accepted, out, false);
+        QVERIFY(c.import({m_short[0], m_short[1]}));
+        RQAudioGainRows *rows = c->rows();
+        c.select({1});
+        QAction *analyze = c->window()->findChild<QAction *>(QStringLiteral("actionAnalyze"));
+        QCOMPARE(analyze->shortcut(), QKeySequence(Qt::CTRL | Qt::Key_I));
+        analyze->trigger();
+        QVERIFY(c->analyzing());
+        QVERIFY(waitFor([&] { return !c->analyzing(); }));
+        QVERIFY(!rows->measured(rows->at(0).get()));
+        const RQAudioGainRows::Measured *m = rows->measured(rows->at(1).get());
+        QVERIFY(m && m->input.measured() && !m->input.shortTerm.empty());
+        QVERIFY(!m->output.measured());
+        const QString tip = rows->index(1).data(Qt::ToolTipRole).toString();
+        QVERIFY2(tip.contains(QStringLiteral("%1 LUFS").arg(m->input.integrated, 0, 'f', 1)), qPrintable(tip));
+        QVERIFY(rows->index(1).data(Qt::AccessibleDescriptionRole).toString().contains(tip.section(QLatin1Char(','), 0, 0)));
+        QCOMPARE(c->window()->findChild<RQLoudnessView *>()->picture().input.integrated, m->input.integrated);
+
+        // None selected: every row; still nothing written, nothing changed.
+        c.select({});
+        analyze->trigger();
+        QVERIFY(waitFor([&] { return !c->analyzing(); }));
+        QVERIFY(rows->measured(rows->at(0).get()));
+        QVERIFY(QDir(out).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot));
+        QCOMPARE(QFileInfo(m_short[0]).lastModified(), before);
+        QCOMPARE(rows->at(0)->state(), 0);
+
+        c.select({1});
+        c->gainAudioAction();
+        QVERIFY(waitFor([&] { return allEnded(*c.app) && !c->analyzing(); }));
+        QCOMPARE(rows->at(1)->retCode(), qint64(0));
+        m = rows->measured(rows->at(1).get());
+        QVERIFY(m->output.measured() && !m->output.shortTerm.empty());
+        QVERIFY(qAbs(m->output.integrated - rows->at(1)->loudnormValue()) < 1.0);
+        QCOMPARE(c->window()->findChild<RQLoudnessView *>()->picture().output.integrated, m->output.integrated);
     }
 
     // A row whose job failed tells why when the pointer rests on its state
