@@ -1,0 +1,197 @@
+#include "tests/support/Fixtures.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <cmath>
+#include <gtest/gtest.h>
+
+namespace {
+
+QJsonArray runJson(const QStringList &args, int *exitCode)
+{
+    QProcess p;
+    p.setStandardInputFile(QProcess::nullDevice());
+    p.start(QStringLiteral(EVENLOUD_CLI), QStringList{"--json"} + args);
+    if (!p.waitForStarted(-1) || !p.waitForFinished(300000))
+        return {};
+    *exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    return QJsonDocument::fromJson(p.readAllStandardOutput()).array();
+}
+
+// The tags an independent reader sees, format and stream tags together.
+QMap<QString, QString> probeTags(const QString &path)
+{
+    QString out;
+    fixtures::run("ffprobe", {"-v", "error", "-show_entries", "format_tags:stream_tags", "-of", "json", path}, &out);
+    const QJsonObject o = QJsonDocument::fromJson(out.toUtf8()).object();
+    QMap<QString, QString> tags;
+    QJsonArray holders = o["streams"].toArray();
+    holders.append(o["format"]);
+    for (const QJsonValue &h : holders) {
+        const QJsonObject t = h.toObject()["tags"].toObject();
+        for (auto it = t.begin(); it != t.end(); ++it)
+            tags[it.key().toUpper()] = it.value().toString();
+    }
+    return tags;
+}
+
+QString audioChecksum(const QString &path)
+{
+    QString out;
+    fixtures::run("ffmpeg", {"-v", "error", "-i", path, "-map", "0:a", "-c", "copy", "-f", "md5", "-"}, &out);
+    return out.trimmed();
+}
+
+QByteArray digest(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? QCryptographicHash::hash(f.readAll(), QCryptographicHash::Sha256) : QByteArray();
+}
+
+} // namespace
+
+// Quiet interlude, two songs and a loud single: after normalising, each is
+// as far from the others as before, whatever the album's gain.
+TEST(CliAlbum, TracksKeepTheirDifferencesAndTheAlbumReachesTheTarget)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    const double levels[] = {-14, -6, -3, 2};
+    QStringList inputs;
+    for (int i = 0; i < 4; ++i)
+        inputs << fixtures::makeAudio(tmp.path(), QStringLiteral("t%1.flac").arg(i), 6,
+                                      {"-c:a", "flac", "-metadata", "album=Evenloud Sessions"}, levels[i]);
+    // Untagged, beside them: a folder album of its own.
+    inputs << fixtures::makeAudio(tmp.path(), "single.wav", 4, {"-c:a", "pcm_s16le"}, -8);
+    ASSERT_FALSE(inputs.contains(QString()));
+
+    int code = -1;
+    const QJsonArray analyzed = runJson(QStringList{"--analyze", "--album", "--lufs", "-20"} + inputs, &code);
+    ASSERT_EQ(code, 0);
+    const QJsonArray results = runJson(QStringList{"--album", "--quick", "--lufs", "-20", "--true-peak", "-1",
+                                                   "-o", tmp.filePath("out")} + inputs, &code);
+    ASSERT_EQ(code, 0);
+    ASSERT_EQ(results.size(), 5);
+    ASSERT_EQ(analyzed.size(), 5);
+    std::vector<double> moved;
+    for (int i = 0; i < 5; ++i) {
+        const QJsonObject o = results[i].toObject();
+        const fixtures::Loudness before = fixtures::measureLoudness(inputs[i]);
+        const fixtures::Loudness after = fixtures::measureLoudness(o["output"].toString());
+        ASSERT_TRUE(before.ok && after.ok);
+        const QJsonObject album = o["album"].toObject();
+        EXPECT_EQ(album["name"].toString(), i < 4 ? QStringLiteral("Evenloud Sessions") : tmp.path());
+        // --analyze reports the same album without writing.
+        EXPECT_NEAR(analyzed[i].toObject()["album"].toObject()["gain_db"].toDouble(), album["gain_db"].toDouble(), 0.01);
+        EXPECT_NEAR(o["gain_db"].toDouble(), album["gain_db"].toDouble(), 1e-6);
+        if (i < 4)
+            moved.push_back(after.integrated - before.integrated);
+        const double reached = album["input_i"].toDouble() + album["gain_db"].toDouble();
+        if (album["normalization"].toString() == "linear")
+            EXPECT_NEAR(reached, -20.0, 0.5);
+        else
+            EXPECT_EQ(album["normalization"].toString(), "peak-capped");
+        EXPECT_LE(album["input_tp"].toDouble() + album["gain_db"].toDouble(), -1.0 + 1e-6);
+    }
+    for (double m : moved)
+        EXPECT_NEAR(m, moved[0], 0.1) << "a track moved by a different amount";
+}
+
+// Every container's tags, read back by FFmpeg, agree with its meter; the
+// audio packets are untouched; in place, the file is replaced.
+TEST(CliTags, EachContainerCarriesGainsAnIndependentMeterAgreesWith)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    const QList<QStringList> kinds = {
+        {"a.flac", "-c:a", "flac"},
+        {"b.mp3", "-c:a", "libmp3lame", "-b:a", "192k"},
+        {"c.ogg", "-c:a", "libvorbis"},
+        {"d.ogg", "-c:a", "libopus", "-b:a", "96k"},
+        {"e.m4a", "-c:a", "aac"},
+        {"f.wma", "-c:a", "wmav2"},
+        // No INFO chunk: FFmpeg reads a WAV's ID3 chunk only without one.
+        {"g.wav", "-c:a", "pcm_s16le", "-fflags", "+bitexact", "-map_metadata", "-1"},
+    };
+    QStringList inputs, checksums;
+    for (const QStringList &k : kinds) {
+        inputs << fixtures::makeAudio(tmp.path(), k[0], 5, k.mid(1), -6);
+        checksums << audioChecksum(inputs.last());
+    }
+    ASSERT_FALSE(inputs.contains(QString()));
+    int code = -1;
+    // The first in place, the others into copies.
+    const QJsonArray inPlace = runJson({"--tags-only", inputs[0]}, &code);
+    ASSERT_EQ(code, 0);
+    const QJsonArray copies = runJson(QStringList{"--tags-only", "--album", "-o", tmp.filePath("out")} + inputs.mid(1), &code);
+    ASSERT_EQ(code, 0);
+    QJsonArray results = copies;
+    results.prepend(inPlace[0]);
+    ASSERT_EQ(results.size(), inputs.size());
+    for (qsizetype i = 0; i < inputs.size(); ++i) {
+        const QJsonObject o = results[i].toObject();
+        const QString out = o["output"].toString();
+        SCOPED_TRACE(out.toStdString());
+        EXPECT_EQ(o["result"].toString(), "tagged");
+        EXPECT_EQ(out, i == 0 ? inputs[0] : tmp.filePath("out/") + QFileInfo(inputs[i]).fileName());
+        EXPECT_EQ(audioChecksum(out), checksums[i]);
+        const fixtures::Loudness independent = fixtures::measureLoudness(out);
+        ASSERT_TRUE(independent.ok);
+        const QMap<QString, QString> tags = probeTags(out);
+        const double trackGain = o["tags"].toObject()["track_gain_db"].toDouble();
+        EXPECT_NEAR(trackGain, -18.0 - independent.integrated, 0.1);
+        if (kinds[i][2] == "libopus") {
+            EXPECT_NEAR(tags.value("R128_TRACK_GAIN").toDouble() / 256.0, -23.0 - independent.integrated, 0.1);
+            EXPECT_FALSE(tags.value("R128_ALBUM_GAIN").isEmpty());
+            EXPECT_FALSE(tags.contains("REPLAYGAIN_TRACK_GAIN"));
+            continue;
+        }
+        EXPECT_NEAR(tags.value("REPLAYGAIN_TRACK_GAIN").section(' ', 0, 0).toDouble(), trackGain, 0.005);
+        EXPECT_NEAR(20 * std::log10(tags.value("REPLAYGAIN_TRACK_PEAK").toDouble()), independent.truePeak, 0.3);
+        EXPECT_EQ(tags.contains("REPLAYGAIN_ALBUM_GAIN"), i > 0);
+    }
+}
+
+// However a kill lands, the file is whole: the original or the tagged one.
+TEST(CliTags, KilledWhileTaggingLeavesTheOriginalOrTheTaggedFile)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    const QString input = fixtures::makeAudio(tmp.path(), "long.wav", 120, {"-c:a", "pcm_s16le"});
+    ASSERT_FALSE(input.isEmpty());
+    const QString reference = tmp.filePath("ref.wav");
+    ASSERT_TRUE(QFile::copy(input, reference));
+    int code = -1;
+    QElapsedTimer clock;
+    clock.start();
+    runJson({"--tags-only", reference}, &code);
+    ASSERT_EQ(code, 0);
+    const int span = int(std::max<qint64>(clock.elapsed(), 10));  // where kills land, not a check
+    const QByteArray original = digest(input), tagged = digest(reference);
+    ASSERT_NE(original, tagged);
+    ASSERT_TRUE(QFile::copy(input, tmp.filePath("orig.wav")));
+    for (int round = 0; round < 10; ++round) {
+        QProcess p;
+        p.start(QStringLiteral(EVENLOUD_CLI), {"--tags-only", input});
+        ASSERT_TRUE(p.waitForStarted(-1));
+        QThread::msleep(QRandomGenerator::global()->bounded(span));
+        p.kill();
+        ASSERT_TRUE(p.waitForFinished(60000));
+        const QByteArray now = digest(input);
+        ASSERT_TRUE(now == original || now == tagged) << "round " << round;
+        if (now == tagged) {  // back to the start for the next round
+            QFile::remove(input);
+            ASSERT_TRUE(QFile::copy(tmp.filePath("orig.wav"), input));
+        }
+    }
+}
