@@ -8,6 +8,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMap>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -339,6 +340,33 @@ TEST(CliRun, PlantedLinksAreNeverFollowed)
     EXPECT_TRUE(r.out.contains("Cannot create a temporary file")) << r.out.toStdString();
     EXPECT_TRUE(QDir(victim).isEmpty()) << entries(victim).join(' ').toStdString();
     EXPECT_TRUE(QDir(tmp.filePath("out")).isEmpty());
+}
+
+// A decoder taken over by a crafted file is caged: a network socket or a
+// program started kills its process, a file outside its grant stays closed
+// to it; that file fails with the reason and the rest of the batch goes on.
+TEST(CliRun, WorkerThatTriesToBreakOutFailsItsFileAlone)
+{
+    QTemporaryDir tmp;
+    ASSERT_TRUE(tmp.isValid());
+    QStringList inputs;
+    for (const char *name : {"good.wav", "socket.wav", "exec.wav", "open.wav"}) {
+        inputs << fixtures::makeWav(tmp.path(), name);
+        ASSERT_FALSE(inputs.last().isEmpty());
+    }
+    const QString victim = tmp.filePath("victim.txt");
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("EVENLOUD_WORKER_ESCAPE_ON", "socket@socket.wav,exec@exec.wav,open:" + victim + "@open.wav");
+    const CliRunResult r = runCli(QStringList{"--json", "-o", tmp.filePath("out")} + inputs, env);
+    EXPECT_EQ(r.exitCode, 1) << r.err.toStdString();
+    QMap<QString, QString> reasons;
+    for (const QJsonValue &v : QJsonDocument::fromJson(r.out.toUtf8()).array())
+        reasons[QFileInfo(v["input"].toString()).fileName()] = v["result"].toString() + ": " + v["reason"].toString();
+    EXPECT_EQ(reasons["good.wav"], "ok: ");
+    EXPECT_TRUE(reasons["socket.wav"].contains("tried to leave its sandbox")) << reasons["socket.wav"].toStdString();
+    EXPECT_TRUE(reasons["exec.wav"].contains("tried to leave its sandbox")) << reasons["exec.wav"].toStdString();
+    EXPECT_TRUE(reasons["open.wav"].startsWith("failed: open refused")) << reasons["open.wav"].toStdString();
+    EXPECT_FALSE(QFile::exists(victim));
 }
 
 // A disk that fills up on one file fails that file with the reason, and
