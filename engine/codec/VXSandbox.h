@@ -22,6 +22,10 @@ struct SandboxGrant {
 // given) says what; false only when a step the kernel offers failed.
 bool enterSandbox(const SandboxGrant &grant, QString *note = nullptr);
 
+// Builds what every cage shares (the seccomp program) ahead of time; the
+// worker server calls it before it forks its first child.
+void prepareSandbox();
+
 // The grant of a worker command ("transcode IN OUT ...", "measure FILE ...",
 // "probe FILE"): its input to read, its output to write. Commands that take
 // files as they come get read access everywhere and write access nowhere.

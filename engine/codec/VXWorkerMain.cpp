@@ -316,6 +316,7 @@ void limitChild(quint64 cpuSeconds)
 int workerMain(int, char **)
 {
     preloadImagePlugins();
+    prepareSandbox();
     // No parent-death signal here: it follows the thread that started us,
     // which may be any short-lived thread. The socket's end tells instead:
     // it closes with the program, whatever way that ends.
