@@ -52,7 +52,9 @@ QJsonValue jsonNumber(double v)
 
 QString signedNumber(double v) { return std::isnan(v) ? QStringLiteral("-") : QString::asprintf("%+.2f", v); }
 
-QString rightAligned(const QList<QStringList> &rows, qsizetype leftColumns)
+// Columns padded to their widest cell: numbers line up on the right, the
+// columns named in leftColumns on the left, and the last one runs free.
+QString rightAligned(const QList<QStringList> &rows, const QList<qsizetype> &leftColumns)
 {
     QList<qsizetype> widths(rows.first().size(), 0);
     for (const QStringList &row : rows)
@@ -62,9 +64,9 @@ QString rightAligned(const QList<QStringList> &rows, qsizetype leftColumns)
     for (const QStringList &row : rows) {
         QString line;
         for (qsizetype c = 0; c < row.size(); ++c)
-            line += c == row.size() - 1 ? row[c]
-                : c < leftColumns       ? row[c].leftJustified(widths[c]) + QStringLiteral("  ")
-                                        : row[c].rightJustified(widths[c]) + QStringLiteral("  ");
+            line += c == row.size() - 1       ? row[c]
+                : leftColumns.contains(c) ? row[c].leftJustified(widths[c]) + QStringLiteral("  ")
+                                          : row[c].rightJustified(widths[c]) + QStringLiteral("  ");
         out += line + QLatin1Char('\n');
     }
     return out;
@@ -97,7 +99,7 @@ QString albumTable(const QList<CliFileResult> &results, bool tags)
                                  : (r.albumNormalization.isEmpty() ? QStringLiteral("-") : r.albumNormalization),
                             QString::number(tracks), r.album};
     }
-    return rows.size() > 1 ? QStringLiteral("\n") + rightAligned(rows, 0) : QString();
+    return rows.size() > 1 ? QStringLiteral("\n") + rightAligned(rows, {}) : QString();
 }
 
 } // namespace
@@ -153,24 +155,7 @@ QByteArray formatTable(const QList<CliFileResult> &results)
                               rows.last().last()};
     }
     const qsizetype kindColumn = maxima ? 10 : 8;
-    QList<qsizetype> widths(rows.first().size(), 0);
-    for (const QStringList &row : rows)
-        for (qsizetype c = 0; c < row.size(); ++c)
-            widths[c] = std::max(widths[c], row[c].size());
-
-    QString out;
-    for (const QStringList &row : rows) {
-        QString line;
-        for (qsizetype c = 0; c < row.size(); ++c) {
-            if (c == row.size() - 1)
-                line += row[c];
-            else if (c == 0 || c == kindColumn)
-                line += row[c].leftJustified(widths[c]) + QStringLiteral("  ");
-            else // numbers line up on the right
-                line += row[c].rightJustified(widths[c]) + QStringLiteral("  ");
-        }
-        out += line + QLatin1Char('\n');
-    }
+    const QString out = rightAligned(rows, {0, kindColumn});
     return (out + albumTable(results, tags)).toUtf8();
 }
 
