@@ -9,12 +9,20 @@ _evenloud_cli()
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -d -- "$cur")
             return ;;
-        -t|--target|-l|--lufs|--true-peak|-j|--jobs)
+        --plot)
+            compopt -o filenames 2>/dev/null
+            mapfile -t COMPREPLY < <(compgen -d -- "$cur")
+            return ;;
+        --preset)
+            mapfile -t COMPREPLY < <(compgen -W 'ebu atsc streaming podcast replaygain' -- "$cur")
+            return ;;
+        -t|--target|-l|--lufs|--true-peak|-j|--jobs|--skip-within)
             return ;;  # a number: nothing to offer
     esac
     if [[ $cur == -* ]]; then
-        mapfile -t COMPREPLY < <(compgen -W '--target --lufs --true-peak --limit-peaks --output-folder
-            --replace --preserve-mtime --recursive --jobs --json --help --version' -- "$cur")
+        mapfile -t COMPREPLY < <(compgen -W '--target --lufs --preset --true-peak --limit-peaks --output-folder
+            --replace --preserve-mtime --recursive --jobs --json --analyze --quick --skip-within --plot
+            --album --tags-only --help --version' -- "$cur")
         return
     fi
     # Files with the extensions it takes, and folders to walk.
