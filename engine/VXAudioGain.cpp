@@ -213,11 +213,21 @@ QString VXAudioGain::outcomeText() const
                 + QLatin1Char(' ') + QLatin1String(unit)
                                 : QStringLiteral("silent");
     };
-    QStringList parts{figure(r.outputI, "LUFS")};
-    if (std::isfinite(r.outputTp))
-        parts << figure(r.outputTp, "dBTP");
-    if (!r.normalization.isEmpty())
-        parts << r.normalization;
+    QStringList parts;
+    if (r.tagged) {
+        // What a player will apply; the audio itself is as it was.
+        parts << QStringLiteral("tagged: track %1").arg(figure(r.tags.trackGainDb, "dB"));
+        if (std::isfinite(r.tags.albumGainDb))
+            parts << QStringLiteral("album %1").arg(figure(r.tags.albumGainDb, "dB"));
+    } else {
+        parts << figure(r.outputI, "LUFS");
+        if (std::isfinite(r.outputTp))
+            parts << figure(r.outputTp, "dBTP");
+        if (!r.normalization.isEmpty())
+            parts << r.normalization;
+    }
+    if (!r.album.isEmpty())
+        parts << QStringLiteral("album \u201c%1\u201d").arg(r.album);
     if (!r.warning.isEmpty())
         parts << r.warning;
     return parts.join(QStringLiteral(" \u00b7 "));

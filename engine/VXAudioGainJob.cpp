@@ -98,6 +98,7 @@ void VXAudioGain::gainWithBlock(VXGainBlock block)
     {
         QMutexLocker locker(&m_lock);
         m_cancelGain = false;  // a restart must not inherit the last cancel
+        m_cancelRequested = false;
     }
     auto self = shared_from_this();
     {
@@ -137,6 +138,7 @@ void VXAudioGain::cancelGain()
     // measurement record is printed into the capture.
     QMutexLocker locker(&m_lock);
     m_cancelGain = true;
+    m_cancelRequested = true;
     if (m_transCoding)
         m_transCoding->cancelTranscoding();
 }
@@ -251,6 +253,10 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     };
     if (cancelRequested())
         return -2;
+    if (qint64 end = 0; !resolveAlbum(&end))
+        return end;
+    if (tagsOnly())
+        return runTagsOnly();
     if (!chooseTempOutFile())
         return fail(QStringLiteral("Cannot create a temporary file in %1 (it must be a writable folder of this user's, not a link)").arg(VXTempDir::rootPath()));
     const QString input = inputFile();
@@ -449,6 +455,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     VXGainResult result;
     result.outputI = loudness.integrated;
     result.outputLra = loudness.range;
+    result.album = album ? album->name : QString();
     for (const auto &[index, filter] : streamFilters) {
         if (const auto streamPlan = filter->linearPlan())
             result.otherStreams.append({index, streamPlan->gainDb, VXNormalizationName(streamPlan->kind)});
