@@ -157,6 +157,11 @@ void AppDelegate::connectWindow()
     connect(this, &AppDelegate::replaceOriginalFileChanged, this,
             [this] { m_ui->actionPreserveModificationTime->setEnabled(m_replaceOriginalFile); });
 
+    ui.actionTreatAsAlbums->setChecked(RQAppSettings::treatAsAlbums());
+    connect(ui.actionTreatAsAlbums, &QAction::toggled, this, [](bool on) { RQAppSettings::setTreatAsAlbums(on); });
+    ui.actionTagsOnly->setChecked(RQAppSettings::tagsOnly());
+    connect(ui.actionTagsOnly, &QAction::toggled, this, [](bool on) { RQAppSettings::setTagsOnly(on); });
+
     m_window->installEventFilter(this);
 }
 
