@@ -17,9 +17,8 @@ class TestPopup : public QObject {
 private slots:
     void cleanup() { RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->window()->hide(); }
     void opensAtTheAnchorPresetAndReset();
-    void everyUserChangePostsOnce();
+    void everyUserChangePostsOnceKeysAndEscape();
     void typedLevelsAndPresetsSetPositionAndCeiling();
-    void keyboardStepsAndEscape();
     void hidesWhenAnotherWindowIsActivated();
     void staysInsideTheScreenNearEachEdge();
 };
@@ -44,7 +43,7 @@ void TestPopup::opensAtTheAnchorPresetAndReset()
     QCOMPARE(posted.count(), 0);  // presetting is not a change by the user
 }
 
-void TestPopup::everyUserChangePostsOnce()
+void TestPopup::everyUserChangePostsOnceKeysAndEscape()
 {
     RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     popup->setTargetLoudness(70.77f);
@@ -77,6 +76,19 @@ void TestPopup::everyUserChangePostsOnce()
     // The action itself posts even when nothing changed.
     popup->targetLoudnessChanged(nullptr);
     QCOMPARE(posted.count(), 4);
+
+    // Keys step the value and stop at 100; Escape, even in a control, closes.
+    popup->setTargetLoudness(99.5f);
+    QTest::keyClick(popup->window(), Qt::Key_Down);
+    QCOMPARE(popup->targetLoudness(), 98.5f);
+    QTest::keyClick(popup->window(), Qt::Key_Up);
+    QTest::keyClick(popup->window(), Qt::Key_Up);
+    QCOMPARE(popup->targetLoudness(), 100.0f);
+    QTest::keyClick(popup->window(), Qt::Key_PageDown);
+    QCOMPARE(popup->targetLoudness(), 90.0f);
+    QCOMPARE(posted.count(), 8);
+    QTest::keyClick(spin, Qt::Key_Escape);
+    QVERIFY(!popup->window()->isVisible());
 }
 
 void TestPopup::typedLevelsAndPresetsSetPositionAndCeiling()
@@ -125,28 +137,6 @@ void TestPopup::typedLevelsAndPresetsSetPositionAndCeiling()
     QVERIFY(std::isnan(popup->skipWithin()));
     QVERIFY(!popup->spnSkipWithin()->isEnabled());
     popup->setTruePeakCeiling(-2.0f);
-}
-
-void TestPopup::keyboardStepsAndEscape()
-{
-    RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
-    popup->setTargetLoudness(99.5f);
-    popup->popupMenuWndWithLocation(QPoint(10, 10));
-    QSignalSpy posted(RQNotificationCenter::defaultCenter(), &RQNotificationCenter::notificationPosted);
-    QWidget *window = popup->window();
-
-    QTest::keyClick(window, Qt::Key_Down);
-    QCOMPARE(popup->targetLoudness(), 98.5f);
-    QTest::keyClick(window, Qt::Key_Up);
-    QTest::keyClick(window, Qt::Key_Up);  // stops at 100
-    QCOMPARE(popup->targetLoudness(), 100.0f);
-    QTest::keyClick(window, Qt::Key_PageDown);
-    QCOMPARE(popup->targetLoudness(), 90.0f);
-    QCOMPARE(posted.count(), 4);
-
-    // Escape from inside a control closes the popup too.
-    QTest::keyClick(window->findChild<QDoubleSpinBox *>(), Qt::Key_Escape);
-    QVERIFY(!window->isVisible());
 }
 
 void TestPopup::hidesWhenAnotherWindowIsActivated()
