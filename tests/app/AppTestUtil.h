@@ -22,21 +22,17 @@ namespace apptest {
 using fixtures::makeWav;
 using fixtures::waitFor;
 
-// One process-wide setup: the app's identity and settings in a private
-// place inside dir. False when dir could not be made.
-inline bool initApplication(const QTemporaryDir &dir)
+// One process-wide setup: the app's identity and settings in a private place.
+inline void initApplication(const QString &settingsDir)
 {
-    if (!dir.isValid())
-        return false;
     QCoreApplication::setApplicationName(QStringLiteral("Evenloud"));
     QCoreApplication::setOrganizationName(QStringLiteral("EvenloudTests"));
     QStandardPaths::setTestModeEnabled(true);
     QSettings::setDefaultFormat(QSettings::IniFormat);
-    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, dir.filePath(QStringLiteral("settings")));
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settingsDir);
     QSettings().clear();
     // Closing a test's window must not end the test run.
     QGuiApplication::setQuitOnLastWindowClosed(false);
-    return true;
 }
 
 struct Alert {

@@ -65,7 +65,8 @@ class TestAppDesktop : public QObject {
 private slots:
     void initTestCase()
     {
-        QVERIFY(initApplication(m_dir));
+        QVERIFY(m_dir.isValid());
+        initApplication(m_dir.filePath(QStringLiteral("settings")));
         m_tree = m_dir.filePath(QStringLiteral("tree"));
         QVERIFY(QDir().mkpath(m_tree + QStringLiteral("/sub/deeper")));
         const QString wav = makeWav(m_tree, QStringLiteral("a.wav"), 0.5);

@@ -42,7 +42,8 @@ class TestAppGain : public QObject {
 private slots:
     void initTestCase()
     {
-        QVERIFY(initApplication(m_dir));
+        QVERIFY(m_dir.isValid());
+        initApplication(m_dir.filePath(QStringLiteral("settings")));
         const QString in = m_dir.filePath(QStringLiteral("in"));
         QVERIFY(QDir().mkpath(in));
         const QList<double> gains{-12.0, 0.0, 4.0};

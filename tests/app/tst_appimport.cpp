@@ -39,7 +39,8 @@ class TestAppImport : public QObject {
 private slots:
     void initTestCase()
     {
-        QVERIFY(initApplication(m_dir));
+        QVERIFY(m_dir.isValid());
+        initApplication(m_dir.filePath(QStringLiteral("settings")));
         m_tree = path(QStringLiteral("tree"));
         QVERIFY(QDir().mkpath(m_tree + QStringLiteral("/sub/deeper")));
         m_wav = makeWav(m_tree, QStringLiteral("a.wav"), 0.5);

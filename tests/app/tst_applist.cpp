@@ -21,7 +21,8 @@ class TestAppList : public QObject {
 private slots:
     void initTestCase()
     {
-        QVERIFY(initApplication(m_dir));
+        QVERIFY(m_dir.isValid());
+        initApplication(m_dir.filePath(QStringLiteral("settings")));
         QDir(m_dir.path()).mkpath(QStringLiteral("in"));
         for (int i = 0; i < 5; ++i) {
             m_files << makeWav(m_dir.filePath(QStringLiteral("in")), QStringLiteral("f%1.wav").arg(i), 0.5);
