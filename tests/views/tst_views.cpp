@@ -25,7 +25,7 @@ namespace {
 
 // What the widget paints, children included, over background and without
 // the window's own background.
-inline QImage renderAlone(QWidget &widget, QColor background = Qt::transparent)
+QImage renderAlone(QWidget &widget, QColor background = Qt::transparent)
 {
     QImage image(widget.size(), QImage::Format_ARGB32);
     image.fill(background);
@@ -34,7 +34,7 @@ inline QImage renderAlone(QWidget &widget, QColor background = Qt::transparent)
 }
 
 // True when nothing was painted over a one-colour background.
-inline bool isBlank(const QImage &image, QColor background)
+bool isBlank(const QImage &image, QColor background)
 {
     QImage plain(image.size(), image.format());
     plain.fill(background);
@@ -42,7 +42,7 @@ inline bool isBlank(const QImage &image, QColor background)
 }
 
 // One row painted by the delegate alone, over white, at the given size.
-inline QImage paintRow(RQTableCellView &cell, const QModelIndex &index, QSize size, QStyle::State extra = {})
+QImage paintRow(RQTableCellView &cell, const QModelIndex &index, QSize size, QStyle::State extra = {})
 {
     QImage image(size, QImage::Format_ARGB32);
     image.fill(Qt::white);
@@ -102,9 +102,9 @@ void TestViews::barsPaintAndDividersFollowTheFolderField()
     RQMenuView menu;
     RQImportPrgView veil;
     veil.setBusy(true);
-    for (QWidget *bar : {static_cast<QWidget *>(&menu), static_cast<QWidget *>(&veil)}) {
-        bar->resize(300, 80);
-        QVERIFY2(!isBlank(renderAlone(*bar), Qt::transparent), bar->metaObject()->className());
+    for (QWidget *widget : {static_cast<QWidget *>(&menu), static_cast<QWidget *>(&veil)}) {
+        widget->resize(300, 80);
+        QVERIFY2(!isBlank(renderAlone(*widget), Qt::transparent), widget->metaObject()->className());
     }
 
     RQBottomView bar;
