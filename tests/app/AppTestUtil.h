@@ -19,14 +19,8 @@
 
 namespace apptest {
 
-// Spins the event loop until pred holds. The limit is generous: it only
-// turns a hang into a failure.
-inline bool waitFor(const std::function<bool()> &pred, int msecs = 120000)
-{
-    return QTest::qWaitFor(pred, msecs);
-}
-
 using fixtures::makeWav;
+using fixtures::waitFor;
 
 // One process-wide setup: the app's identity and settings in a private place.
 inline void initApplication(const QString &settingsDir)
@@ -65,15 +59,19 @@ struct Controller {
     }
     AppDelegate *operator->() const { return app.get(); }
 
-    // Imports and waits for the walk's end.
-    bool import(const QStringList &paths, bool recursive = false)
+    // Starts an import the way given and waits for the walk's end.
+    bool importVia(const std::function<void()> &start)
     {
         bool done = false;
         auto c = QObject::connect(app.get(), &AppDelegate::importFinished, [&done] { done = true; });
-        app->importAudioWithPaths(paths, recursive);
+        start();
         const bool ok = waitFor([&] { return done; });
         QObject::disconnect(c);
         return ok;
+    }
+    bool import(const QStringList &paths, bool recursive = false)
+    {
+        return importVia([&] { app->importAudioWithPaths(paths, recursive); });
     }
     // Selects exactly these rows of the list view.
     void select(const QList<int> &rows)
@@ -89,6 +87,12 @@ struct Controller {
         for (const VXAudioGainPtr &item : app->audioGains()->items())
             names << item->inputFileName();
         return names;
+    }
+    QStringList sortedNames() const
+    {
+        QStringList sorted = names();
+        sorted.sort();
+        return sorted;
     }
 };
 

@@ -26,12 +26,6 @@ std::unique_ptr<QMimeData> urlsOf(const QStringList &paths)
     return data;
 }
 
-bool writeFile(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-}
-
 } // namespace
 
 class TestAppImport : public QObject {
@@ -46,7 +40,7 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        initApplication(path(QStringLiteral("settings")));
+        initApplication(m_dir.filePath(QStringLiteral("settings")));
         m_tree = path(QStringLiteral("tree"));
         QVERIFY(QDir().mkpath(m_tree + QStringLiteral("/sub/deeper")));
         m_wav = makeWav(m_tree, QStringLiteral("a.wav"), 0.5);
@@ -54,7 +48,7 @@ private slots:
         for (const QString &copy : {QStringLiteral("B.WAV"), QStringLiteral("sub/c.wav"),
                                     QStringLiteral("sub/deeper/d.wav"), QStringLiteral("sub/.hidden.wav")})
             QVERIFY(QFile::copy(m_wav, m_tree + QLatin1Char('/') + copy));
-        QVERIFY(writeFile(m_tree + QStringLiteral("/notes.txt"), "not audio"));
+        QVERIFY(fixtures::writeFile(m_tree + QStringLiteral("/notes.txt"), "not audio"));
     }
 
     void dropValidation_data()
@@ -87,7 +81,6 @@ private slots:
     {
         Controller c;
         c->window()->show();
-        QSignalSpy names(c.app.get(), &AppDelegate::importingFileNameChanged);
         QSignalSpy allowed(c.app.get(), &AppDelegate::allowedImportChanged);
         bool done = false;
         connect(c.app.get(), &AppDelegate::importFinished, this, [&done] { done = true; });
@@ -103,9 +96,7 @@ private slots:
         QVERIFY(!c->allowGain());
         QVERIFY(waitFor([&] { return done; }));
 
-        QStringList got = c.names();
-        got.sort();
-        QCOMPARE(got, (QStringList{QStringLiteral("B.WAV"), QStringLiteral("a.wav")}));
+        QCOMPARE(c.sortedNames(), (QStringList{QStringLiteral("B.WAV"), QStringLiteral("a.wav")}));
         QVERIFY(c->allowedImport());
         QVERIFY(c->allowGain());
         QCOMPARE(allowed.count(), 2);
@@ -131,14 +122,9 @@ private slots:
         {
             Controller c;
             recursive->setRecursive(false);
-            bool done = false;
-            connect(c.app.get(), &AppDelegate::importFinished, this, [&done] { done = true; });
-            c->openPanelDidEnd(QDialog::Accepted, {m_tree + "/sub", m_tree + "/vanished.wav"});
-            QVERIFY(waitFor([&] { return done; }));
-            QStringList got = c.names();
-            got.sort();
+            QVERIFY(c.importVia([&] { c->openPanelDidEnd(QDialog::Accepted, {m_tree + "/sub", m_tree + "/vanished.wav"}); }));
             // Hidden files count; the sub-folder is not entered.
-            QCOMPARE(got, (QStringList{QStringLiteral(".hidden.wav"), QStringLiteral("c.wav")}));
+            QCOMPARE(c.sortedNames(), (QStringList{QStringLiteral(".hidden.wav"), QStringLiteral("c.wav")}));
         }
         {
             // The dialog itself: a folder is returned, not opened, and the
@@ -154,13 +140,9 @@ private slots:
             QVERIFY(recursive->recursive());
             dialog->setDirectory(m_tree);
             dialog->selectFile(QStringLiteral("sub"));
-            bool done = false;
-            connect(c.app.get(), &AppDelegate::importFinished, this, [&done] { done = true; });
-            static_cast<QDialog *>(dialog)->accept();  // as the "Open" button does
-            QVERIFY(waitFor([&] { return done; }));
-            QStringList got = c.names();
-            got.sort();
-            QCOMPARE(got, (QStringList{QStringLiteral(".hidden.wav"), QStringLiteral("c.wav"), QStringLiteral("d.wav")}));
+            // As the "Open" button does.
+            QVERIFY(c.importVia([&] { static_cast<QDialog *>(dialog)->accept(); }));
+            QCOMPARE(c.sortedNames(), (QStringList{QStringLiteral(".hidden.wav"), QStringLiteral("c.wav"), QStringLiteral("d.wav")}));
         }
     }
 
@@ -186,7 +168,7 @@ private slots:
     {
         const QString folder = path(QStringLiteral("mixed"));
         QVERIFY(QDir().mkpath(folder));
-        QVERIFY(writeFile(folder + "/broken.mp3", QByteArray(4096, 'x')));
+        QVERIFY(fixtures::writeFile(folder + "/broken.mp3", QByteArray(4096, 'x')));
         QVERIFY(QFile::copy(m_wav, folder + "/good1.wav"));
         QVERIFY(QFile::copy(m_wav, folder + "/good2.wav"));
 

@@ -42,9 +42,6 @@ private slots:
         QVERIFY(c.revealed->isEmpty());
 
         QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));
-        QCOMPARE(c->btnGain()->property("tag").toInt(), 0);
-        QCOMPARE(c->btnGain()->palette().color(QPalette::Active, QPalette::ButtonText), QColor(195, 195, 195));
-        QCOMPARE(c->chkReplaceOriginalFile()->palette().color(QPalette::WindowText), QColor(195, 195, 195));
         QVERIFY(!c->chkReplaceOriginalFile()->isChecked());
         QVERIFY(!c->allowGain());
         QVERIFY(!c->btnGain()->isEnabled());
@@ -202,13 +199,14 @@ private slots:
             c->avtiveOutputPath();
             QCOMPARE(*c.revealed, QStringList{folder});
 
-            QCOMPARE(c->txtFolder()->palette().color(QPalette::Text), QColor(195, 195, 195));
+            // Replacing greys the folder out, and keeps it.
+            const QColor normal = c->txtFolder()->palette().color(QPalette::Text);
             c->chkReplaceOriginalFile()->setChecked(true);
             QVERIFY(c->replaceOriginalFile());
-            QCOMPARE(c->txtFolder()->palette().color(QPalette::Text), QColor(132, 129, 128));
+            QVERIFY(c->txtFolder()->palette().color(QPalette::Text) != normal);
             QCOMPARE(c->finalOutFolder(), folder);
             c->chkReplaceOriginalFile()->setChecked(false);
-            QCOMPARE(c->txtFolder()->palette().color(QPalette::Text), QColor(195, 195, 195));
+            QCOMPARE(c->txtFolder()->palette().color(QPalette::Text), normal);
             c->chkReplaceOriginalFile()->setChecked(true);
         }
         {
@@ -225,24 +223,6 @@ private slots:
             QVERIFY(c->btnActiveFolder()->isHidden());
             QVERIFY(QSettings().contains(QStringLiteral("kRQUserSelectedOutFolder")));
         }
-    }
-
-    void closeIsRefusedWhileGaining()
-    {
-        Controller c;
-        QVERIFY(c.import(m_files.mid(0, 2)));
-        c->audioGains()->at(1)->setState(1);
-        QVERIFY(!c->windowShouldClose());
-        QCOMPARE(c.alerts->size(), 1);
-        QCOMPARE(c.alerts->at(0).message, QStringLiteral("It is gaining, please wait."));
-        QCOMPARE(c.alerts->at(0).informative,
-                 QStringLiteral("Can't close this window while is gaining. If you want to close, please cancel gain first."));
-        // Through the window's own close, too.
-        c->window()->show();
-        QVERIFY(!c->window()->close());
-        QVERIFY(c->window()->isVisible());
-        c->audioGains()->at(1)->setState(3);
-        QVERIFY(c->window()->close());
     }
 };
 

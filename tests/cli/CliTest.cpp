@@ -1,8 +1,7 @@
 #include "cli/CliOptions.h"
+#include "tests/cli/CliTestUtil.h"
 #include "tests/support/Fixtures.h"
 
-#include <QCryptographicHash>
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -13,50 +12,10 @@
 #include <QTemporaryDir>
 
 #include <csignal>
-#include <map>
 #include <random>
 #include <unistd.h>
 #include <gtest/gtest.h>
 
-namespace {
-
-struct CliRunResult {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-CliRunResult runCli(const QStringList &args, const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment(),
-                    const QString &workingDirectory = {})
-{
-    QProcess p;
-    p.setProcessEnvironment(env);
-    p.setWorkingDirectory(workingDirectory);
-    p.setStandardInputFile(QProcess::nullDevice());
-    p.start(QStringLiteral(EVENLOUD_CLI), args);
-    CliRunResult r;
-    if (!p.waitForStarted(-1) || !p.waitForFinished(300000))
-        return r;
-    r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-    r.out = QString::fromUtf8(p.readAllStandardOutput());
-    r.err = QString::fromUtf8(p.readAllStandardError());
-    return r;
-}
-
-QByteArray digest(const QString &path)
-{
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly))
-        return {};
-    return QCryptographicHash::hash(f.readAll(), QCryptographicHash::Sha256);
-}
-
-QStringList entries(const QString &folder)
-{
-    return QDir(folder).entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot);
-}
-
-} // namespace
 
 TEST(CliTarget, LufsMapsToPositionWithinAHundredthOfLu)
 {
@@ -74,17 +33,13 @@ TEST(CliTarget, LufsMapsToPositionWithinAHundredthOfLu)
 
 TEST(CliTarget, PresetsSetTheirLevelAndCeiling)
 {
-    const struct {
-        const char *name;
-        double lufs;
-        float ceiling;
-    } expected[] = {{"ebu", -23, -1.0f}, {"atsc", -24, -2.0f}, {"streaming", -14, -2.0f},
-                    {"podcast", -16, -2.0f}, {"replaygain", -18, -2.0f}};
-    for (const auto &e : expected) {
-        const CliParse p = parseCommandLine({"evenloud-cli", "--preset", e.name, "--replace", "a.mp3"}, 1);
-        ASSERT_TRUE(p.options) << e.name << p.text.toStdString();
-        EXPECT_NEAR(VXLoudnessScale::lufsForPosition(p.options->target), e.lufs, 0.01) << e.name;
-        EXPECT_EQ(p.options->truePeak, e.ceiling) << e.name;
+    for (const VXPreset &preset : kVXPresets) {
+        const QString name = QString::fromLatin1(preset.name.data(), qsizetype(preset.name.size()));
+        const CliParse p = parseCommandLine({"evenloud-cli", "--preset", name, "--replace", "a.mp3"}, 1);
+        ASSERT_TRUE(p.options) << p.text.toStdString();
+        EXPECT_NEAR(VXLoudnessScale::lufsForPosition(p.options->target), preset.lufs, 0.01) << p.text.toStdString();
+        // Where the standard names no ceiling, the tool's own.
+        EXPECT_EQ(p.options->truePeak, std::isnan(preset.truePeak) ? -2.0f : preset.truePeak) << name.toStdString();
     }
     // A ceiling given on its own outranks the preset's.
     const CliParse own = parseCommandLine({"evenloud-cli", "--preset", "EBU", "--true-peak", "-3", "--replace", "a"}, 1);
@@ -131,10 +86,8 @@ TEST(CliUsage, ErrorsExitWithTwoAndSayWhy)
     EXPECT_TRUE(version.out.startsWith("evenloud-cli ")) << version.out.toStdString();
 }
 
-TEST(CliRun, NormalisesIntoNewFolderAndReportsJson)
+TEST_F(CliRun, NormalisesIntoNewFolderAndReportsJson)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     const QString in = tmp.filePath("in");
     QDir().mkpath(in + "/sub");
     const QString wav = fixtures::makeAudio(in, "quiet.wav", 8, {"-c:a", "pcm_s16le"}, -14);
@@ -142,7 +95,7 @@ TEST(CliRun, NormalisesIntoNewFolderAndReportsJson)
     const QString deep = fixtures::makeAudio(in + "/sub", "deep.flac", 4, {"-c:a", "flac"});
     ASSERT_FALSE(wav.isEmpty() || mp3.isEmpty() || deep.isEmpty());
     QFile(in + "/notes.txt").open(QIODevice::WriteOnly);
-    const QByteArray wavBefore = digest(wav);
+    const QByteArray wavBefore = fixtures::readFile(wav);
 
     // The folder and one of its files again (the same path): each file once;
     // the sub-folder is not entered without --recursive.
@@ -174,7 +127,7 @@ TEST(CliRun, NormalisesIntoNewFolderAndReportsJson)
         EXPECT_TRUE(o["output_tp"].isDouble() && o["output_lra"].isDouble());
         EXPECT_FALSE(o.contains("reason"));
     }
-    EXPECT_EQ(digest(wav), wavBefore);
+    EXPECT_EQ(fixtures::readFile(wav), wavBefore);
     EXPECT_EQ(entries(out).size(), 2);
 
     // The same again, recursively: the sub-folder's file comes too, and the
@@ -185,44 +138,35 @@ TEST(CliRun, NormalisesIntoNewFolderAndReportsJson)
     EXPECT_TRUE(again.out.startsWith("RESULT")) << again.out.toStdString();
 }
 
-TEST(CliRun, CorruptOrMissingInputMakesExitOne)
+TEST_F(CliRun, CorruptOrMissingInputMakesExitOne)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     const QString good = fixtures::makeAudio(tmp.path(), "good.ogg", 5, {"-c:a", "libvorbis"});
     ASSERT_FALSE(good.isEmpty());
-    QFile bad(tmp.filePath("bad.mp3"));
-    ASSERT_TRUE(bad.open(QIODevice::WriteOnly));
-    bad.write(QByteArray(4096, 'x'));
-    bad.close();
+    const QString bad = tmp.filePath("bad.mp3");
+    ASSERT_TRUE(fixtures::writeFile(bad, QByteArray(4096, 'x')));
 
     const QString out = tmp.filePath("out");
-    const CliRunResult r = runCli({"-o", out, "--json", good, bad.fileName(), tmp.filePath("gone.wav")});
+    const CliRunResult r = runCli({"-o", out, "--json", good, bad, tmp.filePath("gone.wav")});
     EXPECT_EQ(r.exitCode, 1) << r.err.toStdString();
-    const QJsonArray results = QJsonDocument::fromJson(r.out.toUtf8()).array();
     QStringList outcomes;
-    for (const QJsonValue &v : results)
-        outcomes << v.toObject()["result"].toString();
-    outcomes.sort();
-    EXPECT_EQ(outcomes, (QStringList{"missing", "ok", "refused"})) << r.out.toStdString();
-    for (const QJsonValue &v : results) {
+    for (const QJsonValue &v : r.json()) {
         const QJsonObject o = v.toObject();
+        outcomes << o["result"].toString();
         EXPECT_EQ(o["result"] != "ok", !o["reason"].toString().isEmpty()) << r.out.toStdString();
         EXPECT_EQ(o["result"] == "ok", o["output_i"].isDouble()) << r.out.toStdString();
     }
-    EXPECT_TRUE(r.err.contains("Can not import audio file(" + bad.fileName() + ")")) << r.err.toStdString();
+    outcomes.sort();
+    EXPECT_EQ(outcomes, (QStringList{"missing", "ok", "refused"})) << r.out.toStdString();
+    EXPECT_TRUE(r.err.contains("Can not import audio file(" + bad + ")")) << r.err.toStdString();
     EXPECT_EQ(entries(out), QStringList{"good.ogg"});
-
 }
 
-TEST(CliRun, InterruptCancelsCleanly)
+TEST_F(CliRun, InterruptCancelsCleanly)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     // Long enough that the first pass is still running when the signal lands.
     const QString input = fixtures::makeAudio(tmp.path(), "long.flac", 300, {"-c:a", "flac", "-ac", "1", "-ar", "22050"});
     ASSERT_FALSE(input.isEmpty());
-    const QByteArray before = digest(input);
+    const QByteArray before = fixtures::readFile(input);
     const QString out = tmp.filePath("out");
 
     struct Case {
@@ -251,7 +195,7 @@ TEST(CliRun, InterruptCancelsCleanly)
         err += p.readAllStandardError();
         EXPECT_EQ(p.exitStatus(), QProcess::NormalExit);
         EXPECT_EQ(p.exitCode(), 128 + c.signal) << err.toStdString();
-        EXPECT_EQ(digest(input), before);
+        EXPECT_EQ(fixtures::readFile(input), before);
         EXPECT_TRUE(entries(out).isEmpty()) << entries(out).join(' ').toStdString();
         EXPECT_EQ(entries(tmp.path()), QStringList{"long.flac"});
     }
@@ -260,18 +204,13 @@ TEST(CliRun, InterruptCancelsCleanly)
 // A file is itself under any spelling, and files that differ only in case
 // are two files; the hidden entries of a walked folder, such as the "._"
 // sidecars macOS leaves on shared drives, are not audio to process.
-TEST(CliRun, EachFileOnceWhateverItsSpelling)
+TEST_F(CliRun, EachFileOnceWhateverItsSpelling)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     const QString in = tmp.filePath("in");
     QDir().mkpath(in);
     ASSERT_FALSE(fixtures::makeWav(in, "Take.wav").isEmpty() || fixtures::makeWav(in, "take.wav").isEmpty()
                  || fixtures::makeWav(in, ".hidden.wav").isEmpty());
-    QFile sidecar(in + "/._Take.wav");
-    ASSERT_TRUE(sidecar.open(QIODevice::WriteOnly));
-    sidecar.write(QByteArray::fromHex("00051607") + QByteArray(4092, '\0'));
-    sidecar.close();
+    ASSERT_TRUE(fixtures::writeFile(in + "/._Take.wav", QByteArray::fromHex("00051607") + QByteArray(4092, '\0')));
     ASSERT_TRUE(QFile::link(in + "/Take.wav", tmp.filePath("link.wav")));
 
     const QString out = tmp.filePath("out");
@@ -279,7 +218,7 @@ TEST(CliRun, EachFileOnceWhateverItsSpelling)
                                    "in/../in/take.wav"},
                                   QProcessEnvironment::systemEnvironment(), tmp.path());
     EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
-    EXPECT_EQ(QJsonDocument::fromJson(r.out.toUtf8()).array().size(), 2) << r.out.toStdString();
+    EXPECT_EQ(r.json().size(), 2) << r.out.toStdString();
     EXPECT_EQ(entries(out), (QStringList{"Take.wav", "take.wav"}));
 
     // Nothing but sidecars: nothing was done, and the run says so.
@@ -292,10 +231,8 @@ TEST(CliRun, EachFileOnceWhateverItsSpelling)
 
 // A film with a commentary track: each audio stream reaches the target on
 // its own, and the streams keep their order, dispositions and languages.
-TEST(CliRun, EveryAudioStreamIsNormalisedInPlace)
+TEST_F(CliRun, EveryAudioStreamIsNormalisedInPlace)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     const QString in = tmp.filePath("film.mp4");
     ASSERT_TRUE(fixtures::run("ffmpeg", {"-v", "error", "-f", "lavfi", "-i", "testsrc=size=64x48:rate=10:duration=6",
                                          "-f", "lavfi", "-i", "sine=f=440:d=6,volume=-12dB", "-f", "lavfi", "-i",
@@ -312,7 +249,7 @@ TEST(CliRun, EveryAudioStreamIsNormalisedInPlace)
     const QString out = tmp.filePath("out");
     const CliRunResult r = runCli({"--lufs", "-20", "--json", "-o", out, in});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-    const QJsonObject o = QJsonDocument::fromJson(r.out.toUtf8()).array().at(0).toObject();
+    const QJsonObject o = r.json().at(0).toObject();
     EXPECT_EQ(o["other_audio_streams"].toArray().size(), 1) << r.out.toStdString();
     const QString result = out + "/film.mp4";
     EXPECT_EQ(streams(result), streams(in));
@@ -322,10 +259,8 @@ TEST(CliRun, EveryAudioStreamIsNormalisedInPlace)
 
 // Another local user may plant links where temporary files go; none is
 // followed, and what they point at stays as it was.
-TEST(CliRun, PlantedLinksAreNeverFollowed)
+TEST_F(CliRun, PlantedLinksAreNeverFollowed)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     const QString input = fixtures::makeWav(tmp.path(), "song.wav", 2);
     ASSERT_FALSE(input.isEmpty());
     const QString victim = tmp.filePath("victim");
@@ -345,10 +280,8 @@ TEST(CliRun, PlantedLinksAreNeverFollowed)
 // A decoder taken over by a crafted file is caged: a network socket or a
 // program started kills its process, a file outside its grant stays closed
 // to it; that file fails with the reason and the rest of the batch goes on.
-TEST(CliRun, WorkerThatTriesToBreakOutFailsItsFileAlone)
+TEST_F(CliRun, WorkerThatTriesToBreakOutFailsItsFileAlone)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     QStringList inputs;
     for (const char *name : {"good.wav", "socket.wav", "exec.wav", "open.wav"}) {
         inputs << fixtures::makeWav(tmp.path(), name);
@@ -360,7 +293,7 @@ TEST(CliRun, WorkerThatTriesToBreakOutFailsItsFileAlone)
     const CliRunResult r = runCli(QStringList{"--json", "-o", tmp.filePath("out")} + inputs, env);
     EXPECT_EQ(r.exitCode, 1) << r.err.toStdString();
     QMap<QString, QString> reasons;
-    for (const QJsonValue &v : QJsonDocument::fromJson(r.out.toUtf8()).array())
+    for (const QJsonValue &v : r.json())
         reasons[QFileInfo(v["input"].toString()).fileName()] = v["result"].toString() + ": " + v["reason"].toString();
     EXPECT_EQ(reasons["good.wav"], "ok: ");
     EXPECT_TRUE(reasons["socket.wav"].contains("tried to leave its sandbox")) << reasons["socket.wav"].toStdString();
@@ -371,10 +304,8 @@ TEST(CliRun, WorkerThatTriesToBreakOutFailsItsFileAlone)
 
 // A disk that fills up on one file fails that file with the reason, and
 // frees what it took: the files after it, on the same disk, still succeed.
-TEST(CliRun, FullDiskFailsOnlyTheFileThatFilledIt)
+TEST_F(CliRun, FullDiskFailsOnlyTheFileThatFilledIt)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     const QString big = fixtures::makeWav(tmp.path(), "big.wav", 60);     // 10.6 MB
     const QString small1 = fixtures::makeWav(tmp.path(), "small1.wav", 5); // 0.9 MB
     const QString small2 = fixtures::makeWav(tmp.path(), "small2.wav", 5);
@@ -399,7 +330,7 @@ TEST(CliRun, FullDiskFailsOnlyTheFileThatFilledIt)
         // before the small ones start.
         const CliRunResult r = runCli({"--json", "--jobs", "1", "-o", folder, small1, big, small2}, env);
         EXPECT_EQ(r.exitCode, 1) << r.err.toStdString();
-        for (const QJsonValue &v : QJsonDocument::fromJson(r.out.toUtf8()).array()) {
+        for (const QJsonValue &v : r.json()) {
             const QJsonObject o = v.toObject();
             const bool isBig = o["input"].toString() == big;
             EXPECT_EQ(o["result"].toString(), isBig ? "failed" : "ok") << r.out.toStdString();
@@ -416,19 +347,14 @@ TEST(CliRun, FullDiskFailsOnlyTheFileThatFilledIt)
 // Mutated copies of every format (fixed seeds): whatever a damaged file does
 // to a codec, the run ends on its own, reports every file, and says why each
 // failure failed.
-TEST(CliRun, DamagedFilesOfEveryFormatFailWithReasons)
+TEST_F(CliRun, DamagedFilesOfEveryFormatFailWithReasons)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     QStringList inputs;
     quint32 seed = 1;
     for (const fixtures::Format &f : fixtures::formats()) {
         const QString clean = fixtures::makeFormat(tmp.path(), f.variant, 1.0);
         ASSERT_FALSE(clean.isEmpty()) << f.variant.toStdString();
-        QFile file(clean);
-        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-        const QByteArray bytes = file.readAll();
-        file.close();
+        const QByteArray bytes = fixtures::readFile(clean);
         for (int copy = 0; copy < 3; ++copy) {
             std::mt19937 random(seed++);
             QByteArray damaged = bytes;
@@ -439,14 +365,13 @@ TEST(CliRun, DamagedFilesOfEveryFormatFailWithReasons)
             if (copy == 2)
                 damaged.replace(damaged.size() / 2, std::min<qsizetype>(512, damaged.size() / 4), QByteArray(512, '\xff'));
             const QString path = tmp.filePath(QStringLiteral("%1-%2.%3").arg(f.variant).arg(copy).arg(f.ext));
-            QFile out(path);
-            ASSERT_TRUE(out.open(QIODevice::WriteOnly) && out.write(damaged) == damaged.size());
+            ASSERT_TRUE(fixtures::writeFile(path, damaged));
             inputs << path;
         }
     }
     const CliRunResult r = runCli(QStringList{"--json", "-o", tmp.filePath("out")} + inputs);
     ASSERT_TRUE(r.exitCode == 0 || r.exitCode == 1) << r.exitCode << r.err.toStdString();
-    const QJsonArray results = QJsonDocument::fromJson(r.out.toUtf8()).array();
+    const QJsonArray results = r.json();
     EXPECT_EQ(results.size(), inputs.size()) << r.out.toStdString();
     for (const QJsonValue &v : results) {
         const QJsonObject o = v.toObject();
@@ -454,100 +379,4 @@ TEST(CliRun, DamagedFilesOfEveryFormatFailWithReasons)
             EXPECT_FALSE(o["reason"].toString().isEmpty()) << o["input"].toString().toStdString();
         }
     }
-}
-
-TEST(CliAnalyze, WritesNothingAndAgreesWithAnIndependentMeter)
-{
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
-    const QString in = tmp.filePath("in");
-    QDir().mkpath(in);
-    const QString wav = fixtures::makeAudio(in, "quiet.wav", 10, {"-c:a", "pcm_s16le"}, -12);
-    const QString mp3 = fixtures::makeAudio(in, "hot.mp3", 10, {"-c:a", "libmp3lame", "-b:a", "192k"}, 4);
-    ASSERT_FALSE(wav.isEmpty() || mp3.isEmpty());
-    const QByteArray before = digest(wav) + digest(mp3);
-
-    const CliRunResult r = runCli({"--analyze", "--json", "--preset", "streaming", in}, QProcessEnvironment::systemEnvironment(),
-                                  tmp.path());
-    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-    EXPECT_EQ(digest(wav) + digest(mp3), before);
-    EXPECT_EQ(QDir(tmp.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList{"in"});
-    EXPECT_EQ(entries(in).size(), 2);
-
-    const QJsonArray results = QJsonDocument::fromJson(r.out.toUtf8()).array();
-    ASSERT_EQ(results.size(), 2) << r.out.toStdString();
-    for (const QJsonValue &v : results) {
-        const QJsonObject o = v.toObject();
-        const QString file = o["input"].toString();
-        EXPECT_EQ(o["result"].toString(), "analyzed");
-        EXPECT_TRUE(o["output"].isNull());
-        const fixtures::Loudness l = fixtures::measureLoudness(file);
-        ASSERT_TRUE(l.ok) << file.toStdString();
-        EXPECT_NEAR(o["input_i"].toDouble(), l.integrated, 0.2) << file.toStdString();
-        EXPECT_NEAR(o["input_tp"].toDouble(), l.truePeak, 0.3) << file.toStdString();
-        EXPECT_NEAR(o["input_lra"].toDouble(), l.range, 1.0) << file.toStdString();
-        // The maxima came back from the worker with the rest (gating can
-        // put the integrated figure a little above every 3 s window).
-        EXPECT_GE(o["max_short_term"].toDouble(), o["input_i"].toDouble() - 1.0);
-        EXPECT_GE(o["max_momentary"].toDouble(), o["max_short_term"].toDouble());
-        // The gain a -14 LUFS job would apply: all of it, or up to the ceiling.
-        const double full = -14.0 - o["input_i"].toDouble();
-        if (o["input_tp"].toDouble() + full <= -2.0) {
-            EXPECT_EQ(o["normalization"].toString(), "linear") << file.toStdString();
-            EXPECT_NEAR(o["gain_db"].toDouble(), full, 0.02);
-        } else {
-            EXPECT_EQ(o["normalization"].toString(), "peak-capped") << file.toStdString();
-            EXPECT_NEAR(o["gain_db"].toDouble(), -2.0 - o["input_tp"].toDouble(), 0.02);
-        }
-    }
-
-    // Pictures go only where they are asked for.
-    const CliRunResult plotted = runCli({"--analyze", "--plot", tmp.filePath("plots"), wav});
-    ASSERT_EQ(plotted.exitCode, 0) << plotted.err.toStdString();
-    EXPECT_EQ(entries(tmp.filePath("plots")), QStringList{"quiet.wav.png"});
-    EXPECT_EQ(digest(wav) + digest(mp3), before);
-}
-
-TEST(CliQuick, AgreesWithTheDefaultAndSkipLeavesFilesAlone)
-{
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
-    const QString in = tmp.filePath("in");
-    QDir().mkpath(in);
-    ASSERT_FALSE(fixtures::makeAudio(in, "a.flac", 8, {"-c:a", "flac", "-ar", "48000"}, -10).isEmpty());
-    ASSERT_FALSE(fixtures::makeAudio(in, "b.m4a", 8, {"-c:a", "aac", "-b:a", "160k"}, -2).isEmpty());
-
-    auto run = [&](const QStringList &extra, const QString &out) {
-        const CliRunResult r = runCli(QStringList{"--json", "-o", tmp.filePath(out), in} + extra);
-        EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
-        std::map<QString, QJsonObject> byFile;
-        for (const QJsonValue &v : QJsonDocument::fromJson(r.out.toUtf8()).array())
-            byFile[QFileInfo(v.toObject()["input"].toString()).fileName()] = v.toObject();
-        return byFile;
-    };
-    const auto normal = run({}, "default");
-    const auto quick = run({"--quick"}, "quick");
-    ASSERT_EQ(normal.size(), 2u);
-    ASSERT_EQ(quick.size(), 2u);
-    for (const auto &[name, o] : normal) {
-        const QJsonObject &q = quick.at(name);
-        EXPECT_EQ(q["result"].toString(), "ok") << name.toStdString();
-        EXPECT_NEAR(q["input_i"].toDouble(), o["input_i"].toDouble(), 0.2) << name.toStdString();
-        EXPECT_NEAR(q["gain_db"].toDouble(), o["gain_db"].toDouble(), 0.2) << name.toStdString();
-        EXPECT_NEAR(q["output_i"].toDouble(), o["output_i"].toDouble(), 0.2) << name.toStdString();
-        EXPECT_TRUE(q["input_thresh"].isDouble() && q["input_lra"].isDouble());
-    }
-
-    // A result at the target, run again in place: nothing is written.
-    const QString done = tmp.filePath("quick/a.flac");
-    const QByteArray before = digest(done);
-    const QDateTime mtime = QFileInfo(done).lastModified();
-    const CliRunResult again = runCli({"--json", "--skip-within", "0.5", "--replace", done});
-    ASSERT_EQ(again.exitCode, 0) << again.err.toStdString();
-    const QJsonObject o = QJsonDocument::fromJson(again.out.toUtf8()).array().at(0).toObject();
-    EXPECT_EQ(o["result"].toString(), "skipped");
-    EXPECT_NEAR(o["input_i"].toDouble(), -24.0, 0.5);
-    EXPECT_EQ(digest(done), before);
-    EXPECT_EQ(QFileInfo(done).lastModified(), mtime);
-    EXPECT_EQ(entries(tmp.filePath("quick")).size(), 2);
 }

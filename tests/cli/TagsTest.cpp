@@ -1,6 +1,6 @@
+#include "tests/cli/CliTestUtil.h"
 #include "tests/support/Fixtures.h"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -16,17 +16,6 @@
 #include <gtest/gtest.h>
 
 namespace {
-
-QJsonArray runJson(const QStringList &args, int *exitCode)
-{
-    QProcess p;
-    p.setStandardInputFile(QProcess::nullDevice());
-    p.start(QStringLiteral(EVENLOUD_CLI), QStringList{"--json"} + args);
-    if (!p.waitForStarted(-1) || !p.waitForFinished(300000))
-        return {};
-    *exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-    return QJsonDocument::fromJson(p.readAllStandardOutput()).array();
-}
 
 // The tags an independent reader sees, format and stream tags together.
 QMap<QString, QString> probeTags(const QString &path)
@@ -52,20 +41,12 @@ QString audioChecksum(const QString &path)
     return out.trimmed();
 }
 
-QByteArray digest(const QString &path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? QCryptographicHash::hash(f.readAll(), QCryptographicHash::Sha256) : QByteArray();
-}
-
 } // namespace
 
 // Quiet interlude, two songs and a loud single: after normalising, each is
 // as far from the others as before, whatever the album's gain.
-TEST(CliAlbum, TracksKeepTheirDifferencesAndTheAlbumReachesTheTarget)
+TEST_F(CliAlbum, TracksKeepTheirDifferencesAndTheAlbumReachesTheTarget)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     const double levels[] = {-14, -6, -3, 2};
     QStringList inputs;
     for (int i = 0; i < 4; ++i)
@@ -75,12 +56,12 @@ TEST(CliAlbum, TracksKeepTheirDifferencesAndTheAlbumReachesTheTarget)
     inputs << fixtures::makeAudio(tmp.path(), "single.wav", 4, {"-c:a", "pcm_s16le"}, -8);
     ASSERT_FALSE(inputs.contains(QString()));
 
-    int code = -1;
-    const QJsonArray analyzed = runJson(QStringList{"--analyze", "--album", "--lufs", "-20"} + inputs, &code);
-    ASSERT_EQ(code, 0);
-    const QJsonArray results = runJson(QStringList{"--album", "--quick", "--lufs", "-20", "--true-peak", "-1",
-                                                   "-o", tmp.filePath("out")} + inputs, &code);
-    ASSERT_EQ(code, 0);
+    const CliRunResult analysis = runCli(QStringList{"--json", "--analyze", "--album", "--lufs", "-20"} + inputs);
+    ASSERT_EQ(analysis.exitCode, 0);
+    const CliRunResult run = runCli(QStringList{"--json", "--album", "--quick", "--lufs", "-20", "--true-peak", "-1",
+                                                "-o", tmp.filePath("out")} + inputs);
+    ASSERT_EQ(run.exitCode, 0);
+    const QJsonArray analyzed = analysis.json(), results = run.json();
     ASSERT_EQ(results.size(), 5);
     ASSERT_EQ(analyzed.size(), 5);
     std::vector<double> moved;
@@ -109,10 +90,8 @@ TEST(CliAlbum, TracksKeepTheirDifferencesAndTheAlbumReachesTheTarget)
 
 // Every container's tags, read back by FFmpeg, agree with its meter; the
 // audio packets are untouched; in place, the file is replaced.
-TEST(CliTags, EachContainerCarriesGainsAnIndependentMeterAgreesWith)
+TEST_F(CliTags, EachContainerCarriesGainsAnIndependentMeterAgreesWith)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     const QList<QStringList> kinds = {
         {"a.flac", "-c:a", "flac"},
         {"b.mp3", "-c:a", "libmp3lame", "-b:a", "192k"},
@@ -129,14 +108,13 @@ TEST(CliTags, EachContainerCarriesGainsAnIndependentMeterAgreesWith)
         checksums << audioChecksum(inputs.last());
     }
     ASSERT_FALSE(inputs.contains(QString()));
-    int code = -1;
     // The first in place, the others into copies.
-    const QJsonArray inPlace = runJson({"--tags-only", inputs[0]}, &code);
-    ASSERT_EQ(code, 0);
-    const QJsonArray copies = runJson(QStringList{"--tags-only", "--album", "-o", tmp.filePath("out")} + inputs.mid(1), &code);
-    ASSERT_EQ(code, 0);
-    QJsonArray results = copies;
-    results.prepend(inPlace[0]);
+    const CliRunResult inPlace = runCli({"--json", "--tags-only", inputs[0]});
+    ASSERT_EQ(inPlace.exitCode, 0);
+    const CliRunResult copies = runCli(QStringList{"--json", "--tags-only", "--album", "-o", tmp.filePath("out")} + inputs.mid(1));
+    ASSERT_EQ(copies.exitCode, 0);
+    QJsonArray results = copies.json();
+    results.prepend(inPlace.json()[0]);
     ASSERT_EQ(results.size(), inputs.size());
     for (qsizetype i = 0; i < inputs.size(); ++i) {
         const QJsonObject o = results[i].toObject();
@@ -163,21 +141,17 @@ TEST(CliTags, EachContainerCarriesGainsAnIndependentMeterAgreesWith)
 }
 
 // However a kill lands, the file is whole: the original or the tagged one.
-TEST(CliTags, KilledWhileTaggingLeavesTheOriginalOrTheTaggedFile)
+TEST_F(CliTags, KilledWhileTaggingLeavesTheOriginalOrTheTaggedFile)
 {
-    QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     const QString input = fixtures::makeAudio(tmp.path(), "long.wav", 120, {"-c:a", "pcm_s16le"});
     ASSERT_FALSE(input.isEmpty());
     const QString reference = tmp.filePath("ref.wav");
     ASSERT_TRUE(QFile::copy(input, reference));
-    int code = -1;
     QElapsedTimer clock;
     clock.start();
-    runJson({"--tags-only", reference}, &code);
-    ASSERT_EQ(code, 0);
+    ASSERT_EQ(runCli({"--tags-only", reference}).exitCode, 0);
     const int span = int(std::max<qint64>(clock.elapsed(), 10));  // where kills land, not a check
-    const QByteArray original = digest(input), tagged = digest(reference);
+    const QByteArray original = fixtures::readFile(input), tagged = fixtures::readFile(reference);
     ASSERT_NE(original, tagged);
     ASSERT_TRUE(QFile::copy(input, tmp.filePath("orig.wav")));
     for (int round = 0; round < 10; ++round) {
@@ -187,7 +161,7 @@ TEST(CliTags, KilledWhileTaggingLeavesTheOriginalOrTheTaggedFile)
         QThread::msleep(QRandomGenerator::global()->bounded(span));
         p.kill();
         ASSERT_TRUE(p.waitForFinished(60000));
-        const QByteArray now = digest(input);
+        const QByteArray now = fixtures::readFile(input);
         ASSERT_TRUE(now == original || now == tagged) << "round " << round;
         if (now == tagged) {  // back to the start for the next round
             QFile::remove(input);

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <QColor>
-#include <QImage>
 #include <QString>
 #include <QStringList>
 #include <QTest>
@@ -13,14 +11,8 @@
 
 namespace enginetest {
 
-// Spins the main thread's event loop (jobs report through it) until pred
-// holds; the timeout is generous and only there so a hang fails the test.
-inline bool waitFor(const std::function<bool()> &pred, int msecs = 120000)
-{
-    return QTest::qWaitFor(pred, msecs);
-}
-
 using fixtures::makeWav;
+using fixtures::waitFor;
 
 // Collects VXLog lines for the lifetime of the object.
 class LogCapture {
@@ -44,15 +36,5 @@ private:
     QStringList m_lines;
     VXLogSink m_previous;
 };
-
-inline bool isViolet(QRgb px)
-{
-    return qAlpha(px) == 255 && qAbs(qRed(px) - 123) <= 3 && qAbs(qGreen(px) - 76) <= 3 && qAbs(qBlue(px) - 188) <= 3;
-}
-
-inline bool isRingGrey(QRgb px)
-{
-    return qAlpha(px) > 200 && qAbs(qRed(px) - 132) <= 6 && qAbs(qGreen(px) - 128) <= 6 && qAbs(qBlue(px) - 129) <= 6;
-}
 
 } // namespace enginetest

@@ -71,10 +71,9 @@ TEST(Item, CreationProbesTheFile)
     EXPECT_EQ(covered->formatInputFileSize(), QStringLiteral("0B"));
 
     // What the codec cannot open yields no item, and the codec's error.
-    QFile text(QDir(dir.path()).filePath(QStringLiteral("text.mp3")));
-    ASSERT_TRUE(text.open(QIODevice::WriteOnly) && text.write("this is not audio at all\n") > 0);
-    text.close();
-    for (const QString &path : {text.fileName(), mp3}) {
+    const QString text = QDir(dir.path()).filePath(QStringLiteral("text.mp3"));
+    ASSERT_TRUE(fixtures::writeFile(text, "this is not audio at all\n"));
+    for (const QString &path : {text, mp3}) {
         VXError failure;
         EXPECT_FALSE(VXAudioGain::initWithFile(path, QString(), &failure)) << qPrintable(path);
         EXPECT_FALSE(failure.description.isEmpty()) << qPrintable(path);
@@ -89,19 +88,16 @@ TEST(Item, CrashInTheDemuxerRefusesThatFileAlone)
     QTemporaryDir dir;
     const QString good = makeWav(dir.path(), QStringLiteral("good.wav"), 0.5);
     const QString bad = makeWav(dir.path(), QStringLiteral("crasher.wav"), 0.5);
-    QFile m4a(fixtures::makeFormat(dir.path(), QStringLiteral("m4a-aac"), 0.5));
-    ASSERT_TRUE(m4a.open(QIODevice::ReadWrite));
-    QByteArray bytes = m4a.readAll();
+    const QString m4a = fixtures::makeFormat(dir.path(), QStringLiteral("m4a-aac"), 0.5);
+    QByteArray bytes = fixtures::readFile(m4a);
     ASSERT_GT(bytes.indexOf("mp4a"), 0);
-    m4a.seek(bytes.indexOf("mp4a"));
-    m4a.write("drms");  // a FairPlay sample entry
-    m4a.close();
+    ASSERT_TRUE(fixtures::writeFile(m4a, bytes.replace(bytes.indexOf("mp4a"), 4, "drms")));  // a FairPlay sample entry
 
     qputenv("EVENLOUD_WORKER_ABORT_ON", "probe:crasher.wav");
     VXError goodError, badError, drmError;
     const auto imported = VXAudioGain::initWithFile(good, QString(), &goodError);
     const auto refused = VXAudioGain::initWithFile(bad, QString(), &badError);
-    const auto drm = VXAudioGain::initWithFile(m4a.fileName(), QString(), &drmError);
+    const auto drm = VXAudioGain::initWithFile(m4a, QString(), &drmError);
     qunsetenv("EVENLOUD_WORKER_ABORT_ON");
     ASSERT_TRUE(imported) << goodError.description.toStdString();
     EXPECT_NEAR(double(imported->duration()) / VXTimebase, 0.5, 0.05);

@@ -61,6 +61,18 @@ bool run(const QString &program, const QStringList &args, QString *out)
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
 namespace {
 
 QString ffmpeg() { return QStringLiteral("ffmpeg"); }
@@ -125,25 +137,27 @@ QString makeCover(const QString &dir, const QString &ext)
 
 QList<Format> formats()
 {
-    // variant, ext, codec, rate, channels, bits, tags, cover, video
+    const QStringList aac{"-c:a", "aac", "-b:a", "160k"}, video{"-c:a", "aac", "-b:a", "128k"};
+    // variant, ext, codec, rate, channels, bits, tags, cover, video, encoder arguments
     return {
-        {"mp3", "mp3", "mp3", 44100, 2, 0, true, true, false},
-        {"m4a-aac", "m4a", "aac", 44100, 2, 0, true, true, false},
-        {"m4a-alac", "m4a", "alac", 44100, 2, 16, true, true, false},
-        {"mp4-h264", "mp4", "aac", 44100, 2, 0, true, false, true},
-        {"m4v-h264", "m4v", "aac", 44100, 2, 0, true, false, true},
-        {"mov-pcm", "mov", "pcm_s16le", 48000, 2, 16, true, false, false},
-        {"mov-aac", "mov", "aac", 48000, 2, 0, true, false, false},
-        {"wma", "wma", "wmav2", 44100, 2, 0, true, false, false},
-        {"wav16", "wav", "pcm_s16le", 44100, 2, 16, true, false, false},
-        {"wav24", "wav", "pcm_s24le", 48000, 2, 24, true, false, false},
-        {"wavf32", "wav", "pcm_f32le", 44100, 2, 32, true, false, false},
-        {"ac3-51", "ac3", "ac3", 48000, 6, 0, false, false, false},
-        {"flac16", "flac", "flac", 44100, 2, 16, true, true, false},
-        {"flac24", "flac", "flac", 96000, 2, 24, true, true, false},
-        {"mp2", "mp2", "mp2", 48000, 2, 0, false, false, false},
-        {"ogg-vorbis", "ogg", "vorbis", 44100, 2, 0, true, true, false},
-        {"ogg-opus", "ogg", "opus", 48000, 2, 0, true, true, false},
+        {"mp3", "mp3", "mp3", 44100, 2, 0, true, true, false, {"-c:a", "libmp3lame", "-b:a", "192k", "-id3v2_version", "3"}},
+        {"m4a-aac", "m4a", "aac", 44100, 2, 0, true, true, false, aac},
+        {"m4a-alac", "m4a", "alac", 44100, 2, 16, true, true, false, {"-c:a", "alac", "-sample_fmt", "s16p"}},
+        {"mp4-h264", "mp4", "aac", 44100, 2, 0, true, false, true, video},
+        {"m4v-h264", "m4v", "aac", 44100, 2, 0, true, false, true, video},
+        {"mov-pcm", "mov", "pcm_s16le", 48000, 2, 16, true, false, false, {"-c:a", "pcm_s16le"}},
+        {"mov-aac", "mov", "aac", 48000, 2, 0, true, false, false, aac},
+        {"wma", "wma", "wmav2", 44100, 2, 0, true, false, false, {"-c:a", "wmav2", "-b:a", "128k"}},
+        {"wav16", "wav", "pcm_s16le", 44100, 2, 16, true, false, false, {"-c:a", "pcm_s16le"}},
+        {"wav24", "wav", "pcm_s24le", 48000, 2, 24, true, false, false, {"-c:a", "pcm_s24le"}},
+        {"wavf32", "wav", "pcm_f32le", 44100, 2, 32, true, false, false, {"-c:a", "pcm_f32le"}},
+        {"ac3-51", "ac3", "ac3", 48000, 6, 0, false, false, false, {"-c:a", "ac3", "-b:a", "448k"}},
+        {"flac16", "flac", "flac", 44100, 2, 16, true, true, false, {"-c:a", "flac", "-sample_fmt", "s16"}},
+        {"flac24", "flac", "flac", 96000, 2, 24, true, true, false,
+         {"-c:a", "flac", "-sample_fmt", "s32", "-bits_per_raw_sample", "24"}},
+        {"mp2", "mp2", "mp2", 48000, 2, 0, false, false, false, {"-c:a", "mp2", "-b:a", "256k"}},
+        {"ogg-vorbis", "ogg", "vorbis", 44100, 2, 0, true, true, false, {"-c:a", "libvorbis", "-q:a", "4"}},
+        {"ogg-opus", "ogg", "opus", 48000, 2, 0, true, true, false, {"-c:a", "libopus", "-b:a", "96k"}},
     };
 }
 
@@ -162,26 +176,8 @@ QString makeFormat(const QString &dir, const QString &variant, double seconds)
     if (f.variant.isEmpty())
         return {};
     const QString path = QDir(dir).filePath(variant + "." + f.ext);
-    const QString rate = QString::number(f.sampleRate);
-    const QString ch = QString::number(f.channels);
-
-    // Audio encoding arguments per variant.
-    QStringList codec;
-    if (variant == "mp3") codec = {"-c:a", "libmp3lame", "-b:a", "192k", "-id3v2_version", "3"};
-    else if (variant == "m4a-aac" || variant == "mov-aac") codec = {"-c:a", "aac", "-b:a", "160k"};
-    else if (variant == "m4a-alac") codec = {"-c:a", "alac", "-sample_fmt", "s16p"};
-    else if (variant == "mp4-h264" || variant == "m4v-h264") codec = {"-c:a", "aac", "-b:a", "128k"};
-    else if (variant == "mov-pcm" || variant == "wav16") codec = {"-c:a", "pcm_s16le"};
-    else if (variant == "wma") codec = {"-c:a", "wmav2", "-b:a", "128k"};
-    else if (variant == "wav24") codec = {"-c:a", "pcm_s24le"};
-    else if (variant == "wavf32") codec = {"-c:a", "pcm_f32le"};
-    else if (variant == "ac3-51") codec = {"-c:a", "ac3", "-b:a", "448k"};
-    else if (variant == "flac16") codec = {"-c:a", "flac", "-sample_fmt", "s16"};
-    else if (variant == "flac24") codec = {"-c:a", "flac", "-sample_fmt", "s32", "-bits_per_raw_sample", "24"};
-    else if (variant == "mp2") codec = {"-c:a", "mp2", "-b:a", "256k"};
-    else if (variant == "ogg-vorbis") codec = {"-c:a", "libvorbis", "-q:a", "4"};
-    else if (variant == "ogg-opus") codec = {"-c:a", "libopus", "-b:a", "96k"};
-    codec << "-ar" << rate << "-ac" << ch;
+    QStringList codec = f.encode;
+    codec << "-ar" << QString::number(f.sampleRate) << "-ac" << QString::number(f.channels);
     if (f.hasTags)
         codec << tagArgs(variant);
 
@@ -200,11 +196,10 @@ QString makeFormat(const QString &dir, const QString &variant, double seconds)
     } else if (f.hasCover) {
         // The ogg muxer cannot take a picture stream; the picture travels as
         // a comment instead, as taggers write it.
-        const QString cover = makeCover(dir, "png");
-        QFile file(cover);
-        if (cover.isEmpty() || !file.open(QIODevice::ReadOnly))
+        const QByteArray cover = readFile(makeCover(dir, "png"));
+        if (cover.isEmpty())
             return {};
-        const QByteArray block = pictureBlock(file.readAll(), "image/png", 64, 48);
+        const QByteArray block = pictureBlock(cover, "image/png", 64, 48);
         args << "-metadata:s:a:0" << "METADATA_BLOCK_PICTURE=" + QString::fromLatin1(block.toBase64());
     }
     args << codec << path;

@@ -5,15 +5,29 @@
 #include <QList>
 #include <QString>
 #include <QStringList>
+#include <QtCore/qtestsupport_core.h>
+#include <functional>
 
 // Test material made at test time with the ffmpeg command-line tool. Every
 // function returns an empty string / invalid result on failure rather than
 // aborting, so a test can assert with its own message.
 namespace fixtures {
 
+// Spins the event loop (jobs report through it) until pred holds; the
+// generous limit only turns a hang into a failure.
+inline bool waitFor(const std::function<bool()> &pred, int msecs = 120000)
+{
+    return QTest::qWaitFor(pred, msecs);
+}
+
 // Runs program to its end; true when it exited with 0. Standard output and
 // error, merged, go to *out when given.
 bool run(const QString &program, const QStringList &args, QString *out = nullptr);
+
+// The whole file, or empty when it cannot be read.
+QByteArray readFile(const QString &path);
+// Creates or replaces the file; true when all of bytes were written.
+bool writeFile(const QString &path, const QByteArray &bytes);
 
 // Writes dir/name: seconds of music-like stereo material at 44.1 kHz (sines
 // under a slow envelope over pink noise, loudness range well above 1 LU),
@@ -41,6 +55,7 @@ struct Format {
     bool hasTags = true;   // title/artist/album written
     bool hasCover = false; // attached picture written
     bool hasVideo = false; // a real video stream besides the audio
+    QStringList encode;    // ffmpeg's output arguments for the audio
 };
 // Test listings show a parameter by its variant, not as raw bytes.
 inline void PrintTo(const Format &format, std::ostream *os) { *os << format.variant.toStdString(); }

@@ -1,5 +1,3 @@
-#include "tests/views/ViewsTestUtil.h"
-#include "views/RQMenuView.h"
 #include "views/RQPopupMenuWndCtrl.h"
 #include "engine/VXLoudnessScale.h"
 
@@ -19,18 +17,15 @@ class TestPopup : public QObject {
 private slots:
     void cleanup() { RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->window()->hide(); }
     void opensAtTheAnchorPresetAndReset();
-    void everyUserChangePostsOnce();
+    void everyUserChangePostsOnceKeysAndEscape();
     void typedLevelsAndPresetsSetPositionAndCeiling();
-    void keyboardStepsAndEscape();
     void hidesWhenAnotherWindowIsActivated();
-    void menuViewPaintsBackgroundAndBorder();
     void staysInsideTheScreenNearEachEdge();
 };
 
 void TestPopup::opensAtTheAnchorPresetAndReset()
 {
     RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
-    QCOMPARE(RQPopupMenuWndCtrl::sharePopupMenuWndCtrl(), popup);
     QSignalSpy posted(RQNotificationCenter::defaultCenter(), &RQNotificationCenter::notificationPosted);
 
     popup->setApplyToAll(true);
@@ -39,26 +34,16 @@ void TestPopup::opensAtTheAnchorPresetAndReset()
     popup->popupMenuWndWithLocation(QPoint(400, 300));
     QWidget *window = popup->window();
     QVERIFY(window->isVisible());
-    QVERIFY(window->windowFlags() & Qt::FramelessWindowHint);
     QCOMPARE(window->frameGeometry().topLeft(), QPoint(400, 300));
     QVERIFY(!popup->applyToAll());
     QVERIFY(!popup->btnApplyToAll()->isChecked());
-    QCOMPARE(popup->targetLoudness(), 70.77f);
-    QCOMPARE(popup->row(), qint64(3));
     QCOMPARE(window->findChild<QDoubleSpinBox *>()->value(), 70.77);
     QCOMPARE(window->findChild<QSlider *>()->value(), 708);
     QCOMPARE(window->findChild<QLabel *>(QStringLiteral("lblLufs"))->text(), QStringLiteral("-24.0 LUFS"));
-    QCOMPARE(popup->btnApplyToAll()->palette().color(QPalette::WindowText), QColor(132, 128, 129));
     QCOMPARE(posted.count(), 0);  // presetting is not a change by the user
-
-    // Reopening elsewhere moves it; the size stays.
-    const QSize size = window->size();
-    popup->popupMenuWndWithLocation(QPoint(20, 40));
-    QCOMPARE(window->frameGeometry().topLeft(), QPoint(20, 40));
-    QCOMPARE(window->size(), size);
 }
 
-void TestPopup::everyUserChangePostsOnce()
+void TestPopup::everyUserChangePostsOnceKeysAndEscape()
 {
     RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     popup->setTargetLoudness(70.77f);
@@ -91,6 +76,19 @@ void TestPopup::everyUserChangePostsOnce()
     // The action itself posts even when nothing changed.
     popup->targetLoudnessChanged(nullptr);
     QCOMPARE(posted.count(), 4);
+
+    // Keys step the value and stop at 100; Escape, even in a control, closes.
+    popup->setTargetLoudness(99.5f);
+    QTest::keyClick(popup->window(), Qt::Key_Down);
+    QCOMPARE(popup->targetLoudness(), 98.5f);
+    QTest::keyClick(popup->window(), Qt::Key_Up);
+    QTest::keyClick(popup->window(), Qt::Key_Up);
+    QCOMPARE(popup->targetLoudness(), 100.0f);
+    QTest::keyClick(popup->window(), Qt::Key_PageDown);
+    QCOMPARE(popup->targetLoudness(), 90.0f);
+    QCOMPARE(posted.count(), 8);
+    QTest::keyClick(spin, Qt::Key_Escape);
+    QVERIFY(!popup->window()->isVisible());
 }
 
 void TestPopup::typedLevelsAndPresetsSetPositionAndCeiling()
@@ -141,28 +139,6 @@ void TestPopup::typedLevelsAndPresetsSetPositionAndCeiling()
     popup->setTruePeakCeiling(-2.0f);
 }
 
-void TestPopup::keyboardStepsAndEscape()
-{
-    RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
-    popup->setTargetLoudness(99.5f);
-    popup->popupMenuWndWithLocation(QPoint(10, 10));
-    QSignalSpy posted(RQNotificationCenter::defaultCenter(), &RQNotificationCenter::notificationPosted);
-    QWidget *window = popup->window();
-
-    QTest::keyClick(window, Qt::Key_Down);
-    QCOMPARE(popup->targetLoudness(), 98.5f);
-    QTest::keyClick(window, Qt::Key_Up);
-    QTest::keyClick(window, Qt::Key_Up);  // stops at 100
-    QCOMPARE(popup->targetLoudness(), 100.0f);
-    QTest::keyClick(window, Qt::Key_PageDown);
-    QCOMPARE(popup->targetLoudness(), 90.0f);
-    QCOMPARE(posted.count(), 4);
-
-    // Escape from inside a control closes the popup too.
-    QTest::keyClick(window->findChild<QDoubleSpinBox *>(), Qt::Key_Escape);
-    QVERIFY(!window->isVisible());
-}
-
 void TestPopup::hidesWhenAnotherWindowIsActivated()
 {
     QWidget main;
@@ -179,25 +155,6 @@ void TestPopup::hidesWhenAnotherWindowIsActivated()
     other.show();
     other.activateWindow();
     QTRY_VERIFY_WITH_TIMEOUT(!popup->window()->isVisible(), 5000);
-}
-
-void TestPopup::menuViewPaintsBackgroundAndBorder()
-{
-    RQMenuView view;
-    view.resize(120, 80);
-    QImage image(view.size(), QImage::Format_ARGB32);
-    image.fill(Qt::white);
-    view.render(&image, {}, {}, QWidget::DrawChildren);
-    const QColor background(61, 57, 58), border(56, 52, 53);
-    for (QPoint p : {QPoint(0, 0), QPoint(119, 79), QPoint(60, 0), QPoint(0, 40), QPoint(119, 40), QPoint(60, 79)})
-        QCOMPARE_PIXEL(image, p.x(), p.y(), border, 0);
-    for (QPoint p : {QPoint(1, 1), QPoint(118, 78), QPoint(60, 40)})
-        QCOMPARE_PIXEL(image, p.x(), p.y(), background, 0);
-
-    // The popup's content view is one, filling its window.
-    RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
-    QVERIFY(popup->menuView());
-    QCOMPARE(popup->menuView()->window(), popup->window());
 }
 
 void TestPopup::staysInsideTheScreenNearEachEdge()
