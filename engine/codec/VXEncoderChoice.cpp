@@ -2,12 +2,23 @@
 
 #include <QFileInfo>
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 
 // What the re-encoded audio is written with: the input's codec, and as much
 // of its depth, rate, layout and bit rate as the encoder takes.
 
 namespace vx {
+namespace {
+
+template <typename T>
+void clampSamples(T *data, size_t count)
+{
+    for (size_t i = 0; i < count; ++i)
+        data[i] = std::isnan(data[i]) ? T(0) : std::clamp(data[i], T(-1), T(1));
+}
+
+} // namespace
 
 const AVCodec *findEncoder(AVCodecID id)
 {
@@ -101,6 +112,20 @@ int64_t chooseBitRate(const AVFormatContext *input, int audioIndex, const QStrin
             bytes -= input->streams[i]->attached_pic.size;
     const int64_t estimate = av_rescale(std::max<qint64>(bytes, 0) * 8, AV_TIME_BASE, durationUs);
     return std::clamp<int64_t>(estimate, 16000, 640000);
+}
+
+void clampToFullScale(AVFrame *frame)
+{
+    const auto fmt = AVSampleFormat(frame->format);
+    const bool planar = av_sample_fmt_is_planar(fmt);
+    const int planes = planar ? frame->ch_layout.nb_channels : 1;
+    const size_t count = size_t(frame->nb_samples) * size_t(planar ? 1 : frame->ch_layout.nb_channels);
+    for (int p = 0; p < planes; ++p) {
+        if (av_get_packed_sample_fmt(fmt) == AV_SAMPLE_FMT_FLT)
+            clampSamples(reinterpret_cast<float *>(frame->extended_data[p]), count);
+        else if (av_get_packed_sample_fmt(fmt) == AV_SAMPLE_FMT_DBL)
+            clampSamples(reinterpret_cast<double *>(frame->extended_data[p]), count);
+    }
 }
 
 } // namespace vx

@@ -17,5 +17,9 @@ bool chooseLayout(const AVCodec *encoder, const AVChannelLayout &decoded, AVChan
 bool isLossless(AVCodecID id);
 // The bit rate a lossy stream keeps; 0 when nothing tells it.
 int64_t chooseBitRate(const AVFormatContext *input, int audioIndex, const QString &inPath, int64_t durationUs);
+// Lossy encoders take float samples and assume they lie within full scale;
+// a corrupt frame that decodes to +79 dBFS makes libmp3lame abort the
+// process. What they get is clamped there, and NaN becomes silence.
+void clampToFullScale(AVFrame *frame);
 
 } // namespace vx

@@ -1,49 +1,51 @@
 #include "engine/codec/VXTranscode.h"
 
+#include "engine/codec/VXEncoderChoice.h"
 #include "engine/codec/VXLog.h"
 #include "engine/codec/VXPipeline.h"
 
 extern "C" {
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
+#include <libavutil/threadmessage.h>
 }
 
 #include <algorithm>
-#include <cmath>
 #include <malloc.h>
+#include <mutex>
+#include <thread>
 
 namespace vx {
 namespace {
 
-// Lossy encoders take float samples and assume they lie within full scale;
-// a corrupt frame that decodes to +79 dBFS makes libmp3lame abort the
-// process. What they get is clamped there, and NaN becomes silence.
-template <typename T>
-void clampSamples(T *data, size_t count)
+// Reading (demux, decode, filter) and writing (encode, mux) overlap: the
+// writer runs on a thread of its own, fed through a bounded queue that keeps
+// memory flat whatever the file's length. A lossy target's encoder is a good
+// part of the work, so a single file finishes sooner; see docs/architecture.md.
+constexpr int kQueueCapacity = 48;
+
+// One item for the writer: a lane's filtered frame, or a copied packet.
+struct Handover {
+    AVFrame *frame;
+    AVPacket *packet;
+    int lane;
+};
+
+void freeHandover(void *message)
 {
-    for (size_t i = 0; i < count; ++i)
-        data[i] = std::isnan(data[i]) ? T(0) : std::clamp(data[i], T(-1), T(1));
+    auto *h = static_cast<Handover *>(message);
+    av_frame_free(&h->frame);
+    av_packet_free(&h->packet);
 }
 
-void clampFrame(AVFrame *frame)
-{
-    const auto fmt = AVSampleFormat(frame->format);
-    const bool planar = av_sample_fmt_is_planar(fmt);
-    const int planes = planar ? frame->ch_layout.nb_channels : 1;
-    const size_t count = size_t(frame->nb_samples) * size_t(planar ? 1 : frame->ch_layout.nb_channels);
-    for (int p = 0; p < planes; ++p) {
-        if (av_get_packed_sample_fmt(fmt) == AV_SAMPLE_FMT_FLT)
-            clampSamples(reinterpret_cast<float *>(frame->extended_data[p]), count);
-        else if (av_get_packed_sample_fmt(fmt) == AV_SAMPLE_FMT_DBL)
-            clampSamples(reinterpret_cast<double *>(frame->extended_data[p]), count);
+struct QueueFreer {
+    void operator()(AVThreadMessageQueue *q) const
+    {
+        av_thread_message_flush(q);
+        av_thread_message_queue_free(&q);
     }
-}
-
-bool isLossy(const AVCodecContext *encoder)
-{
-    const AVCodecDescriptor *desc = avcodec_descriptor_get(encoder->codec_id);
-    return desc && !(desc->props & AV_CODEC_PROP_LOSSLESS);
-}
+};
+using QueuePtr = std::unique_ptr<AVThreadMessageQueue, QueueFreer>;
 
 // What one lane needs beside its codecs: frames whose rate, layout or format
 // differ from the stream's first are converted to it (the graph is fixed);
@@ -69,23 +71,25 @@ struct Run {
     const std::function<void(int)> &progress;
     Pipeline *p = nullptr;
     std::vector<LaneState> lanes;
-    FramePtr decoded = makeFrame();
-    FramePtr filtered = makeFrame();
-    PacketPtr encoded = makePacket();
-    bool failed = false;
-    QString failure;
-    int lastProgress = -1;
+    FramePtr decoded = makeFrame();   // reader
+    FramePtr filtered = makeFrame();  // reader
+    PacketPtr encoded = makePacket(); // writer
+    QueuePtr queue;
+    std::atomic<bool> failed{false};
+    std::mutex failureLock;
+    QString failure;        // the first failure's reason
+    int lastProgress = -1;  // writer
 
     bool fail(const QString &why)
     {
-        if (!failed) {
-            failed = true;
+        std::lock_guard<std::mutex> guard(failureLock);
+        if (!failed.exchange(true)) {
             failure = why;
             VXLog(QStringLiteral("Transcoding %1 failed: %2").arg(request.input, why));
         }
         return false;
     }
-    bool stopping() const { return failed || cancel.load(); }
+    bool stopping() const { return failed.load() || cancel.load(); }
 
     // The lanes: one for the main stream, one for each further audio stream
     // to be filtered or measured (the file is opened again for those, as its
@@ -115,13 +119,32 @@ struct Run {
             const auto &filters = l == 0 ? request.filters : own == request.streamFilters.end() ? none : own->second;
             if (!p->buildGraph(lane, filters, &why))
                 return fail(why);
-            lanes[l].clamp = isLossy(lane.encoder.get());
+            lanes[l].clamp = !isLossless(lane.encoder->codec_id);
             if (l > 0 && request.measureOthers)
                 lanes[l].meter = std::make_unique<VXFrameMeter>(true);
         }
+        AVThreadMessageQueue *q = nullptr;
+        if (av_thread_message_queue_alloc(&q, kQueueCapacity, sizeof(Handover)) < 0)
+            return fail(QStringLiteral("out of memory"));
+        queue.reset(q);
+        av_thread_message_queue_set_free_func(q, freeHandover);
         if (!decoded || !filtered || !encoded || std::any_of(lanes.begin(), lanes.end(), [](auto &s) { return !s.conformed; }))
             return fail(QStringLiteral("out of memory"));
         return true;
+    }
+
+    // Reader: passes a frame or packet to the writer (taking its reference);
+    // blocks while the queue is full, false once the writer has stopped.
+    bool handOver(int lane, AVFrame *frame, AVPacket *packet)
+    {
+        Handover h{frame ? av_frame_alloc() : nullptr, packet ? av_packet_alloc() : nullptr, lane};
+        if (frame ? !h.frame : !h.packet)
+            return fail(QStringLiteral("out of memory"));
+        frame ? av_frame_move_ref(h.frame, frame) : av_packet_move_ref(h.packet, packet);
+        if (av_thread_message_queue_send(queue.get(), &h, 0) >= 0)
+            return true;
+        freeHandover(&h);
+        return false;
     }
 
     // A packet of a copied stream goes to the muxer as it is.
@@ -131,8 +154,29 @@ struct Run {
         av_packet_rescale_ts(packet, p->input->streams[packet->stream_index]->time_base, p->output->streams[target]->time_base);
         packet->stream_index = target;
         packet->pos = -1;
-        const int err = av_interleaved_write_frame(p->output.get(), packet);
-        return err >= 0 || fail(QStringLiteral("muxing: %1").arg(errorString(err)));
+        return handOver(-1, nullptr, packet);
+    }
+
+    // Writer: encodes and muxes what the reader hands over until it closes
+    // the queue; on a failure or cancel the reader is released at once.
+    void write()
+    {
+        Handover h{};
+        while (av_thread_message_queue_recv(queue.get(), &h, 0) >= 0) {
+            bool ok = !stopping();
+            if (ok && h.packet) {
+                const int err = av_interleaved_write_frame(p->output.get(), h.packet);
+                ok = err >= 0 || fail(QStringLiteral("muxing: %1").arg(errorString(err)));
+            } else if (ok && (ok = encode(size_t(h.lane), h.frame)) && h.lane == 0) {
+                report(h.frame->pts);
+            }
+            freeHandover(&h);
+            if (!ok) {
+                av_thread_message_queue_set_err_send(queue.get(), AVERROR_EXIT);
+                av_thread_message_flush(queue.get());
+                return;
+            }
+        }
     }
 
     // Sends one packet (nullptr: the end) to the lane's decoder and takes
@@ -188,7 +232,7 @@ struct Run {
         return err >= 0;
     }
 
-    // Takes what the graph has ready to the encoder.
+    // Hands what the graph has ready to the writer.
     bool filter(size_t l, bool atEnd)
     {
         const Lane &lane = *p->lanes[l];
@@ -197,7 +241,7 @@ struct Run {
         int err = 0;
         while ((err = av_buffersink_get_frame(lane.sink, frame)) >= 0) {
             if (s.clamp)
-                clampFrame(frame);
+                clampToFullScale(frame);
             // Timestamps count samples from the first frame's time, so gaps
             // or jitter in the source never reach the encoder.
             if (s.basePts == AV_NOPTS_VALUE)
@@ -206,11 +250,7 @@ struct Run {
                     : av_rescale_q(frame->pts, av_buffersink_get_time_base(lane.sink), lane.encoder->time_base);
             frame->pts = s.basePts + s.samples;
             s.samples += frame->nb_samples;
-            const bool ok = encode(l, frame);
-            if (ok && l == 0)
-                report(frame->pts);
-            av_frame_unref(frame);
-            if (!ok)
+            if (!handOver(int(l), frame, nullptr))
                 return false;
         }
         return err == AVERROR(EAGAIN) || (atEnd && err == AVERROR_EOF);
@@ -280,6 +320,7 @@ TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipe
         run.fail(QStringLiteral("out of memory"));
         return run.end(outcome);
     }
+    std::thread writer([&run] { run.write(); });
     bool ok = true;
     while (ok && !run.stopping() && (err = av_read_frame(p.input.get(), packet.get())) >= 0) {
         const size_t index = size_t(packet->stream_index);
@@ -294,13 +335,17 @@ TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipe
         // was decoded so far is kept.
         if (err != AVERROR_EOF)
             VXLog(QStringLiteral("Reading %1 stopped early: %2").arg(request.input, errorString(err)));
-        // What the decoders, graphs and encoders still hold, in that order.
+        // What the decoders and graphs still hold; the encoders' once the
+        // writer has ended.
         for (size_t l = 0; ok && l < p.lanes.size(); ++l)
             ok = run.decode(l, nullptr) && av_buffersrc_add_frame_flags(p.lanes[l]->source, nullptr, 0) >= 0
                 && run.filter(l, true);
-        for (size_t l = 0; ok && l < p.lanes.size(); ++l)
-            ok = run.encode(l, nullptr);
     }
+    // The writer takes what is left in the queue, then ends.
+    av_thread_message_queue_set_err_recv(run.queue.get(), AVERROR_EOF);
+    writer.join();
+    for (size_t l = 0; ok && !run.stopping() && l < p.lanes.size(); ++l)
+        ok = run.encode(l, nullptr);
     if (!ok && !run.stopping())
         run.fail(QStringLiteral("reading"));
     if (run.stopping())

@@ -1,6 +1,6 @@
 #pragma once
 
-// One file's codec work from start to end, on the calling thread: open,
+// One file's codec work from start to end, returning when it is done: open,
 // decode, filter, encode, mux, drain. VXTranscoding wraps it for callers that
 // want it on a thread of its own or in a worker process.
 
@@ -41,8 +41,9 @@ struct TranscodeOutcome {
 // Runs the request to its end. `pipeline` is the opened input and output
 // (opened here when empty); it is left holding the filter graphs, so the
 // caller decides when the filters print their records (as they are freed).
-// Progress rises from 0 to 99 as the main stream is encoded, and 100 comes
-// once the file is written and closed. A cancel is polled between packets.
+// Progress rises from 0 to 99 as the main stream is encoded (reported from
+// the encoding thread, which ends before this returns), and 100 comes once
+// the file is written and closed. A cancel is polled between packets.
 TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipeline> &pipeline,
                            const std::atomic<bool> &cancel, const std::function<void(int percent)> &progress);
 

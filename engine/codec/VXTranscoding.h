@@ -48,7 +48,7 @@ public:
     // monotonic, at most about one report per percent, and exactly one end
     // report follows, after which nothing more is reported.
     void transcodingWithBlock(VXTranscodingBlock block);
-    // The same work and reports on the calling thread; returns the end
+    // The same work and reports, run from the calling thread: returns the end
     // report's value once it has been delivered.
     int64_t transcodingHere(VXTranscodingBlock block);
     // Asks the work to stop; returns at once from any thread.
