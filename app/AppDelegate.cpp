@@ -103,11 +103,11 @@ void AppDelegate::connectWindow()
     connect(this, &AppDelegate::replaceOriginalFileChanged, this,
             [this] { m_ui->chkReplaceOriginalFile->setChecked(m_replaceOriginalFile); });
     connect(this, &AppDelegate::outFolderChanged, this, [this] {
-        m_ui->txtFolder->setText(finalOutFolder().isNull() ? tr("Please select a output folder") : m_outFolder);
+        m_ui->txtFolder->setText(m_outFolder);
         m_ui->txtFolder->setCursorPosition(0);
-        m_ui->txtFolder->setToolTip(finalOutFolder());
+        m_ui->txtFolder->setToolTip(m_outFolder);
     });
-    ui.txtFolder->setText(tr("Please select a output folder"));
+    ui.txtFolder->setPlaceholderText(tr("Please select a output folder"));
     connect(this, &AppDelegate::importingFileNameChanged, this,
             [this] { m_ui->importPrgView->setImportingFileName(m_importingFileName); });
 
@@ -156,6 +156,11 @@ void AppDelegate::connectWindow()
             [](bool keep) { RQAppSettings::setPreserveModificationTime(keep); });
     connect(this, &AppDelegate::replaceOriginalFileChanged, this,
             [this] { m_ui->actionPreserveModificationTime->setEnabled(m_replaceOriginalFile); });
+
+    ui.actionTreatAsAlbums->setChecked(RQAppSettings::treatAsAlbums());
+    connect(ui.actionTreatAsAlbums, &QAction::toggled, this, [](bool on) { RQAppSettings::setTreatAsAlbums(on); });
+    ui.actionTagsOnly->setChecked(RQAppSettings::tagsOnly());
+    connect(ui.actionTagsOnly, &QAction::toggled, this, [](bool on) { RQAppSettings::setTagsOnly(on); });
 
     m_window->installEventFilter(this);
 }

@@ -56,7 +56,6 @@ public:
     // Tells the desktop, outside the window, that a batch has ended.
     using Notifier = std::function<void(const QString &summary, const QString &body)>;
 
-    static inline const QString kOutFolderPlaceholder = QStringLiteral("Please select a output folder");
     // A batch that ends after this long, with the window in the background,
     // is announced by a desktop notification.
     static constexpr qint64 kNotifyAfterMsecs = 10000;
@@ -222,7 +221,7 @@ private:
 
     // The position last chosen in the popup, given to every new row.
     float m_newRowTarget = VXAudioGain::kDefaultTargetLoudness;
-    QString m_outFolder = kOutFolderPlaceholder;
+    QString m_outFolder;  // null: none chosen yet
     bool m_replaceOriginalFile = false;
     QPointer<QDialog> m_dialog;
 

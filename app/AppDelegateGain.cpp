@@ -2,6 +2,7 @@
 
 #include "app/RQDesktopServices.h"
 #include "app/RQPalette.h"
+#include "engine/VXAlbumBatch.h"
 #include "engine/codec/VXLog.h"
 #include "views/RQPopupMenuWndCtrl.h"
 
@@ -19,7 +20,8 @@ bool isEligible(const VXAudioGain &item)
 void AppDelegate::gainAudioAction()
 {
     if (btnGain()->property("tag").toInt() == 0) {
-        if (!finalOutFolder().isNull() || m_replaceOriginalFile)
+        // Tags go into the files themselves unless a folder is there.
+        if (!finalOutFolder().isNull() || m_replaceOriginalFile || m_ui->actionTagsOnly->isChecked())
             gainAudios();
         else
             selectOutputFolder(true);
@@ -40,7 +42,8 @@ void AppDelegate::cancelSelectedJobs()
 void AppDelegate::gainAudios()
 {
     const QString folder = finalOutFolder();
-    if (!m_replaceOriginalFile && folder.isNull()) {
+    const bool tagsOnly = m_ui->actionTagsOnly->isChecked();
+    if (!m_replaceOriginalFile && folder.isNull() && !tagsOnly) {
         VXLog(QStringLiteral("Please select out folder while not replace the original file."));
         return;
     }
@@ -66,13 +69,23 @@ void AppDelegate::gainAudios()
     const bool limitPeaks = popup->limitPeaks();
     const bool quick = popup->quickMeasurement();
     const double skipWithin = popup->skipWithin();
-    const bool keepTime = m_replaceOriginalFile && m_ui->actionPreserveModificationTime->isChecked();
-    bool started = false;
+    const bool inPlace = m_replaceOriginalFile || (tagsOnly && folder.isNull());
+    const bool keepTime = inPlace && m_ui->actionPreserveModificationTime->isChecked();
+    QList<VXAudioGainPtr> items;
+    QStringList paths;
     for (const VXAudioGainPtr &item : selectedAudioGains()) {
-        if (!isEligible(*item))
-            continue;
+        if (isEligible(*item)) {
+            items.append(item);
+            paths.append(item->inputFile());
+        }
+    }
+    // The albums of this press: its own files, grouped by the first job to run.
+    const auto albums
+        = m_ui->actionTreatAsAlbums->isChecked() ? std::make_shared<VXAlbumBatch>(paths) : nullptr;
+    bool started = false;
+    for (const VXAudioGainPtr &item : std::as_const(items)) {
         // Copied now, so later changes of the window apply to the next press only.
-        item->setReplaceOriginalFile(m_replaceOriginalFile);
+        item->setReplaceOriginalFile(inPlace);
         if (!item->replaceOriginalFile())
             item->setOutFolder(folder);
         item->setTruePeakCeiling(ceiling);
@@ -80,6 +93,8 @@ void AppDelegate::gainAudios()
         item->setQuickMeasurement(quick);
         item->setSkipWithin(skipWithin);
         item->setPreserveModificationTime(keepTime);
+        item->setTagsOnly(tagsOnly);
+        item->setAlbumBatch(albums);
         m_batch.append(item);
         item->gainWithBlock([report, self, weak = std::weak_ptr<VXAudioGain>(item)](qint32 state, qint64 code) {
             report(state, code);

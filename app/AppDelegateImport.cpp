@@ -14,6 +14,7 @@
 #include <QMainWindow>
 #include <QMimeData>
 #include <QProgressBar>
+#include <QtConcurrent>
 
 QStringList AppDelegate::pathsFromURLs(const QList<QUrl> &urls)
 {
@@ -117,6 +118,9 @@ void AppDelegate::importAudioWithPaths(const QStringList &paths, bool recursive)
     // The list outlives the walk: the controller waits for its walks.
     walk.list = m_audioGains;
     walk.itemThread = thread();
+    // Each file waits for the window to take it, rather than queueing as a
+    // continuation: the walk learns when nobody takes files any more, and
+    // probes stay no more than a few ahead of the rows.
     walk.hand = [self, cancel](const QString &path, const VXAudioGainPtr &item, const VXError &error) {
         const bool hopped = VXRunOnMainThread([&] {
             if (self)
@@ -127,13 +131,7 @@ void AppDelegate::importAudioWithPaths(const QStringList &paths, bool recursive)
             cancel->store(true);
         return hopped;
     };
-    VXStartOnPool(&m_importPool, [walk, cancel, self] {
-        walk.run();
-        VXRunOnMainThread([&] {
-            if (self)
-                self->importEnded();
-        });
-    });
+    QtConcurrent::run(&m_importPool, [walk] { walk.run(); }).then(this, [this] { importEnded(); });
 }
 
 void AppDelegate::importEnded()

@@ -16,7 +16,7 @@
 
 QString AppDelegate::finalOutFolder() const
 {
-    return m_outFolder == kOutFolderPlaceholder ? QString() : m_outFolder;
+    return m_outFolder;
 }
 
 void AppDelegate::setOutFolder(const QString &folder)
@@ -50,7 +50,7 @@ void AppDelegate::selectOutputFolder(bool startAfter)
     dialog->setFileMode(QFileDialog::Directory);
     dialog->setOption(QFileDialog::ShowDirsOnly, true);
     dialog->setAcceptMode(QFileDialog::AcceptOpen);
-    if (!finalOutFolder().isNull())
+    if (!m_outFolder.isNull())
         dialog->setDirectory(m_outFolder);
     connect(dialog, &QDialog::finished, this, [this, dialog, startAfter](int result) {
         m_dialog = nullptr;
@@ -82,8 +82,7 @@ void AppDelegate::saveUserSelectedURL(const QString &folder)
 
 QString AppDelegate::userSelectOutFolder() const
 {
-    const QString stored = RQAppSettings::userSelectedOutFolder();
-    return stored.isNull() ? kOutFolderPlaceholder : stored;
+    return RQAppSettings::userSelectedOutFolder();
 }
 
 void AppDelegate::avtiveOutputPath()
@@ -131,6 +130,11 @@ void AppDelegate::chkReplaceOriginalFileChanged()
 
 void AppDelegate::setTextFolderColor()
 {
-    RQPalette::setTextColor(m_ui->txtFolder,
-                            m_replaceOriginalFile ? RQPalette::dimmedText() : RQPalette::lightTitle());
+    const QColor color = m_replaceOriginalFile ? RQPalette::dimmedText() : RQPalette::lightTitle();
+    RQPalette::setTextColor(m_ui->txtFolder, color);
+    // The "no folder" hint is drawn as a folder's name would be.
+    QPalette palette = m_ui->txtFolder->palette();
+    for (auto group : {QPalette::Active, QPalette::Inactive, QPalette::Disabled})
+        palette.setColor(group, QPalette::PlaceholderText, color);
+    m_ui->txtFolder->setPalette(palette);
 }

@@ -91,4 +91,12 @@ void setSkipWithin(double lu)
         QSettings().remove(QLatin1String(kRQSkipWithin));
 }
 
+bool treatAsAlbums() { return QSettings().value(QLatin1String(kRQTreatAsAlbums), false).toBool(); }
+
+void setTreatAsAlbums(bool albums) { QSettings().setValue(QLatin1String(kRQTreatAsAlbums), albums); }
+
+bool tagsOnly() { return QSettings().value(QLatin1String(kRQTagsOnly), false).toBool(); }
+
+void setTagsOnly(bool tagsOnly) { QSettings().setValue(QLatin1String(kRQTagsOnly), tagsOnly); }
+
 } // namespace RQAppSettings

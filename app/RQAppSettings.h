@@ -14,6 +14,8 @@ inline constexpr char kRQPreserveModificationTime[] = "kRQPreserveModificationTi
 inline constexpr char kRQTargetLoudness[] = "kRQTargetLoudness";
 inline constexpr char kRQQuickMeasurement[] = "kRQQuickMeasurement";
 inline constexpr char kRQSkipWithin[] = "kRQSkipWithin";
+inline constexpr char kRQTreatAsAlbums[] = "kRQTreatAsAlbums";
+inline constexpr char kRQTagsOnly[] = "kRQTagsOnly";
 
 // The remembered folder's absolute path; a null string when none is stored
 // or the stored one is no longer an existing folder (the entry stays).
@@ -40,5 +42,11 @@ void setQuickMeasurement(bool quick);
 // LU; NaN (nothing skipped) when none or a negative value is stored.
 double skipWithin();
 void setSkipWithin(double lu);
+// Album mode: each album of a press gets one gain.
+bool treatAsAlbums();
+void setTreatAsAlbums(bool albums);
+// Gain writes ReplayGain tags and leaves the audio as it is.
+bool tagsOnly();
+void setTagsOnly(bool tagsOnly);
 
 } // namespace RQAppSettings

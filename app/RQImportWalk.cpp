@@ -4,8 +4,8 @@
 #include "engine/VXImport.h"
 
 #include <QThread>
+#include <QtConcurrent>
 #include <deque>
-#include <future>
 
 namespace {
 struct Probe {
@@ -17,10 +17,10 @@ struct Probe {
 
 void RQImportWalk::run() const
 {
-    std::deque<std::future<Probe>> ahead;
+    std::deque<QFuture<Probe>> ahead;
     bool handing = true;
     auto handFront = [&] {
-        Probe probe = ahead.front().get();
+        Probe probe = ahead.front().result();
         ahead.pop_front();
         // After a cancel, files already probed are dropped, not added.
         if (handing && !cancel->load())
@@ -31,7 +31,9 @@ void RQImportWalk::run() const
         if (!handing || list->containsInput(file))
             return;
         QThread *target = itemThread;
-        ahead.push_back(std::async(std::launch::async, [file, target] {
+        // On Qt's shared pool: imports running side by side probe no more
+        // files at once than there are cores.
+        ahead.push_back(QtConcurrent::run([file, target] {
             Probe probe{file, nullptr, {}};
             probe.item = VXAudioGain::initWithFile(file, QString(), &probe.error);
             if (probe.item)

@@ -1,8 +1,8 @@
 #include "engine/VXAlbum.h"
 
-#include "engine/VXPathUtil.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QHash>
 
 #include <taglib/fileref.h>
@@ -30,7 +30,7 @@ QList<VXAlbumGroup> VXGroupAlbums(const QStringList &paths)
                 artist = fromTag(it->second.front());
         }
         // A tagged album and a folder never share a key.
-        const QString folder = VXPath::deletingLastComponent(paths[i]);
+        const QString folder = QFileInfo(paths[i]).path();
         const QString key = album.isEmpty() ? QStringLiteral("d\n") + folder
                                             : QStringLiteral("a\n") + artist + QLatin1Char('\n') + album;
         auto it = byKey.find(key);

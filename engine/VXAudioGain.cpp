@@ -1,15 +1,15 @@
 #include "engine/VXAudioGain.h"
 
-#include "engine/VXPathUtil.h"
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXDemuxerContext.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QThread>
 #include <cmath>
 
 VXAudioGain::VXAudioGain(const QString &path, const QString &outFolder)
-    : m_inputFile(path), m_outFolder(outFolder), m_outFileName(VXPath::lastComponent(path))
+    : m_inputFile(path), m_outFolder(outFolder), m_outFileName(QFileInfo(path).fileName())
 {
 }
 
@@ -92,10 +92,9 @@ void VXAudioGain::setOutFileName(const QString &name)
 {
     if (name.size() < 4)
         return;
-    const QString inputExt = VXPath::extension(inputFile());
-    const QString stored = VXPath::extension(name).toLower() == inputExt.toLower()
-                               ? name
-                               : VXPath::appendingExtension(name, inputExt);
+    const QString inputExt = QFileInfo(inputFile()).suffix();
+    const bool keepsExt = inputExt.isEmpty() || QFileInfo(name).suffix().compare(inputExt, Qt::CaseInsensitive) == 0;
+    const QString stored = keepsExt ? name : name + QLatin1Char('.') + inputExt;
     {
         QMutexLocker locker(&m_lock);
         if (m_outFileName == stored)
@@ -111,13 +110,14 @@ QString VXAudioGain::outPathFile() const
     QMutexLocker locker(&m_lock);
     if (m_outFolder.isNull())
         return {};
-    return VXPath::appendingComponent(m_outFolder, m_outFileName);
+    return m_outFolder.isEmpty() ? m_outFileName : QDir(m_outFolder).filePath(m_outFileName);
 }
 
 void VXAudioGain::setOutPathFile(const QString &path)
 {
-    setOutFolder(VXPath::deletingLastComponent(path));
-    setOutFileName(VXPath::lastComponent(path));
+    const QFileInfo info(path);
+    setOutFolder(info.path());
+    setOutFileName(info.fileName());
 }
 
 qint32 VXAudioGain::state() const { return m_state.load(); }
@@ -213,11 +213,21 @@ QString VXAudioGain::outcomeText() const
                 + QLatin1Char(' ') + QLatin1String(unit)
                                 : QStringLiteral("silent");
     };
-    QStringList parts{figure(r.outputI, "LUFS")};
-    if (std::isfinite(r.outputTp))
-        parts << figure(r.outputTp, "dBTP");
-    if (!r.normalization.isEmpty())
-        parts << r.normalization;
+    QStringList parts;
+    if (r.tagged) {
+        // What a player will apply; the audio itself is as it was.
+        parts << QStringLiteral("tagged: track %1").arg(figure(r.tags.trackGainDb, "dB"));
+        if (std::isfinite(r.tags.albumGainDb))
+            parts << QStringLiteral("album %1").arg(figure(r.tags.albumGainDb, "dB"));
+    } else {
+        parts << figure(r.outputI, "LUFS");
+        if (std::isfinite(r.outputTp))
+            parts << figure(r.outputTp, "dBTP");
+        if (!r.normalization.isEmpty())
+            parts << r.normalization;
+    }
+    if (!r.album.isEmpty())
+        parts << QStringLiteral("album \u201c%1\u201d").arg(r.album);
     if (!r.warning.isEmpty())
         parts << r.warning;
     return parts.join(QStringLiteral(" \u00b7 "));
@@ -235,7 +245,7 @@ void VXAudioGain::setReplaceOriginalFile(bool replace)
         emit replaceOriginalFileChanged();
 }
 
-QString VXAudioGain::inputFileName() const { return VXPath::lastComponent(inputFile()); }
+QString VXAudioGain::inputFileName() const { return QFileInfo(inputFile()).fileName(); }
 
 quint64 VXAudioGain::inputFileSize() const
 {

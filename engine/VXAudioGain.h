@@ -13,9 +13,11 @@
 
 #include "engine/VXLoudnessScale.h"
 #include "engine/codec/VXError.h"
+#include "engine/VXReplayGain.h"
 #include "engine/codec/VXLoudnessMeter.h"
 
 class QThreadPool;
+class VXAlbumBatch;
 class VXTranscoding;
 
 // The report callback of a job: (state, retCode), called on the main thread
@@ -41,6 +43,9 @@ struct VXGainResult {
         QString normalization;
     };
     QList<Stream> otherStreams;
+    QString album;      // the album whose gain was applied or tagged; empty outside album mode
+    bool tagged = false;  // tags only: the values written, the audio untouched
+    VXReplayGain tags;
 };
 
 // A track in album mode: its own figures and its album's. The job then
@@ -82,6 +87,8 @@ class VXAudioGain : public QObject, public std::enable_shared_from_this<VXAudioG
     Q_PROPERTY(bool quickMeasurement READ quickMeasurement WRITE setQuickMeasurement NOTIFY quickMeasurementChanged)
     // LU; a file measured this close to the target is left untouched. NaN: never.
     Q_PROPERTY(double skipWithin READ skipWithin WRITE setSkipWithin NOTIFY skipWithinChanged)
+    // Measure and write ReplayGain tags instead of normalising the audio.
+    Q_PROPERTY(bool tagsOnly READ tagsOnly WRITE setTagsOnly NOTIFY tagsOnlyChanged)
     Q_PROPERTY(bool preserveModificationTime READ preserveModificationTime WRITE setPreserveModificationTime
                    NOTIFY preserveModificationTimeChanged)
     // The outcome in words: "-14.0 LUFS · -2.0 dBTP · linear", the reason of
@@ -142,6 +149,11 @@ public:
     // Set before the job starts; nullopt: the file is normalised on its own.
     void setAlbumMember(std::optional<VXAlbumMember> member);
     std::optional<VXAlbumMember> albumMember() const;
+    // Set before the job starts; the job takes its album's figures from the
+    // batch (measured by whichever track comes first). Null: no album.
+    void setAlbumBatch(std::shared_ptr<VXAlbumBatch> batch);
+    bool tagsOnly() const;
+    void setTagsOnly(bool tagsOnly);
 
     static QString formatSize(quint64 bytes);
     static QString formatDuration(quint64 ticks);
@@ -208,6 +220,7 @@ signals:
     void skipWithinChanged();
     void preserveModificationTimeChanged();
     void outcomeTextChanged();
+    void tagsOnlyChanged();
 
 private:
     struct Job;
@@ -224,6 +237,10 @@ private:
     void releaseTransCoding();
     qint64 finishWithPlacement();
     qint64 fail(const QString &reason);
+    // Album mode: the album's figures, from the batch unless set already;
+    // false when the job must end (result code in *end).
+    bool resolveAlbum(qint64 *end);
+    qint64 runTagsOnly();
     qint64 verifyAndPlace(const VXGainResult &result, double expected);
     void setOutPathFileFromJob(const QString &path);
 
@@ -238,6 +255,10 @@ private:
     QVariantMap m_measurement;  // under m_lock
     VXGainResult m_result;      // under m_lock
     std::optional<VXAlbumMember> m_album;  // under m_lock
+    std::shared_ptr<VXAlbumBatch> m_albumBatch;  // under m_lock
+    std::atomic<bool> m_tagsOnly{false};
+    // Mirrors m_cancelGain for waits that poll a flag (album measurement).
+    std::atomic<bool> m_cancelRequested{false};
     std::atomic<float> m_truePeakCeiling{-2.0f};
     std::atomic<bool> m_limitPeaks{false};
     std::atomic<bool> m_quickMeasurement{false};

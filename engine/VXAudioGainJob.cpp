@@ -99,6 +99,10 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     };
     if (cancelRequested())
         return -2;
+    if (qint64 end = 0; !resolveAlbum(&end))
+        return end;
+    if (tagsOnly())
+        return runTagsOnly();
     if (!chooseTempOutFile())
         return fail(QStringLiteral("Cannot create a temporary file in %1 (it must be a writable folder of this user's, not a link)").arg(VXTempDir::rootPath()));
     const QString input = inputFile();
@@ -277,19 +281,33 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     if (const qint64 r = secondPass(Pass::Second))
         return r;
     // Where loud peaks carry much of the loudness, limiting them costs some
-    // of it; the gain is raised by what is missing, a few times at most.
+    // of it, and a lossy encoder may drop some of a dense signal's energy
+    // (loud white noise loses half a LU in 128 kb/s MP3): the gain is raised
+    // by what is missing, a few times at most, while the ceiling allows. A
+    // plain gain that misses by more than a codec loses is a fault to show,
+    // not to hide.
     const float target = loudnormValue();
+    const QString targetKey = QString::fromLatin1(kVXAIntegratedLoudnessTarget);
     // Not in an album: one track raised more than the others would upset
     // their balance.
-    for (int round = 0; !album && plan && plan->kind == VXNormalization::Limited && round < 3; ++round) {
+    for (int round = 0; !album && plan && round < 3; ++round) {
+        // A plain gain stays what the measurement says unless its result
+        // would be refused.
+        const bool limited = plan->kind == VXNormalization::Limited;
         const double missing = plan->expectedLoudness - loudness.integrated;
-        if (!std::isfinite(missing) || std::fabs(missing) <= 0.2)
+        if (!std::isfinite(missing) || std::fabs(missing) <= (limited ? 0.2 : 0.5))
             break;
-        const double raised = double(job.filter->valueForAttribute(QString::fromLatin1(kVXAIntegratedLoudnessTarget))
-                                         .toFloat()) + missing;
-        if (raised - target > 12.0)
+        const QVariant current = job.filter->valueForAttribute(targetKey);
+        const double raised = double(current.toFloat()) + missing;
+        if (limited ? raised - target > 12.0 : std::fabs(raised - target) > 2.0)
             break;
-        job.filter->setValue(QVariant(float(raised)), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+        const double gainBefore = job.filter->linearPlan().value_or(*plan).gainDb;
+        job.filter->setValue(QVariant(float(raised)), targetKey);
+        const std::optional<VXGainPlan> next = job.filter->linearPlan();
+        if (!limited && (!next || std::fabs(next->gainDb - gainBefore) < 0.05)) {
+            job.filter->setValue(current, targetKey);  // held by the ceiling: another pass would change nothing
+            break;
+        }
         if (const qint64 r = secondPass(Pass::Correction))
             return r;
     }
@@ -297,6 +315,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     VXGainResult result;
     result.outputI = loudness.integrated;
     result.outputLra = loudness.range;
+    result.album = album ? album->name : QString();
     for (const auto &[index, filter] : streamFilters) {
         if (const auto streamPlan = filter->linearPlan())
             result.otherStreams.append({index, streamPlan->gainDb, VXNormalizationName(streamPlan->kind)});
@@ -307,11 +326,12 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         result.normalization = VXNormalizationName(VXNormalization::Linear);
         return verifyAndPlace(result, NAN);
     }
-    result.gainDb = job.filter->linearPlan().value_or(*plan).gainDb;
-    result.normalization = VXNormalizationName(plan->kind);
+    const VXGainPlan applied = job.filter->linearPlan().value_or(*plan);
+    result.gainDb = applied.gainDb;
+    result.normalization = VXNormalizationName(applied.kind);
     result.outputTp = plan->kind == VXNormalization::Limited
         ? loudness.truePeak
-        : record.value(QLatin1String("input_tp")).toVariant().toDouble() + plan->gainDb;
+        : record.value(QLatin1String("input_tp")).toVariant().toDouble() + result.gainDb;
     if (album) {
         // Each track should move by the gain exactly; a limiter takes what
         // it must from the loud ones, so those are not held to it.

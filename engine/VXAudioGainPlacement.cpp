@@ -3,12 +3,12 @@
 #include "engine/VXAudioGain.h"
 
 #include "engine/VXMainThread.h"
-#include "engine/VXPathUtil.h"
 #include "engine/VXPlacement.h"
 #include "engine/VXTempDir.h"
 #include "engine/codec/VXLog.h"
 
 #include <QDir>
+#include <QFileInfo>
 
 bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
 {
@@ -29,14 +29,14 @@ bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
     }
 
     const QString folder = outFolder();
-    const QString name = outFileName();
+    const QFileInfo name(outFileName());
     VXPlacement::Result result;
     // A relative folder would land the file wherever the process happens to
-    // be; the placeholder text of "no folder chosen" is one.
+    // be.
     if (folder.isEmpty() || QDir::isRelativePath(folder))
         result.error = QStringLiteral("No output folder");
     else
-        result = VXPlacement::placeInFolder(tempPath, folder, VXPath::deletingExtension(name), VXPath::extension(name));
+        result = VXPlacement::placeInFolder(tempPath, folder, name.completeBaseName(), name.suffix());
     if (!result.ok) {
         VXLog(QStringLiteral("Failed to move file to dest path(%1).").arg(result.error));
         fail(result.error);

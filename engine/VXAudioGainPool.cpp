@@ -45,6 +45,7 @@ void VXAudioGain::gainWithBlock(VXGainBlock block)
     {
         QMutexLocker locker(&m_lock);
         m_cancelGain = false;  // a restart must not inherit the last cancel
+        m_cancelRequested = false;
     }
     auto self = shared_from_this();
     {
@@ -84,6 +85,7 @@ void VXAudioGain::cancelGain()
     // measurement record is printed into the capture.
     QMutexLocker locker(&m_lock);
     m_cancelGain = true;
+    m_cancelRequested = true;
     if (m_transCoding)
         m_transCoding->cancelTranscoding();
 }

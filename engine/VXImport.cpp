@@ -1,14 +1,10 @@
 #include "engine/VXImport.h"
 
-#include <QFile>
+#include <QDir>
+#include <QFileInfo>
 #include <QSet>
 
-#include <dirent.h>
-#include <sys/stat.h>
-
-#include <memory>
-#include <unordered_set>
-#include <utility>
+#include <algorithm>
 
 namespace VXImport {
 
@@ -29,22 +25,13 @@ QStringList supportAudioGainExts()
     return supportAudioGainOwnExts() + supportExtenalFormats();
 }
 
-QString pathExtension(const QString &path)
-{
-    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'));
-    const qsizetype dot = path.lastIndexOf(QLatin1Char('.'));
-    if (dot < 0 || dot < slash)
-        return {};
-    return path.mid(dot + 1);
-}
-
 bool passesExtensionTest(const QString &path)
 {
     static const QSet<QString> exts = [] {
         const QStringList list = supportAudioGainExts();
         return QSet<QString>(list.begin(), list.end());
     }();
-    const QString ext = pathExtension(path);
+    const QString ext = QFileInfo(path).suffix();
     return !ext.isEmpty() && exts.contains(ext.toLower());
 }
 
@@ -60,22 +47,6 @@ bool isSameInput(const QString &a, const QString &b)
 
 namespace {
 
-struct DirCloser {
-    void operator()(DIR *dir) const { closedir(dir); }
-};
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
-
-// A folder's identity once links are followed: the same folder reached by
-// two paths (a link back to an ancestor) has one key.
-using FolderId = std::pair<dev_t, ino_t>;
-
-struct FolderIdHash {
-    size_t operator()(const FolderId &id) const noexcept
-    {
-        return qHashMulti(0, quint64(id.first), quint64(id.second));
-    }
-};
-
 class Walker {
 public:
     Walker(bool recursive, bool skipHidden, const std::atomic<bool> &cancel,
@@ -86,43 +57,46 @@ public:
 
     void walkPath(const QString &path)
     {
-        struct stat st {};
-        if (stat(QFile::encodeName(path).constData(), &st) != 0)
-            return;
-        if (S_ISDIR(st.st_mode))
-            walkFolder(path, st);
-        else if (passesExtensionTest(path))
+        const QFileInfo info(path);
+        if (info.isDir())
+            walkFolder(path, info);
+        else if (info.exists() && passesExtensionTest(path))
             m_onFile(path);
     }
 
 private:
     bool cancelled() const { return m_cancel.load(std::memory_order_relaxed); }
 
-    void walkFolder(const QString &folder, const struct stat &st)
+    void walkFolder(const QString &folder, const QFileInfo &info)
     {
-        if (!m_seen.insert({st.st_dev, st.st_ino}).second)
+        // Links are followed; a folder reached again (a link back to an
+        // ancestor) is passed over, so loops end.
+        const QString id = info.canonicalFilePath();
+        if (m_seen.contains(id))
             return;
-        const QByteArray encoded = QFile::encodeName(folder);
-        DirPtr dir(opendir(encoded.constData()));
-        if (!dir)
-            return;
+        m_seen.insert(id);
+        QDir::Filters filters = QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot;
+        if (!m_skipHidden)
+            filters |= QDir::Hidden;
+        // Sorted as a file manager lists them, whatever order the file system
+        // keeps: the same folder imports the same way on every machine.
+        // Names equal but for case keep one order too.
+        QFileInfoList entries = QDir(folder).entryInfoList(filters, QDir::Unsorted);
+        std::sort(entries.begin(), entries.end(), [](const QFileInfo &a, const QFileInfo &b) {
+            const int folded = a.fileName().compare(b.fileName(), Qt::CaseInsensitive);
+            return folded != 0 ? folded < 0 : a.fileName() < b.fileName();
+        });
         const QString prefix = folder.endsWith(QLatin1Char('/')) ? folder : folder + QLatin1Char('/');
-        while (const dirent *entry = readdir(dir.get())) {
+        for (const QFileInfo &entry : entries) {
             if (cancelled())
                 return;
-            const char *name = entry->d_name;
-            if (qstrcmp(name, ".") == 0 || qstrcmp(name, "..") == 0 || (m_skipHidden && name[0] == '.'))
-                continue;
-            const QString path = prefix + QFile::decodeName(name);
-            struct stat entrySt {};
-            if (stat(QFile::encodeName(path).constData(), &entrySt) != 0)
-                continue; // vanished, or a dangling link
-            if (S_ISDIR(entrySt.st_mode)) {
+            const QString path = prefix + entry.fileName();
+            if (entry.isDir()) {
                 if (!m_recursive)
                     continue;
                 if (cancelled())
                     return;
-                walkFolder(path, entrySt);
+                walkFolder(path, entry);
             } else if (passesExtensionTest(path)) {
                 m_onFile(path);
             }
@@ -133,7 +107,7 @@ private:
     const bool m_skipHidden;
     const std::atomic<bool> &m_cancel;
     const std::function<void(const QString &)> &m_onFile;
-    std::unordered_set<FolderId, FolderIdHash> m_seen;
+    QSet<QString> m_seen;
 };
 
 } // namespace

@@ -18,8 +18,6 @@ QStringList supportAudioGainExts();
 // The whole extension after the last dot of the last component, lower-cased,
 // is one of the eleven.
 bool passesExtensionTest(const QString &path);
-// The part after the last dot of the last component, as spelled; empty if none.
-QString pathExtension(const QString &path);
 
 // Two input paths are the same item when equal once lower-cased (no link or
 // relative-component resolving).
@@ -30,8 +28,8 @@ QString inputKey(const QString &path);
 
 // Walks paths in order on the calling thread: existing files that pass the
 // extension test go to onFile; folders are listed (one level, or depth-first
-// in listing order when recursive); a folder already walked (by device and
-// inode) is skipped so link loops end. cancel is checked before each entry,
+// when recursive) in name order, case aside; links are followed, and a folder
+// already walked is skipped so link loops end. cancel is checked before each entry,
 // before descending and after each top-level path. With skipHidden, entries
 // of walked folders whose names begin with a dot (hidden files and folders,
 // and the "._name" sidecars that macOS leaves on shared drives) are passed over.

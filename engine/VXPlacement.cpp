@@ -3,16 +3,18 @@
 #include "engine/VXPathUtil.h"
 #include "engine/codec/VXUtilCodec.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QMutex>
 #include <QSet>
 
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <system_error>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -25,12 +27,7 @@ namespace {
 
 QByteArray native(const QString &path) { return QFile::encodeName(path); }
 
-QString errnoText(int err)
-{
-    char buffer[256];
-    // The GNU strerror_r may return a static string instead of filling buffer.
-    return QString::fromLocal8Bit(strerror_r(err, buffer, sizeof buffer));
-}
+QString errnoText(int err) { return QString::fromStdString(std::generic_category().message(err)); }
 
 struct FdCloser {
     int fd = -1;
@@ -41,22 +38,14 @@ struct FdCloser {
     }
 };
 
-// Read without the race of umask(0)-and-restore, which would briefly give
-// other threads' new files the wrong mode.
-mode_t processUmask()
-{
-    static const mode_t mask = [] {
-        QFile status(QStringLiteral("/proc/self/status"));
-        if (status.open(QIODevice::ReadOnly)) {
-            for (const QByteArray &line : status.readAll().split('\n')) {
-                if (line.startsWith("Umask:"))
-                    return mode_t(strtoul(line.mid(6).trimmed().constData(), nullptr, 8));
-            }
-        }
-        return mode_t(022);
-    }();
+// umask can only be read by setting it, which would briefly give other
+// threads' new files the wrong mode: it is read while the program is still
+// being loaded, before main() and before any thread exists.
+const mode_t g_umask = [] {
+    const mode_t mask = ::umask(022);
+    ::umask(mask);
     return mask;
-}
+}();
 
 void syncFolder(const QString &folder)
 {
@@ -65,7 +54,7 @@ void syncFolder(const QString &folder)
         ::fsync(dir.fd);
 }
 
-bool copyContent(int from, int to)
+bool copyByReadWrite(int from, int to)
 {
     char buffer[1 << 16];
     for (;;) {
@@ -86,6 +75,25 @@ bool copyContent(int from, int to)
             }
             done += put;
         }
+    }
+}
+
+// The kernel copies without the data passing through us (and clones where
+// the file system can). Since Linux 5.19 it refuses between file systems of
+// different types (a tmpfs temporary folder and the user's disk), and older
+// kernels or some file systems refuse the call: both offsets are where the
+// kernel left them, so plain reads and writes carry on from there.
+bool copyContent(int from, int to)
+{
+    for (;;) {
+        const ssize_t moved = ::copy_file_range(from, nullptr, to, nullptr, size_t(1) << 30, 0);
+        if (moved == 0)
+            return true;
+        if (moved > 0 || errno == EINTR)
+            continue;
+        if (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP)
+            return copyByReadWrite(from, to);
+        return false;
     }
 }
 
@@ -145,7 +153,7 @@ bool stage(const QString &src, const QString &folder, const QString &name, mode_
 {
     // "." + name + ".evenloud-XXXXXX" within a name's 255 bytes.
     const QString hidden = QLatin1Char('.') + VXPath::leftBytes(name, 255 - 17) + QStringLiteral(".evenloud-XXXXXX");
-    QByteArray pattern = native(VXPath::appendingComponent(folder, hidden));
+    QByteArray pattern = native(QDir(folder).filePath(hidden));
     sweepStale(folder);
     FdCloser &out = staged->locked;
     out.fd = ::mkostemp(pattern.data(), O_CLOEXEC);
@@ -236,8 +244,8 @@ Result placeInFolder(const QString &src, const QString &folder, const QString &b
 {
     Result result;
     Staged staged;
-    const QString name = VXPath::appendingExtension(base, ext);
-    if (!stage(src, folder, name, 0666 & ~processUmask(), nullptr, &staged, &result.error)) {
+    const QString name = ext.isEmpty() ? base : base + QLatin1Char('.') + ext;
+    if (!stage(src, folder, name, 0666 & ~g_umask, nullptr, &staged, &result.error)) {
         unstage(staged, src);
         return result;
     }
@@ -300,9 +308,10 @@ Result replaceFile(const QString &src, const QString &target, bool keepModificat
         result.error = QStringLiteral("Cannot read %1: %2").arg(target, errnoText(errno));
         return result;
     }
-    const QString folder = VXPath::deletingLastComponent(real);
+    const QFileInfo realInfo(real);
+    const QString folder = realInfo.path();
     Staged staged;
-    if (!stage(src, folder, VXPath::lastComponent(real), st.st_mode & 07777, &st, &staged, &result.error)) {
+    if (!stage(src, folder, realInfo.fileName(), st.st_mode & 07777, &st, &staged, &result.error)) {
         unstage(staged, src);
         return result;
     }

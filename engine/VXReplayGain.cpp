@@ -1,6 +1,5 @@
 #include "engine/VXReplayGain.h"
 
-#include "engine/VXPathUtil.h"
 #include "engine/VXTempDir.h"
 
 #include <QFile>
@@ -97,7 +96,7 @@ bool VXWriteReplayGainTags(const QString &path, const VXReplayGain &gains, QStri
         return false;
     }
     const QByteArray name = QFile::encodeName(path);
-    const QString ext = VXPath::extension(path).toLower();
+    const QString ext = QFileInfo(path).suffix().toLower();
     const Fields rg = replayGainFields(gains);
     // One open and one save per container; false from save is a write error.
     auto run = [&](auto &&file, const std::function<bool()> &tagAndSave) {
@@ -183,9 +182,9 @@ VXPlacement::Result VXTagFile(const QString &input, const QString &outFolder, co
                               bool keepModificationTime)
 {
     VXPlacement::Result result;
-    const QString name = VXPath::lastComponent(input);
-    const QString base = VXPath::deletingExtension(name);
-    const QString ext = VXPath::extension(name);
+    const QFileInfo info(input);
+    const QString base = info.completeBaseName();
+    const QString ext = info.suffix();
     // TagLib knows a container by its name's extension: the copy keeps it.
     const QString staged = VXTempDir::reserveFile(base, ext);
     if (staged.isEmpty()) {

@@ -23,7 +23,10 @@ namespace {
 std::mutex registryLock;
 std::unordered_map<const void *, std::shared_ptr<VXFilterLogState>> registry;
 
-// Error lines from a corrupt file can come by the thousand.
+// Error lines from a corrupt file can come by the thousand. libav's own
+// AV_LOG_SKIP_REPEATED is applied only inside its default callback, which
+// writes to standard error; a callback of our own has to collapse repeats
+// itself, and that flag never caps a flood of differing lines anyway.
 class ErrorGate {
 public:
     void log(const QString &line)
@@ -91,7 +94,9 @@ std::string formatLine(void *avcl, int level, const char *fmt, va_list vl, bool 
 void routeLog(void *avcl, int level, const char *fmt, va_list vl)
 {
     // Decoders print debug lines by the thousand; the record a filter
-    // prints is at info level. Nothing below that is looked up at all.
+    // prints is at info level. Nothing below that is looked up at all, and
+    // no lock is taken for it. (Not av_log_get_level(): the record must
+    // reach its filter whatever level the rest of libav is told to log at.)
     if ((level & 0xff) > AV_LOG_INFO)
         return;
     std::shared_ptr<VXFilterLogState> state;

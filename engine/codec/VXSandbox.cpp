@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <system_error>
 #include <vector>
 
 // Newer than Debian 12's kernel headers; the kernel says which it knows.
@@ -24,7 +25,7 @@
 namespace vx {
 namespace {
 
-QString errnoText() { return QString::fromLocal8Bit(std::strerror(errno)); }
+QString errnoText() { return QString::fromStdString(std::generic_category().message(errno)); }
 
 // Calls a codec run has no use for: the way out for a process taken over by
 // a crafted file. Any of them kills the process (SIGSYS), which fails the file.

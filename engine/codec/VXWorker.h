@@ -96,5 +96,7 @@ private:
 
 // Worker side: the program's whole main (it serves the program that started it).
 int workerMain(int argc, char **argv);
+// One forked child's work, its reports going to standard output.
+int runWorkerCommand(QStringList args);
 
 } // namespace vx

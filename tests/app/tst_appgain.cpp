@@ -320,6 +320,76 @@ private slots:
         QToolTip::hideText();
         c->window()->hide();
     }
+    // From the Edit menu, both remembered: an album (untagged files of one
+    // folder) moves by one gain, so its tracks keep their difference; tags
+    // only writes ReplayGain tags in place and leaves the audio as it was.
+    void albumsAndTagsOnly()
+    {
+        QSettings().clear();
+        const QString album = m_dir.filePath(QStringLiteral("album"));
+        const QString out = m_dir.filePath(QStringLiteral("out-album"));
+        QVERIFY(QDir().mkpath(album) && QDir().mkpath(out));
+        const QStringList tracks{album + QStringLiteral("/a.wav"), album + QStringLiteral("/b.wav")};
+        QVERIFY(QFile::copy(m_short[0], tracks[0]) && QFile::copy(m_short[2], tracks[1]));
+        {
+            Controller c;
+            c->window()->findChild<QAction *>(QStringLiteral("actionTreatAsAlbums"))->setChecked(true);
+            c->folderSheetDidEnd(QDialog::Accepted, out, false);
+            QVERIFY(c.import(tracks));
+            c->gainAudioAction();
+            QVERIFY(waitFor([&] { return allEnded(*c.app); }));
+            double before[2], after[2];
+            for (int i = 0; i < 2; ++i) {
+                const VXAudioGainPtr item = c->audioGains()->at(i);
+                QCOMPARE(item->retCode(), 0);
+                QVERIFY2(item->outcomeText().contains(QStringLiteral("album")), qPrintable(item->outcomeText()));
+                before[i] = fixtures::measureLoudness(item->inputFile()).integrated;
+                after[i] = fixtures::measureLoudness(item->outPathFile()).integrated;
+            }
+            QVERIFY(qAbs((after[1] - after[0]) - (before[1] - before[0])) <= 0.1);
+        }
+        {
+            Controller c;
+            QAction *albums = c->window()->findChild<QAction *>(QStringLiteral("actionTreatAsAlbums"));
+            QVERIFY(albums->isChecked());
+            // A track cancelled while it may be measuring its album leaves that
+            // to the other track, which ends as if nothing had happened.
+            c->folderSheetDidEnd(QDialog::Accepted, out, false);
+            QVERIFY(c.import(m_long));
+            c->gainAudioAction();
+            c->audioGains()->at(0)->cancelGain();
+            QVERIFY(waitFor([&] { return allEnded(*c.app); }));
+            QCOMPARE(c->audioGains()->at(0)->retCode(), -2);
+            QCOMPARE(c->audioGains()->at(1)->retCode(), 0);
+            QVERIFY(!c->audioGains()->at(1)->gainResult().album.isEmpty());
+            albums->setChecked(false);
+        }
+        QSettings().remove(QLatin1String(RQAppSettings::kRQUserSelectedOutFolder));
+        Controller c;
+        QAction *tagsOnly = c->window()->findChild<QAction *>(QStringLiteral("actionTagsOnly"));
+        tagsOnly->setChecked(true);
+        const QString flac = fixtures::makeAudio(album, QStringLiteral("c.flac"), 3.0, {QStringLiteral("-c:a"), QStringLiteral("flac")});
+        auto audioMd5 = [](const QString &path) {
+            QString md5;
+            fixtures::run(QStringLiteral("ffmpeg"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path,
+                          QStringLiteral("-map"), QStringLiteral("0:a"), QStringLiteral("-c"), QStringLiteral("copy"),
+                          QStringLiteral("-f"), QStringLiteral("md5"), QStringLiteral("-")}, &md5);
+            return md5;
+        };
+        const QString md5 = audioMd5(flac);
+        QVERIFY(c.import({flac}));
+        c->gainAudioAction();  // no folder chosen: no question either
+        QVERIFY(!c->currentDialog());
+        QVERIFY(waitFor([&] { return allEnded(*c.app); }));
+        QCOMPARE(c->audioGains()->at(0)->retCode(), 0);
+        QCOMPARE(audioMd5(flac), md5);
+        QString tags;
+        QVERIFY(fixtures::run(QStringLiteral("ffprobe"), {QStringLiteral("-v"), QStringLiteral("error"),
+                              QStringLiteral("-show_entries"), QStringLiteral("format_tags"), flac}, &tags));
+        const double written = c->audioGains()->at(0)->gainResult().tags.trackGainDb;
+        QVERIFY2(tags.contains(QStringLiteral("REPLAYGAIN_TRACK_GAIN=%1 dB").arg(written, 0, 'f', 2)), qPrintable(tags));
+        QVERIFY(c->audioGains()->at(0)->outcomeText().startsWith(QStringLiteral("tagged")));
+    }
 };
 
 QTEST_MAIN(TestAppGain)

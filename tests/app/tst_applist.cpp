@@ -34,7 +34,8 @@ private slots:
     {
         QSettings().clear();
         Controller c;
-        QCOMPARE(c->txtFolder()->text(), QStringLiteral("Please select a output folder"));
+        QVERIFY(c->txtFolder()->text().isEmpty());
+        QCOMPARE(c->txtFolder()->placeholderText(), QStringLiteral("Please select a output folder"));
         QVERIFY(c->finalOutFolder().isNull());
         QVERIFY(c->btnActiveFolder()->isHidden());
         c->avtiveOutputPath();

@@ -1,0 +1,43 @@
+#pragma once
+
+// Album mode for jobs that start on their own: the albums of one Gain press,
+// grouped and measured on the job pool by the first track that needs them.
+
+#include "engine/VXAlbum.h"
+#include "engine/VXAudioGain.h"
+
+#include <QHash>
+#include <QMutex>
+#include <QStringList>
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <vector>
+
+class VXAlbumBatch {
+public:
+    explicit VXAlbumBatch(QStringList paths);
+
+    // The album figures of path, one of the batch's. The tags of every file
+    // are read at the first call, and each album is measured once, by the
+    // first of its tracks to ask; the others wait for it. A track whose
+    // cancel stops the measurement leaves it to the next one. nullopt with
+    // a reason when the album or this track could not be measured, or with
+    // none when cancelled.
+    std::optional<VXAlbumMember> member(const QString &path, const std::atomic<bool> *cancel, QString *why);
+
+private:
+    struct Album {
+        QMutex lock;
+        QString name;
+        QStringList tracks;
+        bool measured = false;  // tried and ended, successfully or not
+        VXAlbumLoudness loudness;
+        QString reason;
+    };
+    QMutex m_groupLock;
+    QStringList m_paths;
+    bool m_grouped = false;
+    QHash<QString, std::pair<int, int>> m_place;  // path: album, track within it
+    std::vector<std::unique_ptr<Album>> m_albums;
+};

@@ -1,0 +1,75 @@
+// Album mode and tags only: the parts of a job that take their figures from
+// an album or write ReplayGain tags instead of audio.
+#include "engine/VXAlbumBatch.h"
+#include "engine/VXAnalysis.h"
+#include "engine/VXAudioGain.h"
+#include "engine/VXReplayGain.h"
+
+void VXAudioGain::setAlbumBatch(std::shared_ptr<VXAlbumBatch> batch)
+{
+    QMutexLocker locker(&m_lock);
+    m_albumBatch = std::move(batch);
+    m_album.reset();  // the batch measures it afresh
+}
+
+bool VXAudioGain::tagsOnly() const { return m_tagsOnly.load(); }
+
+void VXAudioGain::setTagsOnly(bool tagsOnly)
+{
+    if (m_tagsOnly.exchange(tagsOnly) != tagsOnly)
+        emit tagsOnlyChanged();
+}
+
+bool VXAudioGain::resolveAlbum(qint64 *end)
+{
+    std::shared_ptr<VXAlbumBatch> batch;
+    {
+        QMutexLocker locker(&m_lock);
+        if (m_album || !m_albumBatch)
+            return true;
+        batch = m_albumBatch;
+    }
+    QString why;
+    std::optional<VXAlbumMember> member = batch->member(inputFile(), &m_cancelRequested, &why);
+    if (!member) {
+        *end = why.isEmpty() ? -2 : fail(why);
+        return false;
+    }
+    setAlbumMember(std::move(member));
+    return true;
+}
+
+qint64 VXAudioGain::runTagsOnly()
+{
+    const std::optional<VXAlbumMember> album = albumMember();
+    VXLoudness track;
+    QString why;
+    if (album)
+        track = album->track;
+    else if (!VXMeasureFile(inputFile(), VXMeasureTruePeak, &track, &why, &m_cancelRequested))
+        return m_cancelRequested.load() ? -2 : fail(why);
+    {
+        QMutexLocker locker(&m_lock);
+        m_measurement = VXMeasurementRecord(track);
+        m_measurement.remove(QStringLiteral("target_offset"));
+    }
+    if (m_cancelRequested.load())
+        return -2;
+    const VXReplayGain gains = VXReplayGainFor(track, album ? &album->album : nullptr);
+    // Nothing left to cancel from here: the tagged copy replaces the file
+    // in one step, or not at all.
+    const VXPlacement::Result placed
+        = VXTagFile(inputFile(), replaceOriginalFile() ? QString() : outFolder(), gains, preserveModificationTime());
+    if (!placed.ok)
+        return fail(placed.error);
+    {
+        QMutexLocker locker(&m_lock);
+        m_result.tagged = true;
+        m_result.tags = gains;
+        m_result.gainDb = gains.trackGainDb;
+        m_result.album = album ? album->name : QString();
+        m_result.warning = placed.warning;
+    }
+    setOutPathFileFromJob(placed.path);
+    return 0;
+}
