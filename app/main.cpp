@@ -4,6 +4,7 @@
 #include "app/RQPalette.h"
 #include "app/RQSingleInstance.h"
 #include "app/RQTranslations.h"
+#include "engine/codec/VXTranscode.h"
 #include "engine/codec/VXWorker.h"
 
 #include <QApplication>
@@ -14,6 +15,7 @@
 
 int main(int argc, char *argv[])
 {
+    vx::configureProcess();
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
         arguments << QString::fromLocal8Bit(argv[i]);

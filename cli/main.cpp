@@ -10,6 +10,7 @@
 #include "engine/VXImport.h"
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXLog.h"
+#include "engine/codec/VXTranscode.h"
 #include "engine/codec/VXWorker.h"
 
 #include <QCoreApplication>
@@ -83,6 +84,7 @@ std::unique_ptr<QCoreApplication> makeApplication(int &argc, char **argv)
 
 int main(int argc, char *argv[])
 {
+    vx::configureProcess();
     const std::unique_ptr<QCoreApplication> application = makeApplication(argc, argv);
     QCoreApplication &app = *application;
     QCoreApplication::setApplicationName(QStringLiteral("evenloud-cli"));

@@ -230,7 +230,8 @@ private:
     bool deliver(qint32 state, qint64 retCode, const VXGainBlock &block);
     void applyReport(qint32 state, qint64 retCode, const VXGainBlock &block);
     bool chooseTempOutFile();
-    // secondPass: progress maps to 50..100; a correction pass reports none.
+    // Runs one pass on the job's thread. Second: progress maps to 50..100;
+    // a correction pass reports none.
     enum class Pass { First, Second, Correction };
     void runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, Pass pass);
     void releaseTransCoding();

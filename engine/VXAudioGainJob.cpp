@@ -1,10 +1,9 @@
 // The two-pass job: measure with loudnorm printing JSON, catch the record,
 // normalise again with the measured values and linear gain, place the result.
 #include "engine/VXAudioGain.h"
+#include "engine/VXAudioGainShared.h"
 
 #include "engine/VXAnalysis.h"
-#include "engine/VXMainThread.h"
-#include "engine/VXPathUtil.h"
 #include "engine/VXTempDir.h"
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXFilter.h"
@@ -14,47 +13,22 @@
 #include "engine/codec/VXUtilCodec.h"
 
 #include <QFile>
-#include <QHash>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSemaphore>
-#include <QThreadPool>
-#include <algorithm>
 #include <cmath>
 #include <map>
-#include <malloc.h>
 
 struct VXAudioGain::Job {
     VXGainBlock block;
-    QSemaphore end;  // released by the transcoding's end report
-    std::atomic<qint64> passResult{0};
+    qint64 passResult = 0;  // the last pass's end report
     std::shared_ptr<VXFilter> filter;
     std::map<int, VXLoudness> otherStreams;  // pass 1's figures of further audio streams
 };
 
 namespace {
 
-struct Shared {
-    // The redirect of a filter's print-out may be process-wide, so one
-    // capture at a time: from the redirect to the end of reading the log.
-    QMutex captureLock;
-    QMutex hookLock;
-    VXAudioGain::LogHook logHook;
-    // Items whose job has been submitted and has not ended, for shutdown.
-    QMutex jobsLock;
-    QHash<VXAudioGain *, std::weak_ptr<VXAudioGain>> jobs;
-    // Jobs putting their result in place right now: a cancel does not stop
-    // that, and shutdown waits for them.
-    std::atomic<int> placing{0};
-};
-
-// Never destroyed: a job thread may still be leaving these when an
-// application that has seen its last report returns from main().
-Shared &shared()
-{
-    static Shared *instance = new Shared;
-    return *instance;
-}
+using vxjob::shared;
 
 qint64 progressOf(int64_t percent, bool secondPass)
 {
@@ -65,132 +39,10 @@ qint64 progressOf(int64_t percent, bool secondPass)
 
 } // namespace
 
-QThreadPool *VXAudioGain::jobPool()
-{
-    // Jobs mostly sleep while the codec's own threads transcode, so the bound
-    // really limits how many files are decoded at once: one per core is the
-    // best throughput, and a job waiting for a thread is already reported as
-    // started and can be cancelled. Never destroyed: a static pool's
-    // destructor would wait for jobs after the application object is gone.
-    static QThreadPool *pool = [] {
-        // Every pass allocates and frees buffers of several MB (loudnorm's
-        // three-second windows at 192 kHz). glibc's sliding mmap threshold
-        // would soon serve those from the heap, which never shrinks: two jobs
-        // then held about 35 MB more at their peak. A fixed threshold keeps
-        // them mapped and returned on release.
-        mallopt(M_MMAP_THRESHOLD, 64 * 1024);
-        mallopt(M_TRIM_THRESHOLD, 128 * 1024);
-        auto *p = new QThreadPool;
-        p->setMaxThreadCount(std::max(2, QThread::idealThreadCount()));
-        return p;
-    }();
-    return pool;
-}
-
-void VXAudioGain::setCapturedLogHookForTesting(LogHook hook)
-{
-    QMutexLocker locker(&shared().hookLock);
-    shared().logHook = std::move(hook);
-}
-
-void VXAudioGain::gainWithBlock(VXGainBlock block)
-{
-    {
-        QMutexLocker locker(&m_lock);
-        m_cancelGain = false;  // a restart must not inherit the last cancel
-        m_cancelRequested = false;
-    }
-    auto self = shared_from_this();
-    {
-        QMutexLocker locker(&shared().jobsLock);
-        shared().jobs.insert(this, self);
-    }
-    const bool reported = VXMainThread::isMainThread() && deliver(1, 0, block);
-    VXStartOnPool(jobPool(), [self, block, reported]() mutable {
-        const qint64 result = reported || self->deliver(1, 0, block) ? self->runJob(block) : -2;
-        if (result != 0) {
-            // The file stays until the cache is cleaned, but not its size: a
-            // disk filled by one file must not fail the files after it.
-            const QString temp = self->tempOutFile();
-            if (!temp.isEmpty())
-                QFile::resize(temp, 0);
-        }
-        {
-            QMutexLocker locker(&shared().jobsLock);
-            shared().jobs.remove(self.get());
-        }
-        // The end report also hands the job's references over to the main
-        // thread: once it has run, the application may quit at any moment,
-        // and this thread must not be the one to release the item then.
-        VXAudioGain *item = self.get();
-        VXRunOnMainThread([&] {
-            item->applyReport(3, result, block);
-            block = nullptr;
-            self.reset();
-        });
-    });
-}
-
-void VXAudioGain::cancelGain()
-{
-    // Cancelled under the lock so that no copy of the transcoding escapes it:
-    // the job's release must drop the last reference, since that is when the
-    // measurement record is printed into the capture.
-    QMutexLocker locker(&m_lock);
-    m_cancelGain = true;
-    m_cancelRequested = true;
-    if (m_transCoding)
-        m_transCoding->cancelTranscoding();
-}
-
-bool VXAudioGain::cancelAllJobsAndWait(int msecs)
-{
-    VXMainThread::shutdown();
-    QList<std::shared_ptr<VXAudioGain>> running;
-    {
-        QMutexLocker locker(&shared().jobsLock);
-        for (const auto &weak : std::as_const(shared().jobs)) {
-            if (auto item = weak.lock())
-                running.append(item);
-        }
-    }
-    for (const auto &item : std::as_const(running))
-        item->cancelGain();
-    running.clear();
-    bool done = jobPool()->waitForDone(msecs);
-    // A placement half done would leave a file half moved (a copy across
-    // file systems can take a while): those are waited for, however long.
-    while (!done && shared().placing.load() > 0)
-        done = jobPool()->waitForDone(100);
-    return done;
-}
-
-void VXAudioGain::sendMessage(qint32 state, qint64 retCode, const VXGainBlock &block)
-{
-    deliver(state, retCode, block);
-}
-
-void VXAudioGain::applyReport(qint32 state, qint64 retCode, const VXGainBlock &block)
-{
-    setState(state);
-    setRetCode(retCode);
-    if (block)
-        block(this->state(), this->retCode());
-}
-
-bool VXAudioGain::deliver(qint32 state, qint64 retCode, const VXGainBlock &block)
-{
-    if (VXRunOnMainThread([&] { applyReport(state, retCode, block); }))
-        return true;
-    // The application is going away: stop at the next occasion.
-    cancelGain();
-    return false;
-}
-
 bool VXAudioGain::chooseTempOutFile()
 {
-    const QString name = outFileName();
-    const QString path = VXTempDir::reserveFile(VXPath::deletingExtension(name), VXPath::extension(name));
+    const QFileInfo name(outFileName());
+    const QString path = VXTempDir::reserveFile(name.completeBaseName(), name.suffix());
     QMutexLocker locker(&m_lock);
     m_tempOutFile = path;
     return !path.isEmpty();
@@ -198,27 +50,21 @@ bool VXAudioGain::chooseTempOutFile()
 
 void VXAudioGain::runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, Pass pass)
 {
-    job.passResult = 0;
-    Job *j = &job;  // the job outlives the pass: it waits for the end report below
-    transcoding->transcodingWithBlock([this, j, pass](int32_t state, int64_t value) {
-        if (state == VXTranscodingStateEnd) {
-            j->passResult = value;
-            j->end.release();
-        } else if (state == VXTranscodingStateProgress && pass != Pass::Correction) {
-            deliver(2, progressOf(value, pass == Pass::Second), j->block);
-        }
-    });
     bool cancelled = false;
     {
-        // Published only once started, so a cancel always meets a running
-        // pass; one that came earlier is seen here through the flag.
+        // Published before it runs, so a cancel always meets the pass; one
+        // that came earlier is seen here through the flag, and the pass then
+        // ends at once.
         QMutexLocker locker(&m_lock);
         m_transCoding = transcoding;
         cancelled = m_cancelGain;
     }
     if (cancelled)
         transcoding->cancelTranscoding();
-    job.end.acquire();
+    job.passResult = transcoding->transcodingHere([&](int32_t state, int64_t value) {
+        if (state == VXTranscodingStateProgress && pass != Pass::Correction)
+            deliver(2, progressOf(value, pass == Pass::Second), job.block);
+    });
 }
 
 void VXAudioGain::releaseTransCoding()
@@ -228,7 +74,7 @@ void VXAudioGain::releaseTransCoding()
         QMutexLocker locker(&m_lock);
         last.swap(m_transCoding);
     }
-    last.reset();  // outside the lock: it joins the codec's threads
+    last.reset();  // outside the lock: the filters print their records now
 }
 
 qint64 VXAudioGain::fail(const QString &reason)

@@ -30,7 +30,7 @@ public:
     // *why (when given) then says what is wrong.
     static std::shared_ptr<VXTranscoding> initWithInput(const QString &input, const QString &output,
                                                         QString *why = nullptr);
-    // Joins the worker threads, then frees the filter graph; that is when a
+    // Joins the thread (if any), then frees the filter graph; that is when a
     // loudnorm filter prints its measurement record.
     ~VXTranscoding();
 
@@ -44,10 +44,13 @@ public:
     // and true peak); otherAudioLoudness() has the figures after the end report.
     void setMeasuresOtherAudio();
     std::map<int, VXLoudness> otherAudioLoudness() const;
-    // Starts the work on threads of its own and returns at once. Progress is
+    // Starts the work on a thread of its own and returns at once. Progress is
     // monotonic, at most about one report per percent, and exactly one end
     // report follows, after which nothing more is reported.
     void transcodingWithBlock(VXTranscodingBlock block);
+    // The same work and reports, run from the calling thread: returns the end
+    // report's value once it has been delivered.
+    int64_t transcodingHere(VXTranscodingBlock block);
     // Asks the work to stop; returns at once from any thread.
     void cancelTranscoding();
     // Measures the written file once it is complete, before the end report

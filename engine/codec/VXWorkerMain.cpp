@@ -12,7 +12,6 @@
 #include "engine/codec/VXWorker.h"
 #include "engine/codec/VXWorkerProtocol.h"
 
-#include <QSemaphore>
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -92,17 +91,10 @@ int transcode(Channel &channel, const QStringList &args)
         t->setMeasuresOutput(measure == 1);
     if (measureStreams)
         t->setMeasuresOtherAudio();
-    QSemaphore ended;
-    int64_t result = VXTranscodingFailed;
-    t->transcodingWithBlock([&](int32_t state, int64_t value) {
-        if (state == VXTranscodingStateProgress) {
+    const int64_t result = t->transcodingHere([&](int32_t state, int64_t value) {
+        if (state == VXTranscodingStateProgress)
             channel.send("P " + QByteArray::number(qint64(value)));
-        } else if (state == VXTranscodingStateEnd) {
-            result = value;
-            ended.release();
-        }
     });
-    ended.acquire();
     why = t->failureReason();
     const VXLoudness l = t->outputLoudness();
     const std::map<int, VXLoudness> others = t->otherAudioLoudness();

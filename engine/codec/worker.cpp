@@ -1,3 +1,8 @@
+#include "engine/codec/VXTranscode.h"
 #include "engine/codec/VXWorker.h"
 
-int main(int argc, char **argv) { return vx::workerMain(argc, argv); }
+int main(int argc, char **argv)
+{
+    vx::configureProcess();
+    return vx::workerMain(argc, argv);
+}

@@ -83,8 +83,9 @@ TEST(Transcoding, CancelBeforeStartAndSecondStart)
     ASSERT_TRUE(t);
     t->cancelTranscoding();
     Reports first, second;
-    EXPECT_EQ(runToEnd(*t, &first), VXTranscodingCancelled);
-    // One run per object; a second start still gets its one end report.
+    EXPECT_EQ(t->transcodingHere(first.block()), VXTranscodingCancelled);
+    // One run per object, whichever way it is started; a second start still
+    // gets its one end report.
     EXPECT_EQ(runToEnd(*t, &second), VXTranscodingFailed);
     t.reset();
     EXPECT_EQ(first.events().size(), 1u);
