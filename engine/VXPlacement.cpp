@@ -1,6 +1,5 @@
 #include "engine/VXPlacement.h"
 
-#include "engine/VXPathUtil.h"
 #include "engine/codec/VXUtilCodec.h"
 
 #include <QDir>
@@ -152,7 +151,7 @@ bool stage(const QString &src, const QString &folder, const QString &name, mode_
            Staged *staged, QString *error)
 {
     // "." + name + ".evenloud-XXXXXX" within a name's 255 bytes.
-    const QString hidden = QLatin1Char('.') + VXPath::leftBytes(name, 255 - 17) + QStringLiteral(".evenloud-XXXXXX");
+    const QString hidden = QLatin1Char('.') + leftBytes(name, 255 - 17) + QStringLiteral(".evenloud-XXXXXX");
     QByteArray pattern = native(QDir(folder).filePath(hidden));
     sweepStale(folder);
     FdCloser &out = staged->locked;
@@ -332,6 +331,14 @@ Result replaceFile(const QString &src, const QString &target, bool keepModificat
     }
     settle(staged, src, folder, target, &result);
     return result;
+}
+
+QString leftBytes(const QString &name, int maxBytes)
+{
+    QString cut = name;
+    while (!cut.isEmpty() && QFile::encodeName(cut).size() > maxBytes)
+        cut.chop(cut.size() >= 2 && cut.at(cut.size() - 1).isLowSurrogate() ? 2 : 1);
+    return cut;
 }
 
 } // namespace VXPlacement

@@ -28,4 +28,9 @@ Result placeInFolder(const QString &src, const QString &folder, const QString &b
 // links gets a warning: those names keep the old content.
 Result replaceFile(const QString &src, const QString &target, bool keepModificationTime = false);
 
+// name cut to at most maxBytes in the file system's encoding, never inside a
+// character: names of our own made from a user's name must stay within the
+// 255-byte limit of a name whatever that name's length.
+QString leftBytes(const QString &name, int maxBytes);
+
 } // namespace VXPlacement

@@ -1,6 +1,6 @@
 #include "engine/VXTempDir.h"
 
-#include "engine/VXPathUtil.h"
+#include "engine/VXPlacement.h"
 
 #include "engine/codec/VXUtilCodec.h"
 
@@ -152,7 +152,7 @@ QString VXTempDir::reserveFile(const QString &base, const QString &ext)
     // the lock, is what keeps the next job from choosing the same name.
     // Room for the extension and a counter within a name's 255 bytes; the
     // final name is chosen apart from this one.
-    const QString shortBase = VXPath::leftBytes(base, 255 - 16 - int(QFile::encodeName(ext).size()));
+    const QString shortBase = VXPlacement::leftBytes(base, 255 - 16 - int(QFile::encodeName(ext).size()));
     for (int attempt = 0; attempt < 100; ++attempt) {
         const QString candidate = VXUtilCodec::createUniformFileName(shortBase, ext, folder);
         const int fd = ::open(native(candidate).constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
