@@ -1,5 +1,7 @@
 #include "engine/VXAlbumBatch.h"
 
+#include <mutex>
+
 VXAlbumBatch::VXAlbumBatch(QStringList paths) : m_paths(std::move(paths)) {}
 
 std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const std::atomic<bool> *cancel,
@@ -31,7 +33,13 @@ std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const std
         album = m_albums[size_t(place->first)].get();
         track = place->second;
     }
-    QMutexLocker locker(&album->lock);
+    // Waiting for another track to measure the album can take a while: a
+    // cancel is not kept waiting for it.
+    while (!album->lock.tryLock(100)) {
+        if (cancel && cancel->load())
+            return std::nullopt;
+    }
+    const std::unique_lock<QMutex> locker(album->lock, std::adopt_lock);
     if (!album->measured) {
         if (cancel && cancel->load())
             return std::nullopt;
