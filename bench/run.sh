@@ -89,6 +89,12 @@ timed pass1x2 bash -c 'printf "%s\0" "$@" | xargs -0 -P 2 -I{} bash -c "pass1 \"
 pass1=$(field pass1 1)
 pass1x2=$(field pass1x2 1)
 
+echo "== evenloud-cli --tags-only, in place on a copy of the corpus" >&2
+rm -rf "$work/tags"; mkdir -p "$work/tags"; cp "${files[@]}" "$work/tags/"
+timed tags "$cli" --tags-only --jobs "$jobs" --json "$work/tags"/* >"$work/tags.json" 2>/dev/null || true
+tags=$(field tags 1)
+tagged=$(python3 -c 'import json,sys; print(sum(1 for r in json.load(open(sys.argv[1])) if r.get("result") == "tagged"))' "$work/tags.json" 2>/dev/null || echo "?")
+
 # --- single-file latency, best of two
 echo "== single file: $latency_file" >&2
 best() { sort -n | head -1; }
@@ -104,6 +110,7 @@ say "isolation            worker processes ${ours}s ($(cpu ours)s CPU) vs in pro
 say "quick mode           ${quick}s: vs recipe sequential $(ratio "$seq" "$quick")x (target >= 4)   vs two at a time $(ratio "$par" "$quick")x   vs default mode $(ratio "$ours" "$quick")x"
 say "quick vs default     $(python3 "$root/bench/check.py" --agree "$work/ours.json" "$work/quick.json")"
 say "analyze              ${analyze}s: vs recipe pass 1 sequential (${pass1}s) $(ratio "$pass1" "$analyze")x (target >= 1.5)   vs two at a time (${pass1x2}s) $(ratio "$pass1x2" "$analyze")x"
+say "tags only            ${tags}s, ${tagged} of ${#files[@]} tagged: vs --analyze x$(ratio "$tags" "$analyze") (target <= 1.05)"
 say "peak memory (batch)  ${rss_mb} MB max RSS of the largest process (in process: $(awk '{ printf "%.1f", $4 / 1024 }' "$work/inproc.time") MB); one recipe process peaks at $(ffmpeg_rss)"
 
 if [ "${BENCH_TIMING_ONLY:-0}" = 1 ]; then
