@@ -49,8 +49,9 @@ say "corpus: ${#files[@]} files, $(awk -v t="$total" 'BEGIN { printf "%.0f", t }
 # --- batch: ours with every core, the recipe one file after the other and two at a time.
 # Each is timed with /usr/bin/time: wall, user and system CPU (children included), max RSS.
 timed() { local name=$1; shift; /usr/bin/time -f "%e %U %S %M" -o "$work/$name.time" "$@"; }
-field() { awk -v n="$2" '{ print $n }' "$work/$1.time"; }
-cpu() { awk '{ printf "%.1f", $2 + $3 }' "$work/$1.time"; }
+# The last line: time puts "Command exited with non-zero status" above it.
+field() { tail -1 "$work/$1.time" | awk -v n="$2" '{ print $n }'; }
+cpu() { tail -1 "$work/$1.time" | awk '{ printf "%.1f", $2 + $3 }'; }
 export root work target
 
 echo "== evenloud-cli, batch, --jobs $jobs" >&2
