@@ -1,6 +1,7 @@
 #include "cli/CliAnalyze.h"
 
 #include "engine/VXAudioGain.h"
+#include "engine/VXMainThread.h"
 
 #include <QEventLoop>
 #include <QFileInfo>
@@ -18,7 +19,7 @@ void cliRunOnPool(int count, int jobs, const std::function<void(int)> &work, con
         while (running < jobs && next < count && !cancel.load()) {
             const int i = next++;
             ++running;
-            VXAudioGain::jobPool()->start([&, i] {
+            VXStartOnPool(VXAudioGain::jobPool(), [&, i] {
                 work(i);
                 QMetaObject::invokeMethod(&context, [&, i] {
                     --running;

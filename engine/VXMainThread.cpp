@@ -78,11 +78,12 @@ bool VXRunOnMainThread(const std::function<void()> &fn)
     }
 
     auto hop = std::make_shared<Hop>();
-    {
-        std::lock_guard<std::mutex> locker(hopLock());
-        if (g_shutDown)
-            return false;
-    }
+    // Posted under the hop's lock, which the main thread takes first: Qt's
+    // event queue orders the post before the run with locks ThreadSanitizer
+    // cannot see, this one it can.
+    std::unique_lock<std::mutex> locker(hopLock());
+    if (g_shutDown)
+        return false;
     // fn is captured by reference: the waiter below outlives every run of it,
     // because an abandoned hop never starts fn.
     QMetaObject::invokeMethod(
@@ -103,8 +104,6 @@ bool VXRunOnMainThread(const std::function<void()> &fn)
             hopDone().notify_all();
         },
         Qt::QueuedConnection);
-
-    std::unique_lock<std::mutex> locker(hopLock());
     hopDone().wait(locker, [&] { return hop->done || hop->abandoned || (g_shutDown && !hop->running); });
     if (hop->done)
         return true;
