@@ -21,11 +21,11 @@ void cliRunOnPool(int count, int jobs, const std::function<void(int)> &work, con
             ++running;
             VXStartOnPool(VXAudioGain::jobPool(), [&, i] {
                 work(i);
-                QMetaObject::invokeMethod(&context, [&, i] {
+                VXPostTo(&context, [&, i] {
                     --running;
                     done(i);
                     startMore();
-                }, Qt::QueuedConnection);
+                });
             });
         }
         if (running == 0)

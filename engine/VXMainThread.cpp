@@ -57,14 +57,30 @@ bool VXMainThread::isShutDown()
     return g_shutDown;
 }
 
+namespace {
+std::mutex &handover()
+{
+    static auto *lock = new std::mutex;  // never destroyed, like the hop's lock
+    return *lock;
+}
+} // namespace
+
 void VXStartOnPool(QThreadPool *pool, std::function<void()> task)
 {
-    static auto *handover = new std::mutex;  // never destroyed, like the hop's lock
-    std::lock_guard<std::mutex> locker(*handover);
+    std::lock_guard<std::mutex> locker(handover());
     pool->start([task = std::move(task)] {
-        { std::lock_guard<std::mutex> ordered(*handover); }
+        { std::lock_guard<std::mutex> ordered(handover()); }
         task();
     });
+}
+
+void VXPostTo(QObject *context, std::function<void()> fn)
+{
+    std::lock_guard<std::mutex> locker(handover());
+    QMetaObject::invokeMethod(context, [fn = std::move(fn)] {
+        { std::lock_guard<std::mutex> ordered(handover()); }
+        fn();
+    }, Qt::QueuedConnection);
 }
 
 bool VXRunOnMainThread(const std::function<void()> &fn)

@@ -16,6 +16,12 @@ class QThreadPool;
 // that a task's captures are not mistaken for racing with their creation.
 void VXStartOnPool(QThreadPool *pool, std::function<void()> task);
 
+class QObject;
+
+// Queues fn to run on context's thread and returns at once; the way back from
+// a pool task, with the same hand-over stated for ThreadSanitizer.
+void VXPostTo(QObject *context, std::function<void()> fn);
+
 namespace VXMainThread {
 bool isMainThread();
 // From now on hops fail at once, and hops already waiting are released
