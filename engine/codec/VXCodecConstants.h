@@ -23,6 +23,18 @@ inline constexpr const char kVXATruePeakTarget[] = "TP";
 // Linear mode only: reach the target through a true-peak limiter instead of
 // capping the gain at the ceiling. The layer's own, never handed to loudnorm.
 inline constexpr const char kVXALimitPeaks[] = "limit_peaks";
+// Which meter pass 1 measures with. The BS.1770 reference meter (libebur128)
+// at the file's own rate is the one that checks every result, so a plan made
+// from its figures is judged by the same figures; it decodes only and writes
+// nothing. FFmpeg's loudnorm (its own gating, at 192 kHz, writing a one-pass
+// output as it goes) gives the figures of an ffmpeg two-pass script. The
+// layer's own, never handed to loudnorm.
+inline constexpr const char kVXAMeter[] = "meter";
+inline constexpr const char VXMeterEbur128[] = "ebur128";
+inline constexpr const char VXMeterLoudnorm[] = "loudnorm";
+// A mono stream measured as if played on two speakers (+3 dB), as several
+// platforms measure it. The layer's own, never handed to loudnorm.
+inline constexpr const char kVXADualMono[] = "dual_mono";
 inline constexpr float VXDefaultTruePeakTarget = -2.0f;
 inline constexpr float VXMinTruePeakTarget = -9.0f;
 inline constexpr float VXMaxTruePeakTarget = 0.0f;

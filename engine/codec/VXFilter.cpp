@@ -230,6 +230,61 @@ AVFilterContext *linearChain(const VXGainPlan &plan, double ceiling, AVFilterGra
 
 std::optional<VXGainPlan> VXFilter::linearPlan() const { return planFor(attributes()); }
 
+bool VXFilterAccess::measuresOnly(const VXFilter &filter)
+{
+    const QMap<QString, QVariant> attributes = filter.attributes();
+    return filter.name() == QLatin1String(VXALoudnormName)
+        && optionString(attributes.value(QLatin1String(kVXPrintFormat))) == VXPrintFormatJSON
+        && optionString(attributes.value(QLatin1String(kVXAMeter), QString::fromLatin1(VXMeterEbur128)))
+        != VXMeterLoudnorm;
+}
+
+int VXFilterAccess::measureFlags(const VXFilter &filter)
+{
+    return VXMeasureTruePeak
+        | (attributeTrue(filter.attributes(), kVXADualMono) ? int(VXMeasureDualMono) : 0);
+}
+
+QByteArray VXFilterAccess::measurementRecord(const VXFilter &filter, const VXLoudness &input)
+{
+    // The figures a linear second pass would reach, planned as pass 2 will
+    // plan them; a limited plan reaches the target with its peaks at the
+    // ceiling. loudnorm prints "-inf" for silence, and so does this.
+    QMap<QString, QVariant> attributes = filter.attributes();
+    attributes.insert(QLatin1String(kVXALinearGain), true);
+    attributes.insert(QLatin1String(kVXAMeasuredIntegratedLoudness), input.integrated);
+    attributes.insert(QLatin1String(kVXAMeasuredTruePeak), input.truePeak);
+    const std::optional<VXGainPlan> plan = planFor(attributes);
+    const double target = attributeNumber(attributes, kVXAIntegratedLoudnessTarget, -24.0);
+    const double ceiling = attributeNumber(attributes, kVXATruePeakTarget, VXDefaultTruePeakTarget);
+    const double gain = plan ? plan->gainDb : 0.0;
+    const double outputI = plan ? plan->expectedLoudness : input.integrated;
+    const double outputTp = plan && plan->kind == VXNormalization::Limited ? std::min(ceiling, input.truePeak + gain)
+                                                                         : input.truePeak + gain;
+    auto number = [](double v) {
+        return std::isnan(v) ? QByteArray("nan")
+            : std::isinf(v)  ? QByteArray(v < 0 ? "-inf" : "inf")
+                             : QByteArray::number(v, 'f', 2);
+    };
+    const std::pair<const char *, QByteArray> fields[] = {
+        {"input_i", number(input.integrated)},
+        {"input_tp", number(input.truePeak)},
+        {"input_lra", number(input.range)},
+        {"input_thresh", number(input.threshold)},
+        {"output_i", number(outputI)},
+        {"output_tp", number(outputTp)},
+        {"output_lra", number(input.range)},
+        {"output_thresh", number(input.threshold + gain)},
+        {"normalization_type", plan ? VXNormalizationName(plan->kind).toLatin1() : QByteArray("linear")},
+        {"target_offset", number(target - outputI)},
+    };
+    QByteArray record = "\n{\n";
+    for (size_t i = 0; i < std::size(fields); ++i)
+        record += QByteArray("\t\"") + fields[i].first + "\" : \"" + fields[i].second + '"'
+            + (i + 1 < std::size(fields) ? ",\n" : "\n");
+    return record + "}\n";
+}
+
 QString VXNormalizationName(VXNormalization kind)
 {
     switch (kind) {
@@ -270,7 +325,8 @@ AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGra
         return nullptr;
     }
     for (auto it = attributes.begin(); it != attributes.end(); ++it) {
-        if (it.key() == QLatin1String(kVXALimitPeaks))
+        if (it.key() == QLatin1String(kVXALimitPeaks) || it.key() == QLatin1String(kVXAMeter)
+            || it.key() == QLatin1String(kVXADualMono))
             continue;
         const int err = av_opt_set(ctx, it.key().toUtf8().constData(), optionString(it.value()).constData(),
                                    AV_OPT_SEARCH_CHILDREN);

@@ -5,6 +5,7 @@
 
 #include "engine/codec/VXFilter.h"
 #include "engine/codec/VXLibav.h"
+#include "engine/codec/VXLoudnessMeter.h"
 
 #include <QByteArray>
 #include <cstdio>
@@ -40,6 +41,14 @@ struct VXFilterAccess {
     static std::shared_ptr<VXFilterLogState> logState(const VXFilter &filter);
     // An attribute's value as the filter's option string spells it.
     static QByteArray optionText(const QVariant &value);
+    // The loudness filter printing its record with the reference meter:
+    // the transcoding that runs it only measures, decoding, and writes nothing.
+    static bool measuresOnly(const VXFilter &filter);
+    // VXMeasureFlag bits for what such a filter measures.
+    static int measureFlags(const VXFilter &filter);
+    // The record it prints as it is released: loudnorm's keys and layout,
+    // with the output figures that the filter's plan would reach.
+    static QByteArray measurementRecord(const VXFilter &filter, const VXLoudness &input);
 };
 
 namespace vx {

@@ -36,6 +36,7 @@ enum VXMeasureFlag {
     VXMeasureTruePeak = 1,
     VXMeasureCurve = 2,         // maxima and the short-term curve
     VXMeasureOtherStreams = 4,  // every further audio stream, on its own
+    VXMeasureDualMono = 8,      // a mono stream as played on two speakers (+3 dB)
 };
 
 struct AVFrame;

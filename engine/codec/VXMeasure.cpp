@@ -3,6 +3,7 @@
 // together.
 
 #include "engine/codec/VXLoudnessMeter.h"
+#include "engine/codec/VXMeasurePrivate.h"
 
 #include "engine/codec/VXLibav.h"
 #include "engine/codec/VXProbe.h"
@@ -26,7 +27,9 @@ QByteArray curveText(const VXLoudness &l)
     return text;
 }
 
-void readCurveText(const QByteArray &text, VXLoudness *l)
+} // namespace
+
+void vx::readCurveText(const QByteArray &text, VXLoudness *l)
 {
     const QList<QByteArray> lines = text.split('\n');
     // strtod reads "-inf" and "nan", which QByteArray::toDouble does not.
@@ -44,6 +47,8 @@ void readCurveText(const QByteArray &text, VXLoudness *l)
             l->shortTerm.push_back(float(number(p)));
 }
 
+namespace {
+
 struct StreamMeter {
     int index = -1;
     vx::CodecPtr decoder;
@@ -54,15 +59,6 @@ struct StreamMeter {
 } // namespace
 
 QByteArray VXCurvePrintOut(const VXLoudness &loudness) { return curveText(loudness); }
-
-namespace {
-
-// The decoding loop, here in this process; keep, when given, receives the
-// best stream's meter with its state, for figures over several files.
-bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
-                 std::map<int, VXLoudness> *others, std::unique_ptr<VXFrameMeter> *keep = nullptr);
-
-} // namespace
 
 bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
                    std::map<int, VXLoudness> *others)
@@ -76,18 +72,17 @@ bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why
         *out = outcome.loudness;
         *why = outcome.reason;
         if (!printOut.isEmpty())
-            readCurveText(printOut, out);
+            vx::readCurveText(printOut, out);
         if ((flags & VXMeasureOtherStreams) && others)
             *others = outcome.streams;
         return outcome.completed && out->measured();
     }
-    return measureHere(path, flags, out, why, cancel, others);
+    return vx::measureHere(path, flags, out, why, cancel, others);
 }
 
-namespace {
-
-bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
-                 std::map<int, VXLoudness> *others, std::unique_ptr<VXFrameMeter> *keep)
+bool vx::measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
+                     std::map<int, VXLoudness> *others, const std::function<void(int)> &progress,
+                     std::unique_ptr<VXFrameMeter> *keep)
 {
     const bool truePeak = flags & VXMeasureTruePeak;
     const bool curve = flags & VXMeasureCurve;
@@ -148,10 +143,21 @@ bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, 
         }
         return !meters.front().broken;
     };
+    // Progress follows the best stream's position, 99 at most until the end.
+    const AVStream *bestStream = input->streams[best];
+    const int64_t startUs = input->start_time == AV_NOPTS_VALUE ? 0 : input->start_time;
+    const int64_t lengthUs = progress ? input->duration : 0;
+    int lastPercent = -1;
     while (av_read_frame(input.get(), packet.get()) >= 0) {
         if (cancel && cancel->load()) {
             *why = QStringLiteral("cancelled");
             return false;
+        }
+        if (lengthUs > 0 && packet->stream_index == best && packet->pts != AV_NOPTS_VALUE) {
+            const int64_t atUs = av_rescale_q(packet->pts, bestStream->time_base, AV_TIME_BASE_Q) - startUs;
+            const int percent = int(std::clamp<int64_t>(atUs * 100 / lengthUs, 0, 99));
+            if (percent > lastPercent)
+                progress(lastPercent = percent);
         }
         const int m = packet->stream_index < int(meterOf.size()) ? meterOf[size_t(packet->stream_index)] : -1;
         if (m >= 0 && !meters[size_t(m)].broken)
@@ -181,8 +187,12 @@ bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, 
     }
     if (keep)
         *keep = std::move(meters.front().meter);
+    if (progress)
+        progress(100);
     return true;
 }
+
+namespace {
 
 // The album's print-out: a line a track, "ok I TP LRA THRESHOLD" or
 // "failed REASON", then "album I TP LRA".
@@ -256,7 +266,7 @@ bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why
             *why = QStringLiteral("cancelled");
             return false;
         }
-        if (!measureHere(path, VXMeasureTruePeak, &l, &reason, cancel, nullptr, &meter))
+        if (!vx::measureHere(path, VXMeasureTruePeak, &l, &reason, cancel, nullptr, {}, &meter))
             l = {};
         out->tracks.push_back(l);
         out->reasons << reason;

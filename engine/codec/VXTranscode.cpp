@@ -366,7 +366,7 @@ TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipe
             outcome.otherAudio[p.lanes[l]->inIndex] = run.lanes[l].meter->finish();
     if (request.measureOutput >= 0 && !cancel.load()) {
         QString why;
-        if (!VXMeasureFile(request.output, request.measureOutput == 1, &outcome.output, &why))
+        if (!VXMeasureFile(request.output, request.measureOutput, &outcome.output, &why))
             run.fail(QStringLiteral("cannot measure the result: %1").arg(why));
     }
     return run.end(outcome);

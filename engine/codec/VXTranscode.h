@@ -27,7 +27,7 @@ struct TranscodeRequest {
     // others are copied unless measureOthers asks for them to be measured.
     std::map<int, std::vector<std::shared_ptr<VXFilter>>> streamFilters;
     bool measureOthers = false;
-    int measureOutput = -1;  // -1 no, 0 loudness and range, 1 with true peak
+    int measureOutput = -1;  // -1 no, else the VXMeasureFlag bits to measure with
 };
 
 struct TranscodeOutcome {

@@ -3,12 +3,14 @@
 #include "engine/codec/VXFilter.h"
 #include "engine/codec/VXFilterPrivate.h"
 #include "engine/codec/VXLog.h"
+#include "engine/codec/VXMeasurePrivate.h"
 #include "engine/codec/VXPipeline.h"
 #include "engine/codec/VXTranscode.h"
 #include "engine/codec/VXWorker.h"
 
 #include <QFileInfo>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -30,9 +32,12 @@ struct VXTranscoding::Private {
     std::thread thread;
     // Set by the run before its end report, read after it.
     vx::TranscodeOutcome outcome;
+    QByteArray record;  // a measuring filter's print-out, printed as we are freed
 
     void run(VXTranscodingBlock block);
     vx::TranscodeOutcome runInWorker(const VXTranscodingBlock &block);
+    bool measuresOnly() const;
+    vx::TranscodeOutcome measure(const VXTranscodingBlock &block);
     QStringList workerArguments() const;
 };
 
@@ -52,6 +57,8 @@ VXTranscoding::~VXTranscoding()
     }
     // Now, with no thread left, the filters print their records.
     d->pipeline.reset();
+    if (!d->record.isEmpty())
+        VXFilterAccess::logState(*d->request.filters.front())->append(d->record.constData(), size_t(d->record.size()));
 }
 
 std::shared_ptr<VXTranscoding> VXTranscoding::initWithInput(const QString &input, const QString &output,
@@ -102,10 +109,10 @@ void VXTranscoding::setMeasuresOtherAudio()
         d->request.measureOthers = true;
 }
 
-void VXTranscoding::setMeasuresOutput(bool truePeak)
+void VXTranscoding::setMeasuresOutput(int flags)
 {
     if (!d->started.load())
-        d->request.measureOutput = truePeak ? 1 : 0;
+        d->request.measureOutput = std::max(flags, 0);
 }
 
 // One run per object; a second call still gets its one end report.
@@ -142,7 +149,9 @@ int64_t VXTranscoding::transcodingHere(VXTranscodingBlock block)
 
 void VXTranscoding::Private::run(VXTranscodingBlock block)
 {
-    if (inWorker) {
+    if (measuresOnly()) {
+        outcome = measure(block);
+    } else if (inWorker) {
         outcome = runInWorker(block);
     } else {
         outcome = vx::transcode(request, pipeline, cancelled, [&block](int percent) {
@@ -197,6 +206,68 @@ vx::TranscodeOutcome VXTranscoding::Private::runInWorker(const VXTranscodingBloc
         VXLog(QStringLiteral("Transcoding %1 failed: %2").arg(request.input, outcome.reason));
     }
     return outcome;
+}
+
+bool VXTranscoding::Private::measuresOnly() const
+{
+    return request.filters.size() == 1 && request.streamFilters.empty()
+        && VXFilterAccess::measuresOnly(*request.filters.front());
+}
+
+// The first pass with the reference meter: decoding alone at the file's own
+// rate, nothing encoded or written, so a batch's first passes cost a fraction
+// of a transcoding. The record follows from the figures.
+vx::TranscodeOutcome VXTranscoding::Private::measure(const VXTranscodingBlock &block)
+{
+    pipeline.reset();  // its output stays the empty file it was
+    const VXFilter &filter = *request.filters.front();
+    const int flags = VXFilterAccess::measureFlags(filter) | (request.measureOthers ? VXMeasureOtherStreams : 0);
+    int lastProgress = -1;
+    auto progress = [&](int percent) {
+        if (percent > lastProgress && block) {
+            lastProgress = percent;
+            block(VXTranscodingStateProgress, percent);
+        }
+    };
+    vx::TranscodeOutcome result;
+    VXLoudness input;
+    bool ok = false;
+    if (inWorker) {
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            worker = std::make_unique<vx::WorkerRun>(
+                QStringList{QStringLiteral("measure"), request.input, QString::number(flags)}, 3600.0);
+            if (cancelled.load())
+                worker->cancel();
+        }
+        QByteArray curve;
+        vx::WorkerRun::Handlers handlers;
+        handlers.progress = progress;
+        handlers.printOut = [&curve](int, const QByteArray &bytes) { curve = bytes; };
+        const vx::WorkerRun::Outcome ran = worker->run(handlers);
+        input = ran.loudness;
+        vx::readCurveText(curve, &input);
+        result.otherAudio = ran.streams;
+        result.reason = ran.reason;
+        ok = ran.completed && input.measured();
+        if (ran.cancelled)
+            cancelled.store(true);
+    } else {
+        ok = vx::measureHere(request.input, flags, &input, &result.reason, &cancelled, &result.otherAudio, progress);
+    }
+    if (cancelled.load()) {
+        result.status = vx::TranscodeOutcome::Cancelled;
+    } else if (ok) {
+        result.status = vx::TranscodeOutcome::Completed;
+        result.reason.clear();
+        record = VXFilterAccess::measurementRecord(filter, input);
+    } else {
+        result.status = vx::TranscodeOutcome::Failed;
+        if (result.reason.isEmpty())
+            result.reason = QStringLiteral("the worker failed");
+        VXLog(QStringLiteral("Measuring %1 failed: %2").arg(request.input, result.reason));
+    }
+    return result;
 }
 
 QStringList VXTranscoding::Private::workerArguments() const

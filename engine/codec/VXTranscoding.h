@@ -53,10 +53,11 @@ public:
     int64_t transcodingHere(VXTranscodingBlock block);
     // Asks the work to stop; returns at once from any thread.
     void cancelTranscoding();
-    // Measures the written file once it is complete, before the end report
-    // (EBU R128 loudness and range; true peak too when asked). A file that
+    // Measures the written file once it is complete, before the end report,
+    // with the meter that measures inputs: EBU R128 loudness and range, and
+    // what the VXMeasureFlag bits add (true peak, dual mono). A file that
     // cannot be measured fails the transcoding. Set before transcodingWithBlock.
-    void setMeasuresOutput(bool truePeak);
+    void setMeasuresOutput(int flags);
     // After the end report: the figures of a completed, measured transcoding.
     VXLoudness outputLoudness() const;
     // After the end report of a failed transcoding: what went wrong.

@@ -7,6 +7,7 @@
 #include "engine/codec/VXFilter.h"
 #include "engine/codec/VXFilterPrivate.h"
 #include "engine/codec/VXLog.h"
+#include "engine/codec/VXMeasurePrivate.h"
 #include "engine/codec/VXSandbox.h"
 #include "engine/codec/VXTranscoding.h"
 #include "engine/codec/VXWorker.h"
@@ -88,7 +89,7 @@ int transcode(Channel &channel, const QStringList &args)
     for (const auto &[index, f] : filters)
         index < 0 ? t->addAudioFilter(f) : t->addStreamFilter(index, f);
     if (measure >= 0)
-        t->setMeasuresOutput(measure == 1);
+        t->setMeasuresOutput(measure);
     if (measureStreams)
         t->setMeasuresOtherAudio();
     const int64_t result = t->transcodingHere([&](int32_t state, int64_t value) {
@@ -127,7 +128,9 @@ int measure(Channel &channel, const QStringList &args)
     std::map<int, VXLoudness> others;
     QString why;
     const int flags = args[1].toInt();
-    if (!VXMeasureFile(args[0], flags, &l, &why, nullptr, &others)) {
+    // Progress too: this is a job's whole first pass.
+    auto progress = [&channel](int percent) { channel.send("P " + QByteArray::number(percent)); };
+    if (!vx::measureHere(args[0], flags, &l, &why, nullptr, &others, progress)) {
         channel.send("R " + oneLine(why).toUtf8());
         channel.send("E 1");
         return 0;

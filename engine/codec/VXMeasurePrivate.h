@@ -1,0 +1,23 @@
+#pragma once
+
+// The measuring loop itself, for the codec layer's own callers: the worker's
+// measure command and a transcoding whose loudness filter only measures.
+
+#include "engine/codec/VXLoudnessMeter.h"
+
+#include <functional>
+
+namespace vx {
+
+// Measures here, in this process, as VXMeasureFile describes. progress, when
+// given, hears 0..99 as the best stream is read, then 100 once the figures
+// are in; keep, when given, receives the best stream's meter with its state,
+// for figures over several files.
+bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
+                 std::map<int, VXLoudness> *others, const std::function<void(int)> &progress = {},
+                 std::unique_ptr<VXFrameMeter> *keep = nullptr);
+
+// Reads the worker's measure print-out (threshold, maxima, curve) into l.
+void readCurveText(const QByteArray &text, VXLoudness *l);
+
+} // namespace vx
