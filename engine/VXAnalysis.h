@@ -1,8 +1,8 @@
 #pragma once
 
 // Measuring without writing: what a file is, and what a job with given
-// settings would do to it. For "analyze" in every front end, and for the
-// quick first pass.
+// settings would do to it. For "analyze" in every front end, with the meter
+// that measures and checks every job.
 
 #include "engine/codec/VXFilter.h"
 #include "engine/codec/VXLoudnessMeter.h"
@@ -20,7 +20,9 @@ struct VXAnalysis {
 
 // Decodes path once (at its own rate, nothing written) and plans the gain
 // as a job would. Blocks: run it on a pool thread.
-VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks);
+// dualMono measures a mono file as played on two speakers.
+VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks,
+                         bool dualMono = false);
 
 // The job's planning from a measurement: the gain toward target, capped or
 // limited at the ceiling; nullopt for silence.
@@ -28,5 +30,5 @@ std::optional<VXGainPlan> VXPlanGain(const VXLoudness &loudness, float targetLuf
 
 // A measurement in the first pass's record form ("input_i", "input_tp",
 // "input_lra", "input_thresh", "target_offset"), numbers as loudnorm
-// prints them, so quick and default jobs are read the same way.
+// prints them, so album tracks and other jobs are read the same way.
 QVariantMap VXMeasurementRecord(const VXLoudness &loudness);

@@ -165,13 +165,23 @@ void VXAudioGain::setLimitPeaks(bool limit)
         emit limitPeaksChanged();
 }
 
-bool VXAudioGain::quickMeasurement() const { return m_quickMeasurement.load(); }
+bool VXAudioGain::measureWithLoudnorm() const { return m_measureWithLoudnorm.load(); }
 
-void VXAudioGain::setQuickMeasurement(bool quick)
+void VXAudioGain::setMeasureWithLoudnorm(bool loudnorm)
 {
-    if (m_quickMeasurement.exchange(quick) != quick)
-        emit quickMeasurementChanged();
+    if (m_measureWithLoudnorm.exchange(loudnorm) != loudnorm)
+        emit measureWithLoudnormChanged();
 }
+
+bool VXAudioGain::dualMono() const { return m_dualMono.load(); }
+
+void VXAudioGain::setDualMono(bool dualMono)
+{
+    if (m_dualMono.exchange(dualMono) != dualMono)
+        emit dualMonoChanged();
+}
+
+int VXAudioGain::measureFlags() const { return VXMeasureTruePeak | (dualMono() ? VXMeasureDualMono : 0); }
 
 double VXAudioGain::skipWithin() const { return m_skipWithin.load(); }
 

@@ -18,6 +18,8 @@
 
 class QThreadPool;
 class VXAlbumBatch;
+class QJsonObject;
+class VXFilter;
 class VXTranscoding;
 
 // The report callback of a job: (state, retCode), called on the main thread
@@ -35,6 +37,7 @@ struct VXGainResult {
     QString reason;         // why the job failed; empty when it did not
     QString warning;        // succeeded, but something the user should know
     bool skipped = false;   // already within skipWithin of the target: nothing written
+    int corrections = 0;    // passes run again for what a lossy encoder or a limiter lost
     // Further audio streams (commentary, other languages), each normalised
     // on its own: input stream index, gain and kind.
     struct Stream {
@@ -83,8 +86,12 @@ class VXAudioGain : public QObject, public std::enable_shared_from_this<VXAudioG
     Q_PROPERTY(QImage stateImage READ stateImage NOTIFY stateImageChanged)
     Q_PROPERTY(float truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY truePeakCeilingChanged)
     Q_PROPERTY(bool limitPeaks READ limitPeaks WRITE setLimitPeaks NOTIFY limitPeaksChanged)
-    // Pass 1 with the native-rate R128 meter instead of loudnorm at 192 kHz.
-    Q_PROPERTY(bool quickMeasurement READ quickMeasurement WRITE setQuickMeasurement NOTIFY quickMeasurementChanged)
+    // Pass 1 with FFmpeg's loudnorm (its figures, at 192 kHz) instead of the
+    // reference meter at the file's own rate, which checks every result.
+    Q_PROPERTY(bool measureWithLoudnorm READ measureWithLoudnorm WRITE setMeasureWithLoudnorm
+                   NOTIFY measureWithLoudnormChanged)
+    // A mono file is measured as if played on two speakers (+3 dB).
+    Q_PROPERTY(bool dualMono READ dualMono WRITE setDualMono NOTIFY dualMonoChanged)
     // LU; a file measured this close to the target is left untouched. NaN: never.
     Q_PROPERTY(double skipWithin READ skipWithin WRITE setSkipWithin NOTIFY skipWithinChanged)
     // Measure and write ReplayGain tags instead of normalising the audio.
@@ -137,8 +144,12 @@ public:
     void setTruePeakCeiling(float dbtp);
     bool limitPeaks() const;
     void setLimitPeaks(bool limit);
-    bool quickMeasurement() const;
-    void setQuickMeasurement(bool quick);
+    bool measureWithLoudnorm() const;
+    void setMeasureWithLoudnorm(bool loudnorm);
+    bool dualMono() const;
+    void setDualMono(bool dualMono);
+    // The VXMeasureFlag bits every measurement of this item's job takes.
+    int measureFlags() const;
     double skipWithin() const;
     void setSkipWithin(double lu);
     // Replace mode: the result keeps the original's modification time.
@@ -216,7 +227,8 @@ signals:
     void stateImageChanged();
     void truePeakCeilingChanged();
     void limitPeaksChanged();
-    void quickMeasurementChanged();
+    void measureWithLoudnormChanged();
+    void dualMonoChanged();
     void skipWithinChanged();
     void preserveModificationTimeChanged();
     void outcomeTextChanged();
@@ -234,6 +246,10 @@ private:
     // a correction pass reports none.
     enum class Pass { First, Second, Correction };
     void runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, Pass pass);
+    // The loudness filter with this item's target, ceiling and meter.
+    std::shared_ptr<VXFilter> makeLoudnessFilter() const;
+    bool runFirstPass(Job &job, QJsonObject *record, QString *reason, qint64 *end);
+    qint64 runOnePass(Job &job);
     void releaseTransCoding();
     qint64 finishWithPlacement();
     qint64 fail(const QString &reason);
@@ -261,7 +277,8 @@ private:
     std::atomic<bool> m_cancelRequested{false};
     std::atomic<float> m_truePeakCeiling{-2.0f};
     std::atomic<bool> m_limitPeaks{false};
-    std::atomic<bool> m_quickMeasurement{false};
+    std::atomic<bool> m_measureWithLoudnorm{false};
+    std::atomic<bool> m_dualMono{false};
     std::atomic<double> m_skipWithin{NAN};
     std::atomic<bool> m_preserveModificationTime{false};
     std::shared_ptr<VXTranscoding> m_transCoding;

@@ -46,7 +46,7 @@ qint64 VXAudioGain::runTagsOnly()
     QString why;
     if (album)
         track = album->track;
-    else if (!VXMeasureFile(inputFile(), VXMeasureTruePeak, &track, &why, &m_cancelRequested))
+    else if (!VXMeasureFile(inputFile(), measureFlags(), &track, &why, &m_cancelRequested))
         return m_cancelRequested.load() ? -2 : fail(why);
     {
         QMutexLocker locker(&m_lock);

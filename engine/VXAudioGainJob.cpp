@@ -1,5 +1,6 @@
-// The two-pass job: measure with loudnorm printing JSON, catch the record,
-// normalise again with the measured values and linear gain, place the result.
+// The two-pass job: measure with the loudness filter printing JSON, catch the
+// record, apply one gain planned from it, check the result with the meter
+// that measured the input, place it.
 #include "engine/VXAudioGain.h"
 #include "engine/VXAudioGainShared.h"
 
@@ -84,6 +85,112 @@ qint64 VXAudioGain::fail(const QString &reason)
     return -1;
 }
 
+std::shared_ptr<VXFilter> VXAudioGain::makeLoudnessFilter() const
+{
+    auto filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
+    filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+    filter->setValue(QVariant(truePeakCeiling()), QString::fromLatin1(kVXATruePeakTarget));
+    filter->setValue(QString::fromLatin1(measureWithLoudnorm() ? VXMeterLoudnorm : VXMeterEbur128),
+                     QString::fromLatin1(kVXAMeter));
+    filter->setValue(QVariant(dualMono()), QString::fromLatin1(kVXADualMono));
+    return filter;
+}
+
+// Pass 1: the loudness filter prints its record as the transcoding is
+// released, and the record is cut from what it printed. With the reference
+// meter the pass only decodes; with loudnorm it also writes a one-pass
+// normalised file, the fallback's output. False when the job must end.
+bool VXAudioGain::runFirstPass(Job &job, QJsonObject *record, QString *reason, qint64 *end)
+{
+    QString why;
+    auto pass1 = VXTranscoding::initWithInput(inputFile(), tempOutFile(), &why);
+    if (!pass1) {
+        *end = fail(why);
+        return false;
+    }
+    job.filter->setValue(QString::fromLatin1(VXPrintFormatJSON), QString::fromLatin1(kVXPrintFormat));
+    pass1->addAudioFilter(job.filter);
+    pass1->setMeasuresOtherAudio();
+    runPass(job, pass1, Pass::First);
+    why = pass1->failureReason();
+    job.otherStreams = pass1->otherAudioLoudness();
+    pass1.reset();
+
+    QByteArray log;
+    {
+        QMutexLocker capture(&shared().captureLock);
+        const QString logFile = job.filter->logFile();
+        job.filter->redirectStdErrToFile(logFile);
+        releaseTransCoding();  // the filter prints its record as it is freed
+        job.filter->cancelRedirectStdErr();
+        if (job.passResult == VXTranscodingFailed || job.passResult == VXTranscodingCancelled) {
+            *end = job.passResult == VXTranscodingFailed ? fail(why) : -2;
+            return false;
+        }
+        QFile file(job.filter->logFile());
+        if (file.open(QIODevice::ReadOnly))
+            log = file.readAll();
+    }
+    {
+        QMutexLocker locker(&shared().hookLock);
+        if (shared().logHook)
+            log = shared().logHook(log);
+    }
+
+    // The record is the one flat JSON object in the print-out; a "}" before
+    // the "{" does not count, so the closing brace is looked for after it.
+    *reason = QStringLiteral("Unknown");
+    const VXRange open = rangeOfDataFind(log, QByteArrayLiteral("{"));
+    if (open.location != VXNotFound) {
+        const QByteArray rest = log.mid(open.location);
+        const VXRange close = rangeOfDataFind(rest, QByteArrayLiteral("}"));
+        const QByteArray bytes = close.location == VXNotFound ? QByteArray() : rest.left(close.location + close.length);
+        if (!bytes.isEmpty()) {
+            QJsonParseError error{};
+            const QJsonDocument doc = QJsonDocument::fromJson(bytes, &error);
+            if (error.error != QJsonParseError::NoError)
+                *reason = error.errorString();
+            else if (doc.isObject())
+                *record = doc.object();
+        }
+    }
+    return true;
+}
+
+// No usable record: loudnorm's own single pass is placed, once it is
+// measured like any other result. The reference meter's pass 1 wrote
+// nothing, so that pass runs now.
+qint64 VXAudioGain::runOnePass(Job &job)
+{
+    QString why;
+    if (!measureWithLoudnorm()) {
+        auto onePass = VXTranscoding::initWithInput(inputFile(), tempOutFile(), &why);
+        if (!onePass)
+            return fail(why);
+        auto filter = makeLoudnessFilter();
+        filter->setValue(QString::fromLatin1(VXMeterLoudnorm), QString::fromLatin1(kVXAMeter));
+        filter->setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
+        onePass->addAudioFilter(filter);
+        runPass(job, onePass, Pass::Second);
+        why = onePass->failureReason();
+        onePass.reset();
+        releaseTransCoding();
+        if (job.passResult == VXTranscodingCancelled)
+            return -2;
+        if (job.passResult == VXTranscodingFailed)
+            return fail(why);
+    }
+    VXGainResult result;
+    result.normalization = VXNormalizationName(VXNormalization::OnePass);
+    VXLoudness loudness;
+    if (!VXMeasureFile(tempOutFile(), measureFlags(), &loudness, &why))
+        return fail(QStringLiteral("Cannot measure the result: %1").arg(why));
+    result.outputI = loudness.integrated;
+    result.outputTp = loudness.truePeak;
+    result.outputLra = loudness.range;
+    return verifyAndPlace(result, double(loudnormValue()));
+}
+
 qint64 VXAudioGain::runJob(const VXGainBlock &block)
 {
     Job job;
@@ -107,102 +214,27 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         return fail(QStringLiteral("Cannot create a temporary file in %1 (it must be a writable folder of this user's, not a link)").arg(VXTempDir::rootPath()));
     const QString input = inputFile();
     const QString temp = tempOutFile();
-    const float ceiling = truePeakCeiling();
     QString why;
 
     QJsonObject record;
-    const bool quick = quickMeasurement();
     const std::optional<VXAlbumMember> album = albumMember();
+    job.filter = makeLoudnessFilter();
     if (album) {
         // Measured with its album already: the gain is the album's.
         record = QJsonObject::fromVariantMap(VXMeasurementRecord(album->track));
-        job.filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
-        job.filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
-        job.filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
-        deliver(2, progressOf(100, false), block);
-    } else if (quick) {
-        // Decoding alone at the file's own rate: nothing written, and a
-        // record for every file that decodes (silence included), so no
-        // single-pass fallback. A cancel waits for it, seconds at most.
-        VXLoudness measured;
-        if (!VXMeasureFile(input, VXMeasureTruePeak | VXMeasureOtherStreams, &measured, &why, nullptr,
-                           &job.otherStreams))
-            return fail(why);
-        if (cancelRequested())
-            return -2;
-        record = QJsonObject::fromVariantMap(VXMeasurementRecord(measured));
-        job.filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
-        job.filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
-        job.filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
         deliver(2, progressOf(100, false), block);
     } else {
-        auto pass1 = VXTranscoding::initWithInput(input, temp, &why);
-        if (!pass1)
-            return fail(why);
-        job.filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
-        job.filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
-        job.filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
-        job.filter->setValue(QString::fromLatin1(VXPrintFormatJSON), QString::fromLatin1(kVXPrintFormat));
-        pass1->addAudioFilter(job.filter);
-        pass1->setMeasuresOtherAudio();
-        runPass(job, pass1, Pass::First);
-        why = pass1->failureReason();
-        job.otherStreams = pass1->otherAudioLoudness();
-    }
-
-    QByteArray log;
-    if (!quick && !album) {
-        QMutexLocker capture(&shared().captureLock);
-        const QString logFile = job.filter->logFile();
-        job.filter->redirectStdErrToFile(logFile);
-        releaseTransCoding();  // the filter prints its record as it is freed
-        job.filter->cancelRedirectStdErr();
-        if (job.passResult == VXTranscodingFailed || job.passResult == VXTranscodingCancelled)
-            return job.passResult == VXTranscodingFailed ? fail(why) : -2;
-        QFile file(job.filter->logFile());
-        if (file.open(QIODevice::ReadOnly))
-            log = file.readAll();
-    }
-    {
-        QMutexLocker locker(&shared().hookLock);
-        if (shared().logHook)
-            log = shared().logHook(log);
-    }
-
-    // The record is the one flat JSON object in the print-out; a "}" before
-    // the "{" does not count, so the closing brace is looked for after it.
-    QString reason = QStringLiteral("Unknown");
-    const VXRange open = rangeOfDataFind(log, QByteArrayLiteral("{"));
-    if (open.location != VXNotFound) {
-        const QByteArray rest = log.mid(open.location);
-        const VXRange close = rangeOfDataFind(rest, QByteArrayLiteral("}"));
-        const QByteArray bytes = close.location == VXNotFound ? QByteArray() : rest.left(close.location + close.length);
-        if (!bytes.isEmpty()) {
-            QJsonParseError error{};
-            const QJsonDocument doc = QJsonDocument::fromJson(bytes, &error);
-            if (error.error != QJsonParseError::NoError)
-                reason = error.errorString();
-            else if (doc.isObject())
-                record = doc.object();
+        QString reason;
+        if (qint64 end = 0; !runFirstPass(job, &record, &reason, &end))
+            return end;
+        if (record.isEmpty()) {
+            VXLog(QStringLiteral("Waring: Can not using two pass gain(%1).").arg(reason));
+            return runOnePass(job);
         }
     }
     {
         QMutexLocker locker(&m_lock);
         m_measurement = record.toVariantMap();
-    }
-    if (record.isEmpty()) {
-        // Pass 1 already normalised in one go: its output is still worth
-        // having, once it is measured like any other.
-        VXLog(QStringLiteral("Waring: Can not using two pass gain(%1).").arg(reason));
-        VXGainResult result;
-        result.normalization = VXNormalizationName(VXNormalization::OnePass);
-        VXLoudness loudness;
-        if (!VXMeasureFile(temp, true, &loudness, &why))
-            return fail(QStringLiteral("Cannot measure the result: %1").arg(why));
-        result.outputI = loudness.integrated;
-        result.outputTp = loudness.truePeak;
-        result.outputLra = loudness.range;
-        return verifyAndPlace(result, double(loudnormValue()));
     }
 
     bool numeric = false;
@@ -243,9 +275,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     for (const auto &[index, measuredStream] : job.otherStreams) {
         if (!std::isfinite(measuredStream.integrated))
             continue;  // silent: left as it is
-        auto filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
-        filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
-        filter->setValue(QVariant(ceiling), QString::fromLatin1(kVXATruePeakTarget));
+        auto filter = makeLoudnessFilter();
         filter->setValue(QVariant(measuredStream.integrated), QString::fromLatin1(kVXAMeasuredIntegratedLoudness));
         filter->setValue(QVariant(measuredStream.truePeak), QString::fromLatin1(kVXAMeasuredTruePeak));
         filter->setValue(QVariant(measuredStream.range), QString::fromLatin1(kVXAMeasuredLoudnessRange));
@@ -263,10 +293,11 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         pass2->addAudioFilter(job.filter);
         for (const auto &[index, filter] : streamFilters)
             pass2->addStreamFilter(index, filter);
-        // The file as written, decoded again: what a player will hear. A
-        // limiter leaves a true peak only a meter can tell; a gain moves the
-        // measured one by exactly its size.
-        pass2->setMeasuresOutput(plan && plan->kind == VXNormalization::Limited);
+        // The file as written, decoded again by the meter that measured the
+        // input: what a player will hear. A limiter leaves a true peak only
+        // a meter can tell; a gain moves the measured one by exactly its size.
+        const bool limited = plan && plan->kind == VXNormalization::Limited;
+        pass2->setMeasuresOutput((limited ? VXMeasureTruePeak : 0) | (measureFlags() & VXMeasureDualMono));
         runPass(job, pass2, pass);
         why = pass2->failureReason();
         loudness = pass2->outputLoudness();
@@ -283,11 +314,13 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     // Where loud peaks carry much of the loudness, limiting them costs some
     // of it, and a lossy encoder may drop some of a dense signal's energy
     // (loud white noise loses half a LU in 128 kb/s MP3): the gain is raised
-    // by what is missing, a few times at most, while the ceiling allows. A
-    // plain gain that misses by more than a codec loses is a fault to show,
-    // not to hide.
+    // by what is missing, a few times at most, while the ceiling allows. The
+    // plan and the check use one meter, so what is missing is what the
+    // processing lost, never a disagreement between meters. A plain gain
+    // that misses by more than a codec loses is a fault to show, not to hide.
     const float target = loudnormValue();
     const QString targetKey = QString::fromLatin1(kVXAIntegratedLoudnessTarget);
+    int corrections = 0;
     // Not in an album: one track raised more than the others would upset
     // their balance.
     for (int round = 0; !album && plan && round < 3; ++round) {
@@ -308,6 +341,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
             job.filter->setValue(current, targetKey);  // held by the ceiling: another pass would change nothing
             break;
         }
+        ++corrections;
         if (const qint64 r = secondPass(Pass::Correction))
             return r;
     }
@@ -315,6 +349,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     VXGainResult result;
     result.outputI = loudness.integrated;
     result.outputLra = loudness.range;
+    result.corrections = corrections;
     result.album = album ? album->name : QString();
     for (const auto &[index, filter] : streamFilters) {
         if (const auto streamPlan = filter->linearPlan())

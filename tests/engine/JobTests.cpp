@@ -136,28 +136,39 @@ TEST_F(JobTest, UnusableMeasurementFallsBackToThePassOneResult)
          "\"input_thresh\" : \"-25.0\", \"target_offset\" : \"0.1\"} after }",
          nullptr},
     };
-    for (const auto &c : cases) {
-        VXAudioGain::setCapturedLogHookForTesting([&](const QByteArray &) { return c.log; });
-        LogCapture log;
-        gain->setTargetLoudness(gain->targetLoudness());  // idle again
-        JobRun run(gain);
-        run.start();
-        ASSERT_TRUE(run.waitEnd());
-        EXPECT_EQ(run.reports.last(), Report(3, 0)) << c.log.constData();
-        const QStringList warnings = log.lines().filter(QStringLiteral("Waring: Can not using two pass gain("));
-        if (!c.reason) {
-            EXPECT_TRUE(warnings.isEmpty());
-            EXPECT_GT(run.maxProgress(), 50);
-            continue;
+    // The reference meter's pass 1 writes nothing, so its fallback runs
+    // loudnorm's single pass then; loudnorm's own pass 1 has written it.
+    for (const bool loudnorm : {false, true}) {
+        gain->setMeasureWithLoudnorm(loudnorm);
+        for (const auto &c : cases) {
+            VXAudioGain::setCapturedLogHookForTesting([&](const QByteArray &) { return c.log; });
+            LogCapture log;
+            gain->setTargetLoudness(gain->targetLoudness());  // idle again
+            JobRun run(gain);
+            run.start();
+            ASSERT_TRUE(run.waitEnd());
+            EXPECT_EQ(run.reports.last(), Report(3, 0)) << c.log.constData() << " " << loudnorm;
+            const QStringList warnings = log.lines().filter(QStringLiteral("Waring: Can not using two pass gain("));
+            if (!c.reason) {
+                EXPECT_TRUE(warnings.isEmpty());
+                EXPECT_GT(run.maxProgress(), 50);
+                continue;
+            }
+            ASSERT_EQ(warnings.size(), 1) << c.log.constData();
+            if (*c.reason)
+                EXPECT_EQ(warnings[0], QStringLiteral("Waring: Can not using two pass gain(%1).").arg(QLatin1String(c.reason)));
+            else
+                EXPECT_FALSE(warnings[0].contains(QLatin1String("(Unknown)"))) << qPrintable(warnings[0]);
+            EXPECT_EQ(gain->gainResult().normalization, "one-pass");
+            const fixtures::Loudness out = fixtures::measureLoudness(gain->outPathFile());
+            EXPECT_TRUE(out.ok && std::fabs(out.integrated - gain->loudnormValue()) < 1.0) << gain->outPathFile().toStdString();
+            if (loudnorm)
+                EXPECT_LE(run.maxProgress(), 50);  // only pass 1 ran
+            else
+                EXPECT_GT(run.maxProgress(), 50);  // the single pass ran after it
         }
-        ASSERT_EQ(warnings.size(), 1) << c.log.constData();
-        if (*c.reason)
-            EXPECT_EQ(warnings[0], QStringLiteral("Waring: Can not using two pass gain(%1).").arg(QLatin1String(c.reason)));
-        else
-            EXPECT_FALSE(warnings[0].contains(QLatin1String("(Unknown)"))) << qPrintable(warnings[0]);
-        EXPECT_LE(run.maxProgress(), 50);  // only pass 1 ran
     }
-    EXPECT_EQ(outputs().size(), int(std::size(cases)));  // each under its own free name
+    EXPECT_EQ(outputs().size(), 2 * int(std::size(cases)));  // each under its own free name
 }
 
 TEST_F(JobTest, FailuresEndWithMinusOne)
