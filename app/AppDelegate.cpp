@@ -159,6 +159,9 @@ void AppDelegate::connectWindow()
 
     ui.actionTreatAsAlbums->setChecked(RQAppSettings::treatAsAlbums());
     connect(ui.actionTreatAsAlbums, &QAction::toggled, this, [](bool on) { RQAppSettings::setTreatAsAlbums(on); });
+    ui.actionMeasureWithLoudnorm->setChecked(RQAppSettings::measureWithLoudnorm());
+    connect(ui.actionMeasureWithLoudnorm, &QAction::toggled, this,
+            [](bool on) { RQAppSettings::setMeasureWithLoudnorm(on); });
     ui.actionTagsOnly->setChecked(RQAppSettings::tagsOnly());
     connect(ui.actionTagsOnly, &QAction::toggled, this, [](bool on) { RQAppSettings::setTagsOnly(on); });
 
@@ -188,10 +191,10 @@ void AppDelegate::applicationDidFinishLaunching()
     RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     popup->setTruePeakCeiling(RQAppSettings::truePeakCeiling());
     popup->setLimitPeaks(RQAppSettings::limitPeaks());
-    popup->setQuickMeasurement(RQAppSettings::quickMeasurement());
+    popup->setDualMono(RQAppSettings::dualMono());
     popup->setSkipWithin(RQAppSettings::skipWithin());
     for (auto signal : {&RQPopupMenuWndCtrl::truePeakCeilingChanged, &RQPopupMenuWndCtrl::limitPeaksChanged,
-                        &RQPopupMenuWndCtrl::quickMeasurementChanged, &RQPopupMenuWndCtrl::skipWithinChanged})
+                        &RQPopupMenuWndCtrl::dualMonoChanged, &RQPopupMenuWndCtrl::skipWithinChanged})
         connect(popup, signal, this, &AppDelegate::savePopupSettings, Qt::UniqueConnection);
     m_newRowTarget = RQAppSettings::targetLoudness();
     if (qApp)
@@ -205,7 +208,7 @@ void AppDelegate::savePopupSettings()
     const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     RQAppSettings::setTruePeakCeiling(popup->truePeakCeiling());
     RQAppSettings::setLimitPeaks(popup->limitPeaks());
-    RQAppSettings::setQuickMeasurement(popup->quickMeasurement());
+    RQAppSettings::setDualMono(popup->dualMono());
     RQAppSettings::setSkipWithin(popup->skipWithin());
 }
 

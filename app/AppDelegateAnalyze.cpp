@@ -32,12 +32,13 @@ void AppDelegate::analyze(const VXAudioGainPtr &item, const QString &path, bool 
 {
     ++m_runningAnalyses;
     const std::shared_ptr<std::atomic<bool>> cancel = m_analysisCancel;
+    const int flags = VXMeasureTruePeak | VXMeasureCurve
+        | (RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->dualMono() ? VXMeasureDualMono : 0);
     QtConcurrent::run(&m_analysisPool,
-                      [path, cancel] {
+                      [path, cancel, flags] {
                           Measurement m;
                           QString why;
-                          m.ok = VXMeasureFile(path, VXMeasureTruePeak | VXMeasureCurve, &m.loudness, &why,
-                                               cancel.get());
+                          m.ok = VXMeasureFile(path, flags, &m.loudness, &why, cancel.get());
                           return m;
                       })
         .then(this, [this, weak = std::weak_ptr<VXAudioGain>(item), output](const Measurement &m) {

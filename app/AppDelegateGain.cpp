@@ -67,7 +67,8 @@ void AppDelegate::gainAudios()
     const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     const float ceiling = popup->truePeakCeiling();
     const bool limitPeaks = popup->limitPeaks();
-    const bool quick = popup->quickMeasurement();
+    const bool dualMono = popup->dualMono();
+    const bool loudnorm = m_ui->actionMeasureWithLoudnorm->isChecked();
     const double skipWithin = popup->skipWithin();
     const bool inPlace = m_replaceOriginalFile || (tagsOnly && folder.isNull());
     const bool keepTime = inPlace && m_ui->actionPreserveModificationTime->isChecked();
@@ -90,7 +91,8 @@ void AppDelegate::gainAudios()
             item->setOutFolder(folder);
         item->setTruePeakCeiling(ceiling);
         item->setLimitPeaks(limitPeaks);
-        item->setQuickMeasurement(quick);
+        item->setMeasureWithLoudnorm(loudnorm);
+        item->setDualMono(dualMono);
         item->setSkipWithin(skipWithin);
         item->setPreserveModificationTime(keepTime);
         item->setTagsOnly(tagsOnly);

@@ -71,9 +71,13 @@ float targetLoudness()
 
 void setTargetLoudness(float position) { QSettings().setValue(QLatin1String(kRQTargetLoudness), position); }
 
-bool quickMeasurement() { return QSettings().value(QLatin1String(kRQQuickMeasurement), false).toBool(); }
+bool dualMono() { return QSettings().value(QLatin1String(kRQDualMono), false).toBool(); }
 
-void setQuickMeasurement(bool quick) { QSettings().setValue(QLatin1String(kRQQuickMeasurement), quick); }
+void setDualMono(bool dualMono) { QSettings().setValue(QLatin1String(kRQDualMono), dualMono); }
+
+bool measureWithLoudnorm() { return QSettings().value(QLatin1String(kRQMeasureWithLoudnorm), false).toBool(); }
+
+void setMeasureWithLoudnorm(bool loudnorm) { QSettings().setValue(QLatin1String(kRQMeasureWithLoudnorm), loudnorm); }
 
 double skipWithin()
 {

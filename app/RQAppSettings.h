@@ -12,7 +12,8 @@ inline constexpr char kRQTruePeakCeiling[] = "kRQTruePeakCeiling";
 inline constexpr char kRQLimitPeaks[] = "kRQLimitPeaks";
 inline constexpr char kRQPreserveModificationTime[] = "kRQPreserveModificationTime";
 inline constexpr char kRQTargetLoudness[] = "kRQTargetLoudness";
-inline constexpr char kRQQuickMeasurement[] = "kRQQuickMeasurement";
+inline constexpr char kRQDualMono[] = "kRQDualMono";
+inline constexpr char kRQMeasureWithLoudnorm[] = "kRQMeasureWithLoudnorm";
 inline constexpr char kRQSkipWithin[] = "kRQSkipWithin";
 inline constexpr char kRQTreatAsAlbums[] = "kRQTreatAsAlbums";
 inline constexpr char kRQTagsOnly[] = "kRQTagsOnly";
@@ -37,8 +38,10 @@ void setPreserveModificationTime(bool keep);
 // engine's default when none or one off the scale is stored.
 float targetLoudness();
 void setTargetLoudness(float position);
-bool quickMeasurement();
-void setQuickMeasurement(bool quick);
+bool dualMono();
+void setDualMono(bool dualMono);
+bool measureWithLoudnorm();
+void setMeasureWithLoudnorm(bool loudnorm);
 // LU; NaN (nothing skipped) when none or a negative value is stored.
 double skipWithin();
 void setSkipWithin(double lu);

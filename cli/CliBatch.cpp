@@ -72,6 +72,7 @@ void CliBatch::onReport(int index, qint32 state, qint64 retCode)
     r.outputTp = gain.outputTp;
     r.outputLra = gain.outputLra;
     r.normalization = gain.normalization;
+    r.corrections = gain.corrections;
     r.warning = gain.warning;
     r.otherStreams = gain.otherStreams;
     if (retCode == -1)

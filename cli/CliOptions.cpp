@@ -45,12 +45,13 @@ QString helpText(const QList<QCommandLineOption> &options)
 {
     QString text;
     text += QStringLiteral("Usage: %1 [--target POS | --lufs LUFS | --preset NAME] [--true-peak DBTP]\n"
-                           "                    [--limit-peaks] [--quick] [--album] [--skip-within LU]\n"
+                           "                    [--limit-peaks] [--meter ebur128|loudnorm] [--dual-mono]\n"
+                           "                    [--album] [--skip-within LU]\n"
                            "                    [--plot DIR] (--output-folder DIR | --replace [--preserve-mtime])\n"
                            "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n"
-                           "       %1 --analyze [--album] [--target POS | --lufs LUFS | --preset NAME]\n"
+                           "       %1 --analyze [--album] [--dual-mono] [--target POS | --lufs LUFS | --preset NAME]\n"
                            "                    [--plot DIR] [--json] FILE|DIR...\n"
-                           "       %1 --tags-only [--album] [--output-folder DIR] [--preserve-mtime]\n"
+                           "       %1 --tags-only [--album] [--dual-mono] [--output-folder DIR] [--preserve-mtime]\n"
                            "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n")
                 .arg(kProgram);
     text += QStringLiteral(
@@ -99,7 +100,7 @@ QString helpText(const QList<QCommandLineOption> &options)
                            "  %1 --replace --json podcast.mp3\n"
                            "  %1 --lufs -14 --true-peak -1 --limit-peaks -o out/ album/\n"
                            "  %1 --analyze --preset podcast --plot plots/ episode.wav\n"
-                           "  %1 --quick --skip-within 0.5 --replace --recursive library/\n")
+                           "  %1 --skip-within 0.5 --replace --recursive library/\n")
                 .arg(kProgram);
     return text;
 }
@@ -140,9 +141,18 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
                                      QStringLiteral("measure and report only (loudness, true peak, range, maximum "
                                                     "short-term and momentary loudness, the gain the target "
                                                     "would take); writes no audio"));
+    const QCommandLineOption meter(QStringLiteral("meter"),
+                                   QStringLiteral("what measures each file before its gain: ebur128 (default), the "
+                                                  "BS.1770 reference meter at the file's own rate, which also checks "
+                                                  "every result; or loudnorm, FFmpeg's loudnorm filter at 192 kHz, "
+                                                  "for the same figures as an ffmpeg two-pass script (slower)"),
+                                   QStringLiteral("METER"));
+    const QCommandLineOption dualMono(QStringLiteral("dual-mono"),
+                                      QStringLiteral("measure mono files as if played on two speakers (+3 dB), "
+                                                     "as several platforms do"));
     const QCommandLineOption quick(QStringLiteral("quick"),
-                                   QStringLiteral("measure with an EBU R128 meter at each file's own rate instead "
-                                                  "of loudnorm at 192 kHz: faster, within 0.2 LU of it"));
+                                   QStringLiteral("accepted for older scripts: the reference meter it chose is now "
+                                                  "the default"));
     const QCommandLineOption album(QStringLiteral("album"),
                                    QStringLiteral("treat files with the same album tag (and album artist), or "
                                                   "else in the same folder, as one album: every track moves by "
@@ -179,7 +189,7 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
                                   QStringLiteral("show this help and exit"));
     const QCommandLineOption version({QStringLiteral("V"), QStringLiteral("version")},
                                      QStringLiteral("show the version and exit"));
-    const QList<QCommandLineOption> all = {target, lufs, preset, truePeak, limitPeaks, analyze, quick,
+    const QList<QCommandLineOption> all = {target, lufs, preset, truePeak, limitPeaks, analyze, meter, dualMono, quick,
                                            album, tagsOnly, skipWithin, plot, outFolder, replace, preserveMtime, recursive,
                                            jobs, json, help, version};
 
@@ -282,7 +292,16 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
         }
         o.plotFolder = QDir::cleanPath(QFileInfo(parser.value(plot)).absoluteFilePath());
     }
-    o.quick = parser.isSet(quick);
+    if (parser.isSet(meter)) {
+        const QString name = parser.value(meter).toLower();
+        if (name != QLatin1String(VXMeterEbur128) && name != QLatin1String(VXMeterLoudnorm)) {
+            result.text = usageError(QStringLiteral("invalid --meter '%1': expected ebur128 or loudnorm")
+                                         .arg(parser.value(meter)));
+            return result;
+        }
+        o.measureWithLoudnorm = name == QLatin1String(VXMeterLoudnorm);
+    }
+    o.dualMono = parser.isSet(dualMono);
     o.analyze = parser.isSet(analyze);
     o.album = parser.isSet(album);
     o.tagsOnly = parser.isSet(tagsOnly);

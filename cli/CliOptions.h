@@ -19,7 +19,8 @@ struct CliOptions {
     bool limitPeaks = false;
     bool preserveMtime = false;
     bool analyze = false;   // measure and report only; nothing is written
-    bool quick = false;     // measure pass 1 at the file's own rate
+    bool measureWithLoudnorm = false;  // pass 1 with FFmpeg's loudnorm, not the reference meter
+    bool dualMono = false;  // mono measured as played on two speakers
     bool album = false;     // one gain per album (album tag, else folder)
     bool tagsOnly = false;  // write ReplayGain tags, leave the audio alone
     double skipWithin = NAN; // LU; files this close to the target are left alone

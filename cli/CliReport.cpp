@@ -184,6 +184,7 @@ QByteArray formatJson(const QList<CliFileResult> &results)
         o[QStringLiteral("max_short_term")] = rounded(r.maxShortTerm);
         o[QStringLiteral("max_momentary")] = rounded(r.maxMomentary);
         o[QStringLiteral("normalization")] = r.normalization.isEmpty() ? QJsonValue() : QJsonValue(r.normalization);
+        o[QStringLiteral("correction_passes")] = r.corrections;
         if (!r.otherStreams.isEmpty()) {
             QJsonArray streams;
             for (const VXGainResult::Stream &s : r.otherStreams)

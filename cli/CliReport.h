@@ -39,6 +39,7 @@ struct CliFileResult {
     double outputTp = NAN;
     double outputLra = NAN;
     QString normalization;
+    int corrections = 0;  // passes run again for what an encoder or a limiter lost
     QString warning;      // succeeded, with something to know (other hard links)
     double maxShortTerm = NAN;  // LUFS, measured with --analyze or --plot
     double maxMomentary = NAN;

@@ -66,7 +66,7 @@ void cliWriteTags(QList<CliFileResult> &results, const QList<int> &indices, cons
         }
         if (member)
             d.track = member->track;
-        else if (!VXMeasureFile(r.input, VXMeasureTruePeak, &d.track, &d.placed.error, &cancel))
+        else if (!VXMeasureFile(r.input, VXMeasureTruePeak | (opt.dualMono ? VXMeasureDualMono : 0), &d.track, &d.placed.error, &cancel))
             return;
         d.written = VXReplayGainFor(d.track, member ? &member->album : nullptr);
         d.placed = VXTagFile(r.input, opt.outputFolder, d.written, opt.preserveMtime);

@@ -171,7 +171,8 @@ int main(int argc, char *argv[])
         item->setTruePeakCeiling(opt.truePeak);
         item->setLimitPeaks(opt.limitPeaks);
         item->setPreserveModificationTime(opt.preserveMtime);
-        item->setQuickMeasurement(opt.quick);
+        item->setMeasureWithLoudnorm(opt.measureWithLoudnorm);
+        item->setDualMono(opt.dualMono);
         item->setSkipWithin(opt.skipWithin);
         item->setOutFolder(opt.replace ? QString() : opt.outputFolder);
         results << r;
@@ -241,7 +242,8 @@ int main(int argc, char *argv[])
         std::vector<char> ended(size_t(measured.size()), 0);
         cliRunOnPool(int(measured.size()), opt.jobs, [&](int k) {
             const int i = measured[k];
-            VXAnalysis a = VXAnalyzeFile(std::as_const(results)[i].input, targetLufs, opt.truePeak, opt.limitPeaks);
+            VXAnalysis a = VXAnalyzeFile(std::as_const(results)[i].input, targetLufs, opt.truePeak, opt.limitPeaks,
+                                         opt.dualMono);
             inputCurves[size_t(i)] = a.loudness;
             if (a.ok && opt.analyze && plot)
                 drawPicture(i, {});
@@ -321,7 +323,7 @@ int main(int argc, char *argv[])
             VXLoudness output;
             QString why;
             if (!results[i].output.isEmpty())
-                VXMeasureFile(results[i].output, VXMeasureCurve, &output, &why);
+                VXMeasureFile(results[i].output, VXMeasureCurve | (opt.dualMono ? VXMeasureDualMono : 0), &output, &why);
             drawPicture(i, output);
         }, [](int) {}, CliSignals::pending());
     }

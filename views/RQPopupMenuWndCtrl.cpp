@@ -27,7 +27,7 @@ struct RQPopupMenuWndCtrl::Private {
     qint64 row = 0;
     float truePeakCeiling = VXDefaultTruePeakTarget;
     bool limitPeaks = false;
-    bool quickMeasurement = false;
+    bool dualMono = false;
     double skipWithin = NAN;
     QPointer<RQMeunWindow> window;
     Ui::RQPopupMenuWndCtrl ui;
@@ -99,15 +99,15 @@ void RQPopupMenuWndCtrl::setLimitPeaks(bool limit)
     emit limitPeaksChanged();
 }
 
-bool RQPopupMenuWndCtrl::quickMeasurement() const { return d->quickMeasurement; }
+bool RQPopupMenuWndCtrl::dualMono() const { return d->dualMono; }
 
-void RQPopupMenuWndCtrl::setQuickMeasurement(bool quick)
+void RQPopupMenuWndCtrl::setDualMono(bool dualMono)
 {
-    if (d->quickMeasurement == quick)
+    if (d->dualMono == dualMono)
         return;
-    d->quickMeasurement = quick;
+    d->dualMono = dualMono;
     syncControls();
-    emit quickMeasurementChanged();
+    emit dualMonoChanged();
 }
 
 double RQPopupMenuWndCtrl::skipWithin() const { return d->skipWithin; }
@@ -187,10 +187,10 @@ QToolButton *RQPopupMenuWndCtrl::btnPresets()
     return d->ui.btnPresets;
 }
 
-QAbstractButton *RQPopupMenuWndCtrl::chkQuickMeasurement()
+QAbstractButton *RQPopupMenuWndCtrl::chkDualMono()
 {
     window();
-    return d->ui.chkQuickMeasurement;
+    return d->ui.chkDualMono;
 }
 
 QAbstractButton *RQPopupMenuWndCtrl::chkSkipWithin()
@@ -214,7 +214,7 @@ void RQPopupMenuWndCtrl::awakeFromNib()
     checkPalette.setColor(QPalette::WindowText, QColor(132, 128, 129));
     checkPalette.setColor(QPalette::ButtonText, QColor(132, 128, 129));
     for (QAbstractButton *button : std::initializer_list<QAbstractButton *>{
-             ui.btnApplyToAll, ui.chkLimitPeaks, ui.chkSkipWithin, ui.chkQuickMeasurement, ui.btnPresets})
+             ui.btnApplyToAll, ui.chkLimitPeaks, ui.chkSkipWithin, ui.chkDualMono, ui.btnPresets})
         button->setPalette(checkPalette);
     for (QLabel *label : {ui.lblTitle, ui.lblLufs, ui.lblTruePeakCeiling}) {
         QPalette palette = label->palette();
@@ -253,7 +253,7 @@ void RQPopupMenuWndCtrl::awakeFromNib()
     connect(ui.spnTruePeakCeiling, &QDoubleSpinBox::valueChanged, this,
             [this](double v) { setTruePeakCeiling(float(v)); });
     connect(ui.chkLimitPeaks, &QAbstractButton::toggled, this, &RQPopupMenuWndCtrl::setLimitPeaks);
-    connect(ui.chkQuickMeasurement, &QAbstractButton::toggled, this, &RQPopupMenuWndCtrl::setQuickMeasurement);
+    connect(ui.chkDualMono, &QAbstractButton::toggled, this, &RQPopupMenuWndCtrl::setDualMono);
     connect(ui.chkSkipWithin, &QAbstractButton::toggled, this,
             [this](bool on) { setSkipWithin(on ? d->ui.spnSkipWithin->value() : NAN); });
     connect(ui.spnSkipWithin, &QDoubleSpinBox::valueChanged, this, [this](double lu) {
@@ -293,13 +293,13 @@ void RQPopupMenuWndCtrl::syncControls()
     const QSignalBlocker blockLufs(ui.spnTargetLufs);
     const QSignalBlocker blockCeiling(ui.spnTruePeakCeiling);
     const QSignalBlocker blockLimit(ui.chkLimitPeaks);
-    const QSignalBlocker blockQuick(ui.chkQuickMeasurement);
+    const QSignalBlocker blockDualMono(ui.chkDualMono);
     const QSignalBlocker blockSkip(ui.chkSkipWithin);
     const QSignalBlocker blockSkipValue(ui.spnSkipWithin);
     ui.spnTargetLufs->setValue(lufs);
     ui.spnTruePeakCeiling->setValue(d->truePeakCeiling);
     ui.chkLimitPeaks->setChecked(d->limitPeaks);
-    ui.chkQuickMeasurement->setChecked(d->quickMeasurement);
+    ui.chkDualMono->setChecked(d->dualMono);
     const bool skip = !std::isnan(d->skipWithin);
     ui.chkSkipWithin->setChecked(skip);
     // Unticked, the box keeps the last value for the next tick.

@@ -31,8 +31,8 @@ signals:
 // It also holds how peaks are treated, for every file at the next Gain: the
 // true-peak ceiling and whether a limiter may hold peaks to reach the target.
 // Those change through their own signals and post no notification, as do
-// the other settings of the next Gain: a quick first pass, and leaving files
-// that are already near their target untouched.
+// the other settings of the next Gain: measuring mono files as on two
+// speakers, and leaving files that are already near their target untouched.
 class RQPopupMenuWndCtrl : public QObject {
     Q_OBJECT
     Q_PROPERTY(bool applyToAll READ applyToAll WRITE setApplyToAll NOTIFY applyToAllChanged)
@@ -40,7 +40,7 @@ class RQPopupMenuWndCtrl : public QObject {
     Q_PROPERTY(qint64 row READ row WRITE setRow NOTIFY rowChanged)
     Q_PROPERTY(float truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY truePeakCeilingChanged)
     Q_PROPERTY(bool limitPeaks READ limitPeaks WRITE setLimitPeaks NOTIFY limitPeaksChanged)
-    Q_PROPERTY(bool quickMeasurement READ quickMeasurement WRITE setQuickMeasurement NOTIFY quickMeasurementChanged)
+    Q_PROPERTY(bool dualMono READ dualMono WRITE setDualMono NOTIFY dualMonoChanged)
     Q_PROPERTY(double skipWithin READ skipWithin WRITE setSkipWithin NOTIFY skipWithinChanged)
 
 public:
@@ -57,8 +57,8 @@ public:
     void setTruePeakCeiling(float dbtp);
     bool limitPeaks() const;
     void setLimitPeaks(bool limit);
-    bool quickMeasurement() const;
-    void setQuickMeasurement(bool quick);
+    bool dualMono() const;
+    void setDualMono(bool dualMono);
     // LU; NaN (the box unticked) skips nothing.
     double skipWithin() const;
     void setSkipWithin(double lu);
@@ -78,7 +78,7 @@ public:
     QAbstractButton *chkLimitPeaks();
     QDoubleSpinBox *spnTargetLufs();
     QToolButton *btnPresets();
-    QAbstractButton *chkQuickMeasurement();
+    QAbstractButton *chkDualMono();
     QAbstractButton *chkSkipWithin();
     QDoubleSpinBox *spnSkipWithin();
     // Top-left corner at the global point, moved back inside the screen's
@@ -96,7 +96,7 @@ signals:
     void rowChanged();
     void truePeakCeilingChanged();
     void limitPeaksChanged();
-    void quickMeasurementChanged();
+    void dualMonoChanged();
     void skipWithinChanged();
 
 private:

@@ -16,12 +16,15 @@ _evenloud_cli()
         --preset)
             mapfile -t COMPREPLY < <(compgen -W 'ebu atsc streaming podcast replaygain' -- "$cur")
             return ;;
+        --meter)
+            mapfile -t COMPREPLY < <(compgen -W 'ebur128 loudnorm' -- "$cur")
+            return ;;
         -t|--target|-l|--lufs|--true-peak|-j|--jobs|--skip-within)
             return ;;  # a number: nothing to offer
     esac
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W '--target --lufs --preset --true-peak --limit-peaks --output-folder
-            --replace --preserve-mtime --recursive --jobs --json --analyze --quick --skip-within --plot
+            --replace --preserve-mtime --recursive --jobs --json --analyze --meter --dual-mono --quick --skip-within --plot
             --album --tags-only --help --version' -- "$cur")
         return
     fi

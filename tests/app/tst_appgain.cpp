@@ -188,7 +188,7 @@ private slots:
 
     // The popup's settings outlive the controller and the settings object:
     // new rows get the last target chosen, and every item the batch starts
-    // carries the peak, quick and skip settings.
+    // carries the peak, meter and skip settings.
     void popupSettingsAreRememberedAndReachTheItems()
     {
         QSettings().clear();
@@ -200,7 +200,8 @@ private slots:
             QVERIFY(!popup->limitPeaks());
             popup->spnTruePeakCeiling()->setValue(-4.5);
             popup->chkLimitPeaks()->click();
-            popup->chkQuickMeasurement()->click();
+            popup->chkDualMono()->click();
+            c->window()->findChild<QAction *>(QStringLiteral("actionMeasureWithLoudnorm"))->trigger();
             popup->spnSkipWithin()->setValue(0.3);
             popup->chkSkipWithin()->click();
             // Chosen with no row under it: only remembered.
@@ -209,7 +210,7 @@ private slots:
         // A new process starts from the popup's defaults.
         popup->setTruePeakCeiling(-2.0f);
         popup->setLimitPeaks(false);
-        popup->setQuickMeasurement(false);
+        popup->setDualMono(false);
         popup->setSkipWithin(NAN);
         popup->setTargetLoudness(VXAudioGain::kDefaultTargetLoudness);
         QCOMPARE(RQAppSettings::truePeakCeiling(), -4.5f);
@@ -223,14 +224,16 @@ private slots:
         QVERIFY(popup->chkLimitPeaks()->isChecked());
         c->folderSheetDidEnd(QDialog::Accepted, out, false);
         QVERIFY(c.import({m_short[0], m_short[2]}));
-        QVERIFY(popup->chkQuickMeasurement()->isChecked());
+        QVERIFY(popup->chkDualMono()->isChecked());
+        QVERIFY(c->window()->findChild<QAction *>(QStringLiteral("actionMeasureWithLoudnorm"))->isChecked());
         for (const VXAudioGainPtr &item : c->audioGains()->items())
             QCOMPARE(item->targetLoudness(), podcast);
         c->gainAudioAction();
         for (const VXAudioGainPtr &item : c->audioGains()->items()) {
             QCOMPARE(item->truePeakCeiling(), -4.5f);
             QVERIFY(item->limitPeaks());
-            QVERIFY(item->quickMeasurement());
+            QVERIFY(item->dualMono());
+            QVERIFY(item->measureWithLoudnorm());
             QCOMPARE(item->skipWithin(), 0.3);
         }
         QVERIFY(waitFor([&] { return allEnded(*c.app); }));
@@ -240,8 +243,9 @@ private slots:
         QCOMPARE(RQAppSettings::truePeakCeiling(), -2.0f);
         QSettings().setValue(QLatin1String(RQAppSettings::kRQTargetLoudness), -16.0);
         QCOMPARE(RQAppSettings::targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
-        popup->setQuickMeasurement(false);
+        popup->setDualMono(false);
         popup->setSkipWithin(NAN);
+        RQAppSettings::setMeasureWithLoudnorm(false);
     }
 
     // Analyze measures the selected rows only, writes nothing anywhere, and

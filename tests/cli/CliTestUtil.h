@@ -49,6 +49,6 @@ protected:
 };
 using CliRun = CliFolderTest;
 using CliAnalyze = CliFolderTest;
-using CliQuick = CliFolderTest;
+using CliMeter = CliFolderTest;
 using CliAlbum = CliFolderTest;
 using CliTags = CliFolderTest;

@@ -58,7 +58,7 @@ TEST_F(CliAlbum, TracksKeepTheirDifferencesAndTheAlbumReachesTheTarget)
 
     const CliRunResult analysis = runCli(QStringList{"--json", "--analyze", "--album", "--lufs", "-20"} + inputs);
     ASSERT_EQ(analysis.exitCode, 0);
-    const CliRunResult run = runCli(QStringList{"--json", "--album", "--quick", "--lufs", "-20", "--true-peak", "-1",
+    const CliRunResult run = runCli(QStringList{"--json", "--album", "--lufs", "-20", "--true-peak", "-1",
                                                 "-o", tmp.filePath("out")} + inputs);
     ASSERT_EQ(run.exitCode, 0);
     const QJsonArray analyzed = analysis.json(), results = run.json();
