@@ -4,10 +4,13 @@
 # a few LU) at several levels and in the usual formats, plus material that
 # a high target pushes past the peak ceiling: a wide-range piece with loud
 # and soft movements, a quiet take with hot transients, and a short spoken
-# clip. A stamp file marks a complete corpus; change VERSION to rebuild.
+# clip; a short AAC clip in MP4 and a mono MP3, where meters that gate their own
+# way disagree most; and surround files in the layouts broadcasts, DVDs and
+# music releases carry. A stamp file marks a complete corpus; change VERSION
+# to rebuild.
 set -euo pipefail
 dir=$1
-VERSION=2
+VERSION=3
 stamp="$dir/.corpus-v$VERSION"
 [ -f "$stamp" ] && exit 0
 rm -rf "$dir"; mkdir -p "$dir"
@@ -27,6 +30,8 @@ corpus=(
   "opus.ogg         90  -2 48000 2 294 -c:a libopus -b:a 128k"
   "ac3.ac3          60 -15 48000 2 311 -c:a ac3 -b:a 192k"
   "mp2.mp2          60  -9 44100 2 156 -c:a mp2 -b:a 192k"
+  "clip.mp4        8.5  -3 48000 2 220 -c:a aac -b:a 128k"
+  "mono.mp3         20 -12 44100 1 196 -c:a libmp3lame -b:a 96k"
 )
 
 for entry in "${corpus[@]}"; do
@@ -65,4 +70,36 @@ echo "  corpus: short-clip.wav (1.4s)" >&2
 ffmpeg -v error -nostdin -y -f lavfi \
   -i "aevalsrc='0.25*(sin(2*PI*150*t)+0.5*sin(2*PI*450*t)+0.25*sin(2*PI*1350*t))*abs(sin(2*PI*2.5*t))':s=48000:d=1.4" \
   -ac 1 -c:a pcm_s16le "$dir/short-clip.wav"
+# Surround: the stereo material spread over each layout's speakers (left
+# ones take the left channel, right ones the right, centres both, the LFE a
+# low part), so every layout has real content in every channel.
+# name seconds layout encoder args...
+surround=(
+  "surround-51side.ac3    40 5.1(side) -c:a ac3 -b:a 384k"
+  "surround-51back.m4a    30 5.1       -c:a aac -b:a 256k"
+  "surround-50side.flac   30 5.0(side) -c:a flac"
+  "surround-quad.wav      25 quad      -c:a pcm_s16le"
+  "surround-61.flac       25 6.1       -c:a flac"
+  "surround-71.flac       25 7.1       -c:a flac"
+  "surround-21.wav        20 2.1       -c:a pcm_s16le"
+)
+for entry in "${surround[@]}"; do
+  read -r name secs layout enc <<<"$entry"
+  channels=$(ffmpeg -hide_banner -layouts | awk -v l="$layout" '$1 == l { print $2 }')
+  pan="$layout"
+  for c in ${channels//+/ }; do
+    case $c in
+      LFE) pan="$pan|$c=0.5*c0+0.5*c1" ;;
+      *C) pan="$pan|$c=0.5*c0+0.5*c1" ;;
+      *L|*LC) pan="$pan|$c=c0" ;;
+      *) pan="$pan|$c=c1" ;;
+    esac
+  done
+  echo "  corpus: $name (${secs}s, $layout)" >&2
+  ffmpeg -v error -nostdin -y \
+    -f lavfi -i "aevalsrc='0.3*sin(2*PI*220*t)*(0.6+0.4*sin(2*PI*1.3*t))|0.3*sin(2*PI*277*t)*(0.6+0.4*sin(2*PI*1.7*t))':s=48000:d=$secs" \
+    -f lavfi -i "anoisesrc=color=pink:amplitude=0.05:r=48000:d=$secs:seed=11" \
+    -filter_complex "[1]aformat=channel_layouts=stereo[n];[0][n]amix=inputs=2:normalize=0,pan=$pan" \
+    -metadata title="Bench $name" $enc "$dir/$name"
+done
 touch "$stamp"
