@@ -7,6 +7,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRandomGenerator>
@@ -24,12 +25,26 @@ QString outPath(const QString &name)
     return QDir(scratchDir()).filePath("loudnorm/" + name);
 }
 
-std::shared_ptr<VXFilter> measuringFilter(float target)
+std::shared_ptr<VXFilter> measuringFilter(float target, const char *meter = VXMeterEbur128)
 {
     auto filter = VXFilter::filterWithName(VXALoudnormName);
     filter->setValue(target, kVXAIntegratedLoudnessTarget);
     filter->setValue(VXPrintFormatJSON, kVXPrintFormat);
+    filter->setValue(meter, kVXAMeter);
     return filter;
+}
+
+// FFmpeg's own loudnorm print-out for the file: what a two-pass script reads.
+QJsonObject loudnormPrintOut(const QString &path)
+{
+    QString out;
+    if (!fixtures::run("ffmpeg", {"-hide_banner", "-nostats", "-i", path, "-af",
+                                  "loudnorm=I=-16:print_format=json", "-f", "null", "-"},
+                       &out))
+        return {};
+    const qsizetype open = out.lastIndexOf('{'), close = out.lastIndexOf('}');
+    return open < 0 || close < open ? QJsonObject()
+                                    : QJsonDocument::fromJson(out.mid(open, close - open + 1).toUtf8()).object();
 }
 
 // Pass 1 the way the job runs it: wait for the end, then capture the record
@@ -91,7 +106,8 @@ TEST(Loudnorm, EightConcurrentRecordsStayApart)
     std::vector<std::thread> jobs;
     for (int i = 0; i < kJobs; ++i) {
         jobs.emplace_back([&, i] {
-            auto filter = measuringFilter(-23.0f);
+            // loudnorm prints through libav's log, where records could mix.
+            auto filter = measuringFilter(-23.0f, VXMeterLoudnorm);
             logs[size_t(i)] = filter->logFile();
             records[size_t(i)] = measure(inputs[size_t(i)], outPath(QStringLiteral("level%1.wav").arg(i)), filter);
         });
@@ -124,6 +140,50 @@ TEST(Loudnorm, EightConcurrentRecordsStayApart)
     filter->redirectStdErrToFile(filter->logFile());
     filter->cancelRedirectStdErr();
     EXPECT_EQ(QFileInfo(victim).size(), 4);
+}
+
+// The reference meter's record is loudnorm's in form (the same keys, values
+// as strings) and BS.1770's in substance; its pass writes nothing and reports
+// its progress to the end. With the loudnorm meter, the figures are loudnorm's.
+TEST(Loudnorm, RecordsOfBothMetersParseWithLoudnormsKeys)
+{
+    const QString in = fixtures::makeAudio(scratchDir(), "record.flac", 6, {"-c:a", "flac"}, -4);
+    ASSERT_FALSE(in.isEmpty());
+    const QJsonObject theirs = loudnormPrintOut(in);
+    const fixtures::Loudness independent = fixtures::measureLoudness(in);
+    ASSERT_TRUE(!theirs.isEmpty() && independent.ok);
+
+    auto reference = measuringFilter(-16.0f);
+    const QString out = outPath("record.flac");
+    QFile::remove(out);
+    auto t = VXTranscoding::initWithInput(in, out);
+    ASSERT_TRUE(t);
+    t->addAudioFilter(reference);
+    Reports reports;
+    ASSERT_EQ(runToEnd(*t, &reports), VXTranscodingCompleted);
+    EXPECT_EQ(reports.events().size() >= 2 ? reports.events()[reports.events().size() - 2].second : -1, 100);
+    EXPECT_EQ(QFileInfo(out).size(), 0) << "the measuring pass writes no audio";
+    reference->redirectStdErrToFile(reference->logFile());
+    t.reset();
+    reference->cancelRedirectStdErr();
+    QFile log(reference->logFile());
+    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
+    const QByteArray text = log.readAll();
+    QJsonParseError error{};
+    const QJsonObject ours = QJsonDocument::fromJson(text.mid(text.indexOf('{')), &error).object();
+    ASSERT_EQ(error.error, QJsonParseError::NoError) << text.constData();
+    EXPECT_EQ(ours.keys(), theirs.keys());
+    for (const QString &key : ours.keys())
+        EXPECT_TRUE(ours[key].isString()) << key.toStdString();
+    EXPECT_NEAR(ours["input_i"].toString().toDouble(), independent.integrated, 0.1);
+    EXPECT_NEAR(ours["input_tp"].toString().toDouble(), independent.truePeak, 0.2);
+    EXPECT_NEAR(ours["input_lra"].toString().toDouble(), independent.range, 0.5);
+    EXPECT_EQ(ours["output_i"].toString(), "-16.00");
+    EXPECT_EQ(ours["normalization_type"].toString(), "linear");
+
+    const QJsonObject viaLoudnorm = measure(in, outPath("record-loudnorm.flac"), measuringFilter(-16.0f, VXMeterLoudnorm));
+    for (const char *key : {"input_i", "input_tp", "input_lra", "input_thresh"})
+        EXPECT_EQ(viaLoudnorm[key].toString(), theirs[key].toString()) << key;
 }
 
 // Silence measures "-inf"; a second pass with that must not boost noise or
