@@ -17,6 +17,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <algorithm>
 #include <cmath>
 #include <map>
 
@@ -321,6 +322,10 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     const float target = loudnormValue();
     const QString targetKey = QString::fromLatin1(kVXAIntegratedLoudnessTarget);
     int corrections = 0;
+    // How much of a raise reached the result last time: a limiter gives back
+    // less than it is given, so the next raise is scaled up by that.
+    double response = 1.0;
+    double lastTarget = NAN, lastLoudness = NAN;
     // Not in an album: one track raised more than the others would upset
     // their balance.
     for (int round = 0; !album && plan && round < 3; ++round) {
@@ -331,7 +336,11 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         if (!std::isfinite(missing) || std::fabs(missing) <= (limited ? 0.2 : 0.5))
             break;
         const QVariant current = job.filter->valueForAttribute(targetKey);
-        const double raised = double(current.toFloat()) + missing;
+        if (std::isfinite(lastTarget) && std::fabs(double(current.toFloat()) - lastTarget) > 0.01)
+            response = std::clamp((loudness.integrated - lastLoudness) / (double(current.toFloat()) - lastTarget), 0.25, 1.0);
+        lastTarget = double(current.toFloat());
+        lastLoudness = loudness.integrated;
+        const double raised = double(current.toFloat()) + missing / response;
         if (limited ? raised - target > 12.0 : std::fabs(raised - target) > 2.0)
             break;
         const double gainBefore = job.filter->linearPlan().value_or(*plan).gainDb;
