@@ -251,6 +251,9 @@ private:
     bool runFirstPass(Job &job, QJsonObject *record, QString *reason, qint64 *end);
     qint64 runOnePass(Job &job);
     void releaseTransCoding();
+    // Runs a pass that writes the output and lets it go: 0 when it
+    // completed, else the job's end. Its output's figures go to *output.
+    qint64 runOutputPass(Job &job, std::shared_ptr<VXTranscoding> transcoding, Pass pass, VXLoudness *output);
     qint64 finishWithPlacement();
     qint64 fail(const QString &reason);
     // Album mode: the album's figures, from the batch unless set already;

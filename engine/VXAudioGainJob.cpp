@@ -69,6 +69,19 @@ void VXAudioGain::runPass(Job &job, const std::shared_ptr<VXTranscoding> &transc
     });
 }
 
+qint64 VXAudioGain::runOutputPass(Job &job, std::shared_ptr<VXTranscoding> transcoding, Pass pass, VXLoudness *output)
+{
+    runPass(job, transcoding, pass);
+    const QString why = transcoding->failureReason();
+    if (output)
+        *output = transcoding->outputLoudness();
+    transcoding.reset();
+    releaseTransCoding();
+    if (job.passResult == VXTranscodingCancelled)
+        return -2;
+    return job.passResult == VXTranscodingFailed ? fail(why) : 0;
+}
+
 void VXAudioGain::releaseTransCoding()
 {
     std::shared_ptr<VXTranscoding> last;
@@ -172,14 +185,8 @@ qint64 VXAudioGain::runOnePass(Job &job)
         filter->setValue(QString::fromLatin1(VXMeterLoudnorm), QString::fromLatin1(kVXAMeter));
         filter->setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
         onePass->addAudioFilter(filter);
-        runPass(job, onePass, Pass::Second);
-        why = onePass->failureReason();
-        onePass.reset();
-        releaseTransCoding();
-        if (job.passResult == VXTranscodingCancelled)
-            return -2;
-        if (job.passResult == VXTranscodingFailed)
-            return fail(why);
+        if (const qint64 r = runOutputPass(job, std::move(onePass), Pass::Second, nullptr))
+            return r;
     }
     VXGainResult result;
     result.normalization = VXNormalizationName(VXNormalization::OnePass);
@@ -299,16 +306,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         // a meter can tell; a gain moves the measured one by exactly its size.
         const bool limited = plan && plan->kind == VXNormalization::Limited;
         pass2->setMeasuresOutput((limited ? VXMeasureTruePeak : 0) | (measureFlags() & VXMeasureDualMono));
-        runPass(job, pass2, pass);
-        why = pass2->failureReason();
-        loudness = pass2->outputLoudness();
-        pass2.reset();
-        releaseTransCoding();
-        if (job.passResult == VXTranscodingCancelled)
-            return -2;
-        if (job.passResult == VXTranscodingFailed)
-            return fail(why);
-        return 0;
+        return runOutputPass(job, std::move(pass2), pass, &loudness);
     };
     if (const qint64 r = secondPass(Pass::Second))
         return r;
