@@ -52,9 +52,10 @@ int positionWeight(AVChannel channel)
     }
 }
 
-int channelWeight(const AVChannelLayout &layout, int index)
+int channelWeight(const AVChannelLayout &layout, int index, bool dualMono)
 {
-    return positionWeight(av_channel_layout_channel_from_index(&layout, unsigned(index)));
+    const int weight = positionWeight(av_channel_layout_channel_from_index(&layout, unsigned(index)));
+    return dualMono && layout.nb_channels == 1 && weight != EBUR128_UNUSED ? EBUR128_DUAL_MONO : weight;
 }
 
 double energyOf(double lufs) { return std::isfinite(lufs) ? std::pow(10.0, (lufs + 0.691) / 10.0) : 0.0; }
@@ -97,6 +98,7 @@ struct Curve {
 struct VXFrameMeter::Impl {
     bool truePeak = false;
     bool wantCurve = false;
+    bool dualMono = false;
     MeterPtr meter;
     vx::SwrPtr swr;
     vx::FramePtr converted;
@@ -122,7 +124,7 @@ struct VXFrameMeter::Impl {
         if (!meter)
             return false;
         for (int c = 0; c < layout.nb_channels; ++c)
-            ebur128_set_channel(meter.get(), unsigned(c), channelWeight(layout, c));
+            ebur128_set_channel(meter.get(), unsigned(c), channelWeight(layout, c, dualMono));
         curve.stepSamples = size_t(std::lround(frame->sample_rate * kVXShortTermStep));
         const AVFrame *in = stated(frame);
         const bool ok = curve.stepSamples > 0 && in && askForMeterFormat()
@@ -179,10 +181,11 @@ struct VXFrameMeter::Impl {
     }
 };
 
-VXFrameMeter::VXFrameMeter(bool truePeak, bool curve) : d(std::make_unique<Impl>())
+VXFrameMeter::VXFrameMeter(bool truePeak, bool curve, bool dualMono) : d(std::make_unique<Impl>())
 {
     d->truePeak = truePeak;
     d->wantCurve = curve;
+    d->dualMono = dualMono;
 }
 
 VXFrameMeter::~VXFrameMeter() = default;

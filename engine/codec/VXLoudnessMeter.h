@@ -36,18 +36,25 @@ enum VXMeasureFlag {
     VXMeasureTruePeak = 1,
     VXMeasureCurve = 2,         // maxima and the short-term curve
     VXMeasureOtherStreams = 4,  // every further audio stream, on its own
+    // A one-channel stream as heard on two speakers (+3 dB), as platforms
+    // that play mono through both count it; streams of 2+ channels as ever.
+    VXMeasureDualMono = 8,
 };
 
 struct AVFrame;
 
 // Decoded frames in, figures out: for measuring inside a decoding loop. The
-// first frame fixes the rate and layout; later frames that differ
-// (concatenated files) are converted to them. True peak (four times
+// first frame fixes the rate and layout (one of no stated order is its
+// channel count's default); later frames that differ (concatenated files)
+// are converted to them, save a change of layout from or to a custom order,
+// which FFmpeg's converter cannot remix. Each channel weighs by its place
+// (positionWeight in the source says why): the LFE not at all, side and
+// rear channels as surrounds (+1.5 dB), the rest 1.0. True peak (four times
 // oversampled) costs more than the rest together, so it is asked for only
-// where it is needed.
+// where it is needed. dualMono: see VXMeasureDualMono.
 class VXFrameMeter {
 public:
-    explicit VXFrameMeter(bool truePeak, bool curve = false);
+    explicit VXFrameMeter(bool truePeak, bool curve = false, bool dualMono = false);
     ~VXFrameMeter();
     // False when the frame cannot be measured.
     bool add(const AVFrame *frame);
@@ -66,6 +73,7 @@ private:
 
 // Measures the audio stream a transcoding would normalise (the best one),
 // decoding only; flags are VXMeasureFlag bits (true: the true peak too).
+// With VXMeasureDualMono a mono file reads 3 dB louder.
 // False with a reason when the file cannot be read; cancel, when given and
 // set, stops it early (also false). With VXMeasureOtherStreams and others
 // given, the further audio streams' figures go there by stream index.
@@ -86,7 +94,9 @@ struct VXAlbumLoudness {
 };
 
 // Measures paths as one album; false with a reason when no track measures.
+// Of the flags, VXMeasureDualMono applies (to each mono track); the true
+// peak is always measured.
 bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why,
-                    const std::atomic<bool> *cancel = nullptr);
+                    const std::atomic<bool> *cancel = nullptr, int flags = 0);
 // The worker's measure-album print-out, for VXMeasureAlbum to read back.
 QByteArray VXAlbumPrintOut(const VXAlbumLoudness &album);

@@ -91,6 +91,7 @@ bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, 
 {
     const bool truePeak = flags & VXMeasureTruePeak;
     const bool curve = flags & VXMeasureCurve;
+    const bool dualMono = flags & VXMeasureDualMono;
     const bool otherStreams = (flags & VXMeasureOtherStreams) && others;
     int code = 0;
     vx::InputPtr input = vx::openInput(path, why, &code);
@@ -111,7 +112,7 @@ bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, 
         if (!m.decoder || avcodec_parameters_to_context(m.decoder.get(), st->codecpar) < 0
             || avcodec_open2(m.decoder.get(), codec, nullptr) < 0)
             return false;
-        m.meter = std::make_unique<VXFrameMeter>(truePeak, curve && index == best);
+        m.meter = std::make_unique<VXFrameMeter>(truePeak, curve && index == best, dualMono);
         meters.push_back(std::move(m));
         return true;
     };
@@ -227,16 +228,16 @@ bool readAlbumText(const QByteArray &text, qsizetype count, VXAlbumLoudness *a)
 
 } // namespace
 
-bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why, const std::atomic<bool> *cancel)
+bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why, const std::atomic<bool> *cancel,
+                    int flags)
 {
     *out = {};
+    flags = VXMeasureTruePeak | (flags & VXMeasureDualMono);
     if (!vx::workerProgram().isEmpty()) {
         // The album figure needs every track's meter state at once, and
         // states do not cross a pipe: one child measures the whole album and
         // sends back figures only. Albums still run side by side.
-        QStringList command{QStringLiteral("measure-album")};
-        command += paths;
-        vx::WorkerRun run(command, 600.0 * double(std::max<qsizetype>(1, paths.size())));
+        vx::WorkerRun run(vx::measureAlbumCommand(paths, flags), 600.0 * double(std::max<qsizetype>(1, paths.size())));
         QByteArray printOut;
         const vx::WorkerRun::Outcome outcome
             = run.run({nullptr, [&](int, const QByteArray &bytes) { printOut = bytes; }});
@@ -256,7 +257,7 @@ bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why
             *why = QStringLiteral("cancelled");
             return false;
         }
-        if (!measureHere(path, VXMeasureTruePeak, &l, &reason, cancel, nullptr, &meter))
+        if (!measureHere(path, flags, &l, &reason, cancel, nullptr, &meter))
             l = {};
         out->tracks.push_back(l);
         out->reasons << reason;

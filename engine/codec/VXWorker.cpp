@@ -95,6 +95,19 @@ bool readValue(FILE *in, const QByteArray &rest, WorkerRun::Outcome *out)
 
 } // namespace
 
+QStringList measureAlbumCommand(const QStringList &tracks, int flags)
+{
+    return QStringList{QStringLiteral("measure-album"), QStringLiteral("--flags"), QString::number(flags)} + tracks;
+}
+
+QStringList measureAlbumTracks(const QStringList &args, int *flags)
+{
+    const bool given = args.size() >= 2 && args[0] == QLatin1String("--flags");
+    if (flags)
+        *flags = given ? args[1].toInt() : 0;
+    return given ? args.mid(2) : args;
+}
+
 void stopWorkerProcess() { Zygote::instance().stop(); }
 
 bool useWorkerProcess()

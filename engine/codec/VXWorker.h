@@ -94,6 +94,12 @@ private:
     int m_runs = 0;
 };
 
+// The measure-album command, "measure-album [--flags N] TRACK...", N being
+// VXMeasureFlag bits: written with the flags, read with or without them.
+QStringList measureAlbumCommand(const QStringList &tracks, int flags);
+// Its arguments after the verb: the tracks, and the flags (0 when left out).
+QStringList measureAlbumTracks(const QStringList &args, int *flags = nullptr);
+
 // Worker side: the program's whole main (it serves the program that started it).
 int workerMain(int argc, char **argv);
 // One forked child's work, its reports going to standard output.

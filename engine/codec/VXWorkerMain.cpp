@@ -147,13 +147,15 @@ int measure(Channel &channel, const QStringList &args)
 
 // Every track of an album in this one child: the album figure needs all
 // their meter states together.
-int measureAlbum(Channel &channel, const QStringList &paths)
+int measureAlbum(Channel &channel, const QStringList &args)
 {
+    int flags = 0;
+    const QStringList paths = measureAlbumTracks(args, &flags);
     if (paths.isEmpty())
         return 2;
     VXAlbumLoudness album;
     QString why;
-    const bool ok = VXMeasureAlbum(paths, &album, &why);
+    const bool ok = VXMeasureAlbum(paths, &album, &why, nullptr, flags);
     const QByteArray text = VXAlbumPrintOut(album);
     channel.send("F 0 " + QByteArray::number(text.size()), text);
     if (!ok)

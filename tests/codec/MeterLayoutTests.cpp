@@ -1,4 +1,5 @@
 #include "engine/codec/VXLoudnessMeter.h"
+#include "engine/codec/VXWorker.h"
 #include "tests/codec/CodecTestUtil.h"
 #include "tests/support/Fixtures.h"
 
@@ -7,6 +8,7 @@
 #include <QJsonArray>
 #include <cmath>
 #include <cstdio>
+#include <vector>
 #include <gtest/gtest.h>
 
 using namespace codectest;
@@ -127,4 +129,44 @@ TEST(MeterLayouts, LaterPartsOfOtherLayoutsAreConverted)
     ASSERT_LT(std::fabs(a.integrated - b.integrated), 8.0);
     const double expected = 10 * std::log10((std::pow(10, a.integrated / 10) + std::pow(10, b.integrated / 10)) / 2);
     EXPECT_NEAR(integrated(joined), expected, 0.2);
+}
+
+// Dual mono: a mono file as heard on two speakers reads 3 dB louder, on its
+// own and in an album, here and through the worker (which must be told);
+// a stereo file reads as it did.
+TEST(MeterDualMono, MonoReadsThreeDbLouderAndStereoAsEver)
+{
+    const QString mono = makeLayout({"mono", 1}), stereo = makeLayout({"stereo", 2});
+    ASSERT_FALSE(mono.isEmpty() || stereo.isEmpty());
+    enum { Mono, MonoDual, Stereo, StereoDual, AlbumMono, AlbumMonoDual, AlbumStereo, AlbumStereoDual, Album, AlbumDual };
+    auto measureAll = [&] {
+        VXAlbumLoudness plain, dual;
+        QString why;
+        EXPECT_TRUE(VXMeasureAlbum({mono, stereo}, &plain, &why)) << why.toStdString();
+        EXPECT_TRUE(VXMeasureAlbum({mono, stereo}, &dual, &why, nullptr, VXMeasureDualMono)) << why.toStdString();
+        if (plain.tracks.size() != 2 || dual.tracks.size() != 2)
+            return std::vector<double>(10, NAN);
+        return std::vector<double>{integrated(mono), integrated(mono, VXMeasureDualMono),
+                                   integrated(stereo), integrated(stereo, VXMeasureDualMono),
+                                   plain.tracks[0].integrated, dual.tracks[0].integrated,
+                                   plain.tracks[1].integrated, dual.tracks[1].integrated,
+                                   plain.album.integrated, dual.album.integrated};
+    };
+    const std::vector<double> here = measureAll();
+    const double twoSpeakers = 10 * std::log10(2.0);
+    EXPECT_NEAR(here[MonoDual] - here[Mono], twoSpeakers, 0.05);
+    EXPECT_NEAR(here[AlbumMonoDual] - here[AlbumMono], twoSpeakers, 0.05);
+    EXPECT_EQ(here[StereoDual], here[Stereo]);
+    EXPECT_EQ(here[AlbumStereoDual], here[AlbumStereo]);
+    // Every block of both tracks passes the gates: the album is their mean
+    // energy, the louder mono track's included.
+    const double mean = 10 * std::log10((std::pow(10, here[AlbumMonoDual] / 10) + std::pow(10, here[Stereo] / 10)) / 2);
+    EXPECT_NEAR(here[AlbumDual], mean, 0.1);
+
+    ASSERT_TRUE(vx::useWorkerProcess());
+    const std::vector<double> worker = measureAll();
+    vx::stopWorkerProcess();
+    vx::setWorkerProgram({});
+    for (size_t i = 0; i < here.size(); ++i)
+        EXPECT_NEAR(worker[i], here[i], 1e-9) << "figure " << i;
 }
