@@ -58,6 +58,32 @@ int channelWeight(const AVChannelLayout &layout, int index, bool dualMono)
     return dualMono && layout.nb_channels == 1 && weight != EBUR128_UNUSED ? EBUR128_DUAL_MONO : weight;
 }
 
+// The factor libebur128 gives a channel type.
+double typeFactor(int type)
+{
+    switch (type) {
+    case EBUR128_UNUSED: return 0.0;
+    case EBUR128_Mp110:
+    case EBUR128_Mm110:
+    case EBUR128_Mp060:
+    case EBUR128_Mm060:
+    case EBUR128_Mp090:
+    case EBUR128_Mm090: return 1.41;
+    case EBUR128_DUAL_MONO: return 2.0;
+    default: return 1.0;
+    }
+}
+
+// The type loudnorm's meter gives a channel by its index alone.
+int loudnormType(int count, int index)
+{
+    if (count == 4)
+        return index < 2 ? EBUR128_LEFT : EBUR128_LEFT_SURROUND;
+    if (count == 5)
+        return index < 3 ? EBUR128_LEFT : EBUR128_LEFT_SURROUND;
+    return index < 3 ? EBUR128_LEFT : index == 4 || index == 5 ? EBUR128_LEFT_SURROUND : EBUR128_UNUSED;
+}
+
 double energyOf(double lufs) { return std::isfinite(lufs) ? std::pow(10.0, (lufs + 0.691) / 10.0) : 0.0; }
 double lufsOf(double energy) { return energy > 0 ? 10.0 * std::log10(energy) - 0.691 : -HUGE_VAL; }
 
@@ -236,6 +262,20 @@ VXLoudness VXFrameMeter::finish()
         r.truePeak = peak > 0 ? 20.0 * std::log10(peak) : -HUGE_VAL;
     }
     return r;
+}
+
+bool VXLoudnormWeighsAlike(const AVChannelLayout &layout)
+{
+    AVChannelLayout known{};
+    if (layout.order == AV_CHANNEL_ORDER_UNSPEC)
+        av_channel_layout_default(&known, layout.nb_channels);
+    else if (av_channel_layout_copy(&known, &layout) < 0)
+        return false;
+    bool alike = true;
+    for (int c = 0; alike && c < known.nb_channels; ++c)
+        alike = typeFactor(channelWeight(known, c, false)) == typeFactor(loudnormType(known.nb_channels, c));
+    av_channel_layout_uninit(&known);
+    return alike;
 }
 
 double VXFrameMeter::combinedLoudness(const std::vector<const VXFrameMeter *> &meters, double *range)

@@ -42,6 +42,7 @@ enum VXMeasureFlag {
 };
 
 struct AVFrame;
+struct AVChannelLayout;
 
 // Decoded frames in, figures out: for measuring inside a decoding loop. The
 // first frame fixes the rate and layout (one of no stated order is its
@@ -70,6 +71,13 @@ private:
     struct Impl;
     std::unique_ptr<Impl> d;
 };
+
+// Whether FFmpeg's loudnorm filter weighs a layout's channels as
+// VXFrameMeter does. Its meter goes by index, as if the order were
+// L R C LFE Ls Rs (L R Ls Rs for four channels, L R C Ls Rs for five), and
+// leaves out every channel past the sixth: right for FFmpeg's mono, stereo,
+// 3.0, quad, 5.0 and 5.1, wrong for 2.1, 4.0, 6.1, 7.1 and others.
+bool VXLoudnormWeighsAlike(const AVChannelLayout &layout);
 
 // Measures the audio stream a transcoding would normalise (the best one),
 // decoding only; flags are VXMeasureFlag bits (true: the true peak too).

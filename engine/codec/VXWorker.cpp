@@ -12,6 +12,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -211,6 +212,16 @@ WorkerRun::Outcome WorkerRun::run(const Handlers &handlers)
                 break;
             if (handlers.printOut)
                 handlers.printOut(v.value(0).toInt(), bytes);
+            break;
+        }
+        case 'I': {
+            // "I I LRA THRESHOLD": the main stream as decoded.
+            const QList<QByteArray> v = rest.split(' ');
+            if (v.size() == 3) {
+                out.input.integrated = std::strtod(v[0].constData(), nullptr);
+                out.input.range = std::strtod(v[1].constData(), nullptr);
+                out.input.threshold = std::strtod(v[2].constData(), nullptr);
+            }
             break;
         }
         case 'V': stopped = !readValue(in, rest, &out); break;

@@ -47,6 +47,7 @@ public:
         VXLoudness loudness;
         QMap<QByteArray, QByteArray> values;  // named results, as the command sends them
         std::map<int, VXLoudness> streams;  // further audio streams, by index
+        VXLoudness input;  // the main stream as decoded, when measured
     };
 
     // role names what runs in the child in the reason for its crash
