@@ -26,6 +26,7 @@ struct VXAudioGain::Job {
     qint64 passResult = 0;  // the last pass's end report
     std::shared_ptr<VXFilter> filter;
     std::map<int, VXLoudness> otherStreams;  // pass 1's figures of further audio streams
+    VXLoudness input;  // pass 1's own figures of the main stream, where loudnorm's would be wrong
 };
 
 namespace {
@@ -125,9 +126,11 @@ bool VXAudioGain::runFirstPass(Job &job, QJsonObject *record, QString *reason, q
     job.filter->setValue(QString::fromLatin1(VXPrintFormatJSON), QString::fromLatin1(kVXPrintFormat));
     pass1->addAudioFilter(job.filter);
     pass1->setMeasuresOtherAudio();
+    pass1->setMeasuresInput();
     runPass(job, pass1, Pass::First);
     why = pass1->failureReason();
     job.otherStreams = pass1->otherAudioLoudness();
+    job.input = pass1->inputLoudness();
     pass1.reset();
 
     QByteArray log;
@@ -239,6 +242,14 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
             VXLog(QStringLiteral("Waring: Can not using two pass gain(%1).").arg(reason));
             return runOnePass(job);
         }
+    }
+    // With the loudnorm meter: loudnorm weighs channels by index, which
+    // misreads some layouts (2.1, 6.1, 7.1); for those, pass 1 also measured
+    // the input with the meter that checks the result, and its figures stand in.
+    if (!record.isEmpty() && job.input.measured()) {
+        const QVariantMap ours = VXMeasurementRecord(job.input);
+        for (const char *key : {"input_i", "input_lra", "input_thresh"})
+            record[QLatin1String(key)] = QJsonValue::fromVariant(ours.value(QLatin1String(key)));
     }
     {
         QMutexLocker locker(&m_lock);

@@ -18,21 +18,70 @@ struct MeterCloser {
 };
 using MeterPtr = std::unique_ptr<ebur128_state, MeterCloser>;
 
-// BS.1770 weights by position: the LFE does not count, surrounds weigh more.
-int channelWeight(const AVChannelLayout &layout, int index)
+// BS.1770 weights by position: the LFE does not count, surrounds weigh
+// +1.5 dB. BS.1770-4 gives that to the ear-level positions 60° to 120° off
+// the front and 1.0 to the rest, which taken to the letter leaves a rear at
+// 135° to 180° (6.1's back centre, 7.1's back pair) at 1.0. FFmpeg's names
+// carry no angles, though: its "back" pair is the 110° surround pair of quad
+// and 5.1(back), and the rears of 6.1 and 7.1 carry what 5.1's surrounds
+// would. So every side and rear channel weighs as a surround, as FFmpeg's own
+// ebur128 meter weighs them, and a file reads the same whichever name its
+// surrounds have (libebur128 has no centred position with that weight: the
+// back centre takes the 110° one's). The wides sit at 60°, inside the range;
+// the pair beside the centre, the heights and anything unnamed weigh 1.0.
+int positionWeight(AVChannel channel)
 {
-    switch (av_channel_layout_channel_from_index(&layout, unsigned(index))) {
-    case AV_CHAN_FRONT_LEFT: return EBUR128_LEFT;
-    case AV_CHAN_FRONT_RIGHT: return EBUR128_RIGHT;
-    case AV_CHAN_FRONT_CENTER: return EBUR128_CENTER;
+    switch (channel) {
     case AV_CHAN_LOW_FREQUENCY:
-    case AV_CHAN_LOW_FREQUENCY_2: return EBUR128_UNUSED;
+    case AV_CHAN_LOW_FREQUENCY_2:
+    case AV_CHAN_UNUSED: return EBUR128_UNUSED;
+    case AV_CHAN_FRONT_LEFT:
+    case AV_CHAN_FRONT_LEFT_OF_CENTER: return EBUR128_Mp030;
+    case AV_CHAN_FRONT_RIGHT:
+    case AV_CHAN_FRONT_RIGHT_OF_CENTER: return EBUR128_Mm030;
+    case AV_CHAN_WIDE_LEFT: return EBUR128_Mp060;
+    case AV_CHAN_WIDE_RIGHT: return EBUR128_Mm060;
+    case AV_CHAN_SIDE_LEFT:
     case AV_CHAN_BACK_LEFT:
-    case AV_CHAN_SIDE_LEFT: return EBUR128_LEFT_SURROUND;
+    case AV_CHAN_SURROUND_DIRECT_LEFT:
+    case AV_CHAN_BACK_CENTER: return EBUR128_Mp110;
+    case AV_CHAN_SIDE_RIGHT:
     case AV_CHAN_BACK_RIGHT:
-    case AV_CHAN_SIDE_RIGHT: return EBUR128_RIGHT_SURROUND;
-    default: return layout.nb_channels == 1 ? EBUR128_CENTER : EBUR128_LEFT;
+    case AV_CHAN_SURROUND_DIRECT_RIGHT: return EBUR128_Mm110;
+    default: return EBUR128_Mp000;
     }
+}
+
+int channelWeight(const AVChannelLayout &layout, int index, bool dualMono)
+{
+    const int weight = positionWeight(av_channel_layout_channel_from_index(&layout, unsigned(index)));
+    return dualMono && layout.nb_channels == 1 && weight != EBUR128_UNUSED ? EBUR128_DUAL_MONO : weight;
+}
+
+// The factor libebur128 gives a channel type.
+double typeFactor(int type)
+{
+    switch (type) {
+    case EBUR128_UNUSED: return 0.0;
+    case EBUR128_Mp110:
+    case EBUR128_Mm110:
+    case EBUR128_Mp060:
+    case EBUR128_Mm060:
+    case EBUR128_Mp090:
+    case EBUR128_Mm090: return 1.41;
+    case EBUR128_DUAL_MONO: return 2.0;
+    default: return 1.0;
+    }
+}
+
+// The type loudnorm's meter gives a channel by its index alone.
+int loudnormType(int count, int index)
+{
+    if (count == 4)
+        return index < 2 ? EBUR128_LEFT : EBUR128_LEFT_SURROUND;
+    if (count == 5)
+        return index < 3 ? EBUR128_LEFT : EBUR128_LEFT_SURROUND;
+    return index < 3 ? EBUR128_LEFT : index == 4 || index == 5 ? EBUR128_LEFT_SURROUND : EBUR128_UNUSED;
 }
 
 double energyOf(double lufs) { return std::isfinite(lufs) ? std::pow(10.0, (lufs + 0.691) / 10.0) : 0.0; }
@@ -75,38 +124,69 @@ struct Curve {
 struct VXFrameMeter::Impl {
     bool truePeak = false;
     bool wantCurve = false;
+    bool dualMono = false;
     MeterPtr meter;
     vx::SwrPtr swr;
     vx::FramePtr converted;
+    vx::FramePtr view;          // a frame of no stated order, as its count's default
+    AVChannelLayout layout{};   // what the meter measures: the first frame's
     Curve curve;
+
+    ~Impl() { av_channel_layout_uninit(&layout); }
 
     bool start(const AVFrame *frame)
     {
-        AVChannelLayout layout{};
         if (frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC)
             av_channel_layout_default(&layout, frame->ch_layout.nb_channels);
         else if (av_channel_layout_copy(&layout, &frame->ch_layout) < 0)
             return false;
         converted = vx::makeFrame();
+        view = vx::makeFrame();
         swr.reset(swr_alloc());
-        if (!converted || !swr || layout.nb_channels <= 0 || frame->sample_rate <= 0) {
-            av_channel_layout_uninit(&layout);
+        if (!converted || !view || !swr || layout.nb_channels <= 0 || frame->sample_rate <= 0)
             return false;
-        }
-        converted->format = AV_SAMPLE_FMT_FLT;
-        converted->sample_rate = frame->sample_rate;
-        av_channel_layout_copy(&converted->ch_layout, &layout);
         const int mode = EBUR128_MODE_I | EBUR128_MODE_LRA | (truePeak ? EBUR128_MODE_TRUE_PEAK : 0);
         meter.reset(ebur128_init(unsigned(layout.nb_channels), unsigned(frame->sample_rate), mode));
-        if (meter)
-            for (int c = 0; c < layout.nb_channels; ++c)
-                ebur128_set_channel(meter.get(), unsigned(c), channelWeight(layout, c));
+        if (!meter)
+            return false;
+        for (int c = 0; c < layout.nb_channels; ++c)
+            ebur128_set_channel(meter.get(), unsigned(c), channelWeight(layout, c, dualMono));
         curve.stepSamples = size_t(std::lround(frame->sample_rate * kVXShortTermStep));
-        av_channel_layout_uninit(&layout);
-        return meter && curve.stepSamples > 0 && swr_config_frame(swr.get(), converted.get(), frame) >= 0;
+        const AVFrame *in = stated(frame);
+        const bool ok = curve.stepSamples > 0 && in && askForMeterFormat()
+            && swr_config_frame(swr.get(), converted.get(), in) >= 0;
+        av_frame_unref(view.get());
+        if (!ok)
+            meter.reset();
+        return ok;
     }
 
-    void feed()
+    // The converter reads a layout of no stated order as its count's
+    // default, but compares every later frame with what it read: each would
+    // count as changed and start the conversion over, losing the
+    // resampler's state. Such a frame goes in as the default, said outright.
+    const AVFrame *stated(const AVFrame *frame)
+    {
+        if (frame->ch_layout.order != AV_CHANNEL_ORDER_UNSPEC)
+            return frame;
+        if (av_frame_ref(view.get(), frame) < 0)
+            return nullptr;
+        av_channel_layout_uninit(&view->ch_layout);
+        av_channel_layout_default(&view->ch_layout, frame->ch_layout.nb_channels);
+        return view.get();
+    }
+
+    // What the converter is to make: the meter's rate and layout, whatever
+    // later frames come with; it refuses an output that differs from the
+    // one it was set up for.
+    bool askForMeterFormat()
+    {
+        converted->format = AV_SAMPLE_FMT_FLT;
+        converted->sample_rate = int(meter->samplerate);
+        return av_channel_layout_copy(&converted->ch_layout, &layout) >= 0;
+    }
+
+    bool feed()
     {
         const float *samples = reinterpret_cast<const float *>(converted->data[0]);
         size_t left = converted->nb_samples > 0 ? size_t(converted->nb_samples) : 0;
@@ -123,16 +203,15 @@ struct VXFrameMeter::Impl {
             }
         }
         av_frame_unref(converted.get());
-        converted->format = AV_SAMPLE_FMT_FLT;
-        converted->sample_rate = int(meter->samplerate);
-        av_channel_layout_default(&converted->ch_layout, int(meter->channels));
+        return askForMeterFormat();
     }
 };
 
-VXFrameMeter::VXFrameMeter(bool truePeak, bool curve) : d(std::make_unique<Impl>())
+VXFrameMeter::VXFrameMeter(bool truePeak, bool curve, bool dualMono) : d(std::make_unique<Impl>())
 {
     d->truePeak = truePeak;
     d->wantCurve = curve;
+    d->dualMono = dualMono;
 }
 
 VXFrameMeter::~VXFrameMeter() = default;
@@ -142,16 +221,18 @@ bool VXFrameMeter::add(const AVFrame *frame)
     Impl &m = *d;
     if (!m.meter && !m.start(frame))
         return false;
-    int err = swr_convert_frame(m.swr.get(), m.converted.get(), frame);
-    if (err == AVERROR_INPUT_CHANGED) {
-        if (swr_config_frame(m.swr.get(), m.converted.get(), frame) < 0)
-            return false;
-        err = swr_convert_frame(m.swr.get(), m.converted.get(), frame);
-    }
-    if (err < 0)
+    const AVFrame *in = m.stated(frame);
+    if (!in)
         return false;
-    m.feed();
-    return true;
+    int err = swr_convert_frame(m.swr.get(), m.converted.get(), in);
+    if (err == AVERROR_INPUT_CHANGED) {
+        // A concatenated file's next part: converted to the meter's format.
+        err = swr_config_frame(m.swr.get(), m.converted.get(), in);
+        if (err >= 0)
+            err = swr_convert_frame(m.swr.get(), m.converted.get(), in);
+    }
+    av_frame_unref(m.view.get());
+    return err >= 0 && m.feed();
 }
 
 VXLoudness VXFrameMeter::finish()
@@ -181,6 +262,20 @@ VXLoudness VXFrameMeter::finish()
         r.truePeak = peak > 0 ? 20.0 * std::log10(peak) : -HUGE_VAL;
     }
     return r;
+}
+
+bool VXLoudnormWeighsAlike(const AVChannelLayout &layout)
+{
+    AVChannelLayout known{};
+    if (layout.order == AV_CHANNEL_ORDER_UNSPEC)
+        av_channel_layout_default(&known, layout.nb_channels);
+    else if (av_channel_layout_copy(&known, &layout) < 0)
+        return false;
+    bool alike = true;
+    for (int c = 0; alike && c < known.nb_channels; ++c)
+        alike = typeFactor(channelWeight(known, c, false)) == typeFactor(loudnormType(known.nb_channels, c));
+    av_channel_layout_uninit(&known);
+    return alike;
 }
 
 double VXFrameMeter::combinedLoudness(const std::vector<const VXFrameMeter *> &meters, double *range)

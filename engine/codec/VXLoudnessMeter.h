@@ -36,19 +36,26 @@ enum VXMeasureFlag {
     VXMeasureTruePeak = 1,
     VXMeasureCurve = 2,         // maxima and the short-term curve
     VXMeasureOtherStreams = 4,  // every further audio stream, on its own
-    VXMeasureDualMono = 8,      // a mono stream as played on two speakers (+3 dB)
+    // A one-channel stream as heard on two speakers (+3 dB), as platforms
+    // that play mono through both count it; streams of 2+ channels as ever.
+    VXMeasureDualMono = 8,
 };
 
 struct AVFrame;
+struct AVChannelLayout;
 
 // Decoded frames in, figures out: for measuring inside a decoding loop. The
-// first frame fixes the rate and layout; later frames that differ
-// (concatenated files) are converted to them. True peak (four times
+// first frame fixes the rate and layout (one of no stated order is its
+// channel count's default); later frames that differ (concatenated files)
+// are converted to them, save a change of layout from or to a custom order,
+// which FFmpeg's converter cannot remix. Each channel weighs by its place
+// (positionWeight in the source says why): the LFE not at all, side and
+// rear channels as surrounds (+1.5 dB), the rest 1.0. True peak (four times
 // oversampled) costs more than the rest together, so it is asked for only
-// where it is needed.
+// where it is needed. dualMono: see VXMeasureDualMono.
 class VXFrameMeter {
 public:
-    explicit VXFrameMeter(bool truePeak, bool curve = false);
+    explicit VXFrameMeter(bool truePeak, bool curve = false, bool dualMono = false);
     ~VXFrameMeter();
     // False when the frame cannot be measured.
     bool add(const AVFrame *frame);
@@ -65,8 +72,16 @@ private:
     std::unique_ptr<Impl> d;
 };
 
+// Whether FFmpeg's loudnorm filter weighs a layout's channels as
+// VXFrameMeter does. Its meter goes by index, as if the order were
+// L R C LFE Ls Rs (L R Ls Rs for four channels, L R C Ls Rs for five), and
+// leaves out every channel past the sixth: right for FFmpeg's mono, stereo,
+// 3.0, quad, 5.0 and 5.1, wrong for 2.1, 4.0, 6.1, 7.1 and others.
+bool VXLoudnormWeighsAlike(const AVChannelLayout &layout);
+
 // Measures the audio stream a transcoding would normalise (the best one),
 // decoding only; flags are VXMeasureFlag bits (true: the true peak too).
+// With VXMeasureDualMono a mono file reads 3 dB louder.
 // False with a reason when the file cannot be read; cancel, when given and
 // set, stops it early (also false). With VXMeasureOtherStreams and others
 // given, the further audio streams' figures go there by stream index.
@@ -87,7 +102,9 @@ struct VXAlbumLoudness {
 };
 
 // Measures paths as one album; false with a reason when no track measures.
+// Of the flags, VXMeasureDualMono applies (to each mono track); the true
+// peak is always measured.
 bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why,
-                    const std::atomic<bool> *cancel = nullptr);
+                    const std::atomic<bool> *cancel = nullptr, int flags = 0);
 // The worker's measure-album print-out, for VXMeasureAlbum to read back.
 QByteArray VXAlbumPrintOut(const VXAlbumLoudness &album);

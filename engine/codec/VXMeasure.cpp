@@ -86,6 +86,7 @@ bool vx::measureHere(const QString &path, int flags, VXLoudness *out, QString *w
 {
     const bool truePeak = flags & VXMeasureTruePeak;
     const bool curve = flags & VXMeasureCurve;
+    const bool dualMono = flags & VXMeasureDualMono;
     const bool otherStreams = (flags & VXMeasureOtherStreams) && others;
     int code = 0;
     vx::InputPtr input = vx::openInput(path, why, &code);
@@ -106,7 +107,7 @@ bool vx::measureHere(const QString &path, int flags, VXLoudness *out, QString *w
         if (!m.decoder || avcodec_parameters_to_context(m.decoder.get(), st->codecpar) < 0
             || avcodec_open2(m.decoder.get(), codec, nullptr) < 0)
             return false;
-        m.meter = std::make_unique<VXFrameMeter>(truePeak, curve && index == best);
+        m.meter = std::make_unique<VXFrameMeter>(truePeak, curve && index == best, dualMono);
         meters.push_back(std::move(m));
         return true;
     };
@@ -237,16 +238,16 @@ bool readAlbumText(const QByteArray &text, qsizetype count, VXAlbumLoudness *a)
 
 } // namespace
 
-bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why, const std::atomic<bool> *cancel)
+bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why, const std::atomic<bool> *cancel,
+                    int flags)
 {
     *out = {};
+    flags = VXMeasureTruePeak | (flags & VXMeasureDualMono);
     if (!vx::workerProgram().isEmpty()) {
         // The album figure needs every track's meter state at once, and
         // states do not cross a pipe: one child measures the whole album and
         // sends back figures only. Albums still run side by side.
-        QStringList command{QStringLiteral("measure-album")};
-        command += paths;
-        vx::WorkerRun run(command, 600.0 * double(std::max<qsizetype>(1, paths.size())));
+        vx::WorkerRun run(vx::measureAlbumCommand(paths, flags), 600.0 * double(std::max<qsizetype>(1, paths.size())));
         QByteArray printOut;
         const vx::WorkerRun::Outcome outcome
             = run.run({nullptr, [&](int, const QByteArray &bytes) { printOut = bytes; }});
@@ -266,7 +267,7 @@ bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why
             *why = QStringLiteral("cancelled");
             return false;
         }
-        if (!vx::measureHere(path, VXMeasureTruePeak, &l, &reason, cancel, nullptr, {}, &meter))
+        if (!vx::measureHere(path, flags, &l, &reason, cancel, nullptr, {}, &meter))
             l = {};
         out->tracks.push_back(l);
         out->reasons << reason;

@@ -1,5 +1,7 @@
 #include "engine/codec/VXSandbox.h"
 
+#include "engine/codec/VXWorker.h"
+
 #include <QFile>
 
 #include <cerrno>
@@ -142,7 +144,7 @@ SandboxGrant grantFor(const QStringList &command)
     } else if (verb == QLatin1String("measure") || verb == QLatin1String("probe")) {
         grant.readable << command.value(1);
     } else if (verb == QLatin1String("measure-album")) {
-        grant.readable << command.mid(1);  // the album's tracks
+        grant.readable << measureAlbumTracks(command.mid(1));
     } else {
         grant.readable << QStringLiteral("/");
     }

@@ -27,8 +27,9 @@ bool enterSandbox(const SandboxGrant &grant, QString *note = nullptr);
 void prepareSandbox();
 
 // The grant of a worker command ("transcode IN OUT ...", "measure FILE ...",
-// "probe FILE"): its input to read, its output to write. Commands that take
-// files as they come get read access everywhere and write access nowhere.
+// "probe FILE", "measure-album [--flags N] FILE..."): its input to read, its
+// output to write. Commands that take files as they come get read access
+// everywhere and write access nowhere.
 SandboxGrant grantFor(const QStringList &command);
 
 // Test seam: does what a taken-over decoder might ("socket", "exec", or

@@ -122,6 +122,8 @@ struct Run {
             lanes[l].clamp = !isLossless(lane.encoder->codec_id);
             if (l > 0 && request.measureOthers)
                 lanes[l].meter = std::make_unique<VXFrameMeter>(true);
+            if (l == 0 && request.measureInput && !VXLoudnormWeighsAlike(lane.sourceLayout))
+                lanes[l].meter = std::make_unique<VXFrameMeter>(false);
         }
         AVThreadMessageQueue *q = nullptr;
         if (av_thread_message_queue_alloc(&q, kQueueCapacity, sizeof(Handover)) < 0)
@@ -361,6 +363,8 @@ TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipe
     if (run.lastProgress < 100 && progress)
         progress(100);
 
+    if (run.lanes[0].meter)
+        outcome.input = run.lanes[0].meter->finish();
     for (size_t l = 1; l < run.lanes.size(); ++l)
         if (run.lanes[l].meter)
             outcome.otherAudio[p.lanes[l]->inIndex] = run.lanes[l].meter->finish();

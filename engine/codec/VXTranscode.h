@@ -27,6 +27,9 @@ struct TranscodeRequest {
     // others are copied unless measureOthers asks for them to be measured.
     std::map<int, std::vector<std::shared_ptr<VXFilter>>> streamFilters;
     bool measureOthers = false;
+    // The main stream as decoded, where loudnorm's meter weighs its layout
+    // wrong (see VXLoudnormWeighsAlike): its loudness and range.
+    bool measureInput = false;
     int measureOutput = -1;  // -1 no, else the VXMeasureFlag bits to measure with
 };
 
@@ -35,6 +38,7 @@ struct TranscodeOutcome {
     Status status = Failed;
     QString reason;                         // when failed
     VXLoudness output;                      // when measureOutput was asked
+    VXLoudness input;                       // when measureInput was asked and applied
     std::map<int, VXLoudness> otherAudio;   // when measureOthers was asked
 };
 

@@ -109,6 +109,12 @@ void VXTranscoding::setMeasuresOtherAudio()
         d->request.measureOthers = true;
 }
 
+void VXTranscoding::setMeasuresInput()
+{
+    if (!d->started.load())
+        d->request.measureInput = true;
+}
+
 void VXTranscoding::setMeasuresOutput(int flags)
 {
     if (!d->started.load())
@@ -198,6 +204,7 @@ vx::TranscodeOutcome VXTranscoding::Private::runInWorker(const VXTranscodingBloc
     vx::TranscodeOutcome outcome;
     outcome.output = ran.loudness;
     outcome.otherAudio = ran.streams;
+    outcome.input = ran.input;
     outcome.status = ran.cancelled ? vx::TranscodeOutcome::Cancelled
         : ran.completed            ? vx::TranscodeOutcome::Completed
                                    : vx::TranscodeOutcome::Failed;
@@ -277,6 +284,8 @@ QStringList VXTranscoding::Private::workerArguments() const
         args << QStringLiteral("--measure") << QString::number(request.measureOutput);
     if (request.measureOthers)
         args << QStringLiteral("--measure-streams") << QStringLiteral("1");
+    if (request.measureInput)
+        args << QStringLiteral("--measure-input") << QStringLiteral("1");
     auto addFilters = [&args](const std::vector<std::shared_ptr<VXFilter>> &filters) {
         for (const auto &filter : filters) {
             args << QStringLiteral("--filter") << filter->name();
@@ -305,6 +314,8 @@ void VXTranscoding::cancelTranscoding()
 VXLoudness VXTranscoding::outputLoudness() const { return d->outcome.output; }
 
 std::map<int, VXLoudness> VXTranscoding::otherAudioLoudness() const { return d->outcome.otherAudio; }
+
+VXLoudness VXTranscoding::inputLoudness() const { return d->outcome.input; }
 
 QString VXTranscoding::failureReason() const { return d->outcome.reason; }
 

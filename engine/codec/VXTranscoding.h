@@ -44,6 +44,12 @@ public:
     // and true peak); otherAudioLoudness() has the figures after the end report.
     void setMeasuresOtherAudio();
     std::map<int, VXLoudness> otherAudioLoudness() const;
+    // Measures the main stream as it is decoded where loudnorm's own meter
+    // weighs its layout's channels wrong (see VXLoudnormWeighsAlike):
+    // inputLoudness() has its loudness, range and gate after the end report,
+    // and is unmeasured for every other layout.
+    void setMeasuresInput();
+    VXLoudness inputLoudness() const;
     // Starts the work on a thread of its own and returns at once. Progress is
     // monotonic, at most about one report per percent, and exactly one end
     // report follows, after which nothing more is reported.

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -94,6 +95,19 @@ bool readValue(FILE *in, const QByteArray &rest, WorkerRun::Outcome *out)
 }
 
 } // namespace
+
+QStringList measureAlbumCommand(const QStringList &tracks, int flags)
+{
+    return QStringList{QStringLiteral("measure-album"), QStringLiteral("--flags"), QString::number(flags)} + tracks;
+}
+
+QStringList measureAlbumTracks(const QStringList &args, int *flags)
+{
+    const bool given = args.size() >= 2 && args[0] == QLatin1String("--flags");
+    if (flags)
+        *flags = given ? args[1].toInt() : 0;
+    return given ? args.mid(2) : args;
+}
 
 void stopWorkerProcess() { Zygote::instance().stop(); }
 
@@ -198,6 +212,16 @@ WorkerRun::Outcome WorkerRun::run(const Handlers &handlers)
                 break;
             if (handlers.printOut)
                 handlers.printOut(v.value(0).toInt(), bytes);
+            break;
+        }
+        case 'I': {
+            // "I I LRA THRESHOLD": the main stream as decoded.
+            const QList<QByteArray> v = rest.split(' ');
+            if (v.size() == 3) {
+                out.input.integrated = std::strtod(v[0].constData(), nullptr);
+                out.input.range = std::strtod(v[1].constData(), nullptr);
+                out.input.threshold = std::strtod(v[2].constData(), nullptr);
+            }
             break;
         }
         case 'V': stopped = !readValue(in, rest, &out); break;

@@ -47,6 +47,7 @@ public:
         VXLoudness loudness;
         QMap<QByteArray, QByteArray> values;  // named results, as the command sends them
         std::map<int, VXLoudness> streams;  // further audio streams, by index
+        VXLoudness input;  // the main stream as decoded, when measured
     };
 
     // role names what runs in the child in the reason for its crash
@@ -93,6 +94,12 @@ private:
     FILE *m_in = nullptr;  // the socket, read as reports
     int m_runs = 0;
 };
+
+// The measure-album command, "measure-album [--flags N] TRACK...", N being
+// VXMeasureFlag bits: written with the flags, read with or without them.
+QStringList measureAlbumCommand(const QStringList &tracks, int flags);
+// Its arguments after the verb: the tracks, and the flags (0 when left out).
+QStringList measureAlbumTracks(const QStringList &args, int *flags = nullptr);
 
 // Worker side: the program's whole main (it serves the program that started it).
 int workerMain(int argc, char **argv);

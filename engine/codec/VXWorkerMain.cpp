@@ -58,12 +58,15 @@ int transcode(Channel &channel, const QStringList &args)
     std::vector<std::pair<int, std::shared_ptr<VXFilter>>> filters;
     int measure = -1;
     bool measureStreams = false;
+    bool measureInput = false;
     int stream = -1;
     for (qsizetype i = 2; i + 1 < args.size(); i += 2) {
         if (args[i] == QLatin1String("--measure")) {
             measure = args[i + 1].toInt();
         } else if (args[i] == QLatin1String("--measure-streams")) {
             measureStreams = true;
+        } else if (args[i] == QLatin1String("--measure-input")) {
+            measureInput = true;
         } else if (args[i] == QLatin1String("--stream")) {
             stream = args[i + 1].toInt();
         } else if (args[i] == QLatin1String("--filter")) {
@@ -92,6 +95,8 @@ int transcode(Channel &channel, const QStringList &args)
         t->setMeasuresOutput(measure);
     if (measureStreams)
         t->setMeasuresOtherAudio();
+    if (measureInput)
+        t->setMeasuresInput();
     const int64_t result = t->transcodingHere([&](int32_t state, int64_t value) {
         if (state == VXTranscodingStateProgress)
             channel.send("P " + QByteArray::number(qint64(value)));
@@ -99,6 +104,7 @@ int transcode(Channel &channel, const QStringList &args)
     why = t->failureReason();
     const VXLoudness l = t->outputLoudness();
     const std::map<int, VXLoudness> others = t->otherAudioLoudness();
+    const VXLoudness input = t->inputLoudness();
     t.reset();  // the filters print their records now
     auto figures = [](const VXLoudness &l) {
         return QByteArray::number(l.integrated, 'g', 17) + ' ' + QByteArray::number(l.truePeak, 'g', 17) + ' '
@@ -108,6 +114,9 @@ int transcode(Channel &channel, const QStringList &args)
         channel.send("M " + figures(l));
     for (const auto &[index, loudness] : others)
         channel.send("S " + QByteArray::number(index) + ' ' + figures(loudness));
+    if (result == VXTranscodingCompleted && input.measured())
+        channel.send("I " + QByteArray::number(input.integrated, 'g', 17) + ' ' + QByteArray::number(input.range, 'g', 17)
+                     + ' ' + QByteArray::number(input.threshold, 'g', 17));
     for (size_t i = 0; i < filters.size(); ++i) {
         if (filters[i].first >= 0)
             continue;  // only the main stream's print-outs are read
@@ -150,13 +159,15 @@ int measure(Channel &channel, const QStringList &args)
 
 // Every track of an album in this one child: the album figure needs all
 // their meter states together.
-int measureAlbum(Channel &channel, const QStringList &paths)
+int measureAlbum(Channel &channel, const QStringList &args)
 {
+    int flags = 0;
+    const QStringList paths = measureAlbumTracks(args, &flags);
     if (paths.isEmpty())
         return 2;
     VXAlbumLoudness album;
     QString why;
-    const bool ok = VXMeasureAlbum(paths, &album, &why);
+    const bool ok = VXMeasureAlbum(paths, &album, &why, nullptr, flags);
     const QByteArray text = VXAlbumPrintOut(album);
     channel.send("F 0 " + QByteArray::number(text.size()), text);
     if (!ok)

@@ -48,15 +48,21 @@ QJsonObject loudnormPrintOut(const QString &path)
 }
 
 // Pass 1 the way the job runs it: wait for the end, then capture the record
-// while the transcoding is released. Returns the record, empty on failure.
-QJsonObject measure(const QString &in, const QString &out, const std::shared_ptr<VXFilter> &filter)
+// while the transcoding is released. Returns the record, empty on failure;
+// input, when given, receives the transcoding's own figures of the input.
+QJsonObject measure(const QString &in, const QString &out, const std::shared_ptr<VXFilter> &filter,
+                    VXLoudness *input = nullptr)
 {
     auto t = VXTranscoding::initWithInput(in, out);
     if (!t)
         return {};
     t->addAudioFilter(filter);
+    if (input)
+        t->setMeasuresInput();
     if (runToEnd(*t) != VXTranscodingCompleted)
         return {};
+    if (input)
+        *input = t->inputLoudness();
     filter->redirectStdErrToFile(filter->logFile());
     t.reset();
     filter->cancelRedirectStdErr();
@@ -270,4 +276,40 @@ TEST(LoudnormMeter, ShortTermCurveFollowsKnownLevels)
     EXPECT_NEAR(l.maxShortTerm, -23.0, 0.1);
     EXPECT_NEAR(l.maxMomentary, -23.0, 0.1);
     EXPECT_TRUE(std::isnan(l.truePeak));  // not asked for
+}
+
+// loudnorm's meter weighs channels by index. Where the transcoding trusts
+// it, its figure agrees with the meter that checks results; where it does
+// not (2.1, 6.1, 7.1, a 3-channel file of no stated order, which reads as
+// 2.1), the transcoding measures the input itself, as that meter does.
+// (The loudnorm meter; the reference meter measures every layout itself.)
+TEST(LoudnormMeter, InputIsMeasuredWhereLoudnormWeighsChannelsWrong)
+{
+    const struct {
+        QString layout;
+        int channels;
+        bool ours;
+    } cases[] = {
+        {"mono", 1, false}, {"stereo", 2, false}, {"2.1", 3, true},  {"quad", 4, false}, {"5.0(side)", 5, false},
+        {"5.1(side)", 6, false}, {"5.1", 6, false}, {"6.1", 7, true}, {"7.1", 8, true}, {"", 3, true},
+    };
+    for (const auto &c : cases) {
+        const QString name = QStringLiteral("input-%1.wav").arg(c.layout.isEmpty() ? "unstated" : c.layout);
+        const QString path = fixtures::makeChannels(scratchDir(), name, c.layout, c.channels, 3.0, {"-c:a", "pcm_s16le"});
+        ASSERT_FALSE(path.isEmpty()) << name.toStdString();
+        VXLoudness reference;
+        QString why;
+        ASSERT_TRUE(VXMeasureFile(path, 0, &reference, &why)) << why.toStdString();
+
+        VXLoudness input;
+        const QJsonObject record = measure(path, outPath(name), measuringFilter(-23.0f, VXMeterLoudnorm), &input);
+        ASSERT_FALSE(record.isEmpty()) << name.toStdString();
+        EXPECT_EQ(input.measured(), c.ours) << name.toStdString();
+        if (input.measured()) {
+            EXPECT_NEAR(input.integrated, reference.integrated, 0.01) << name.toStdString();
+            EXPECT_NEAR(input.threshold, reference.threshold, 0.01) << name.toStdString();
+            continue;
+        }
+        EXPECT_NEAR(record["input_i"].toString().toDouble(), reference.integrated, 0.1) << name.toStdString();
+    }
 }

@@ -125,6 +125,42 @@ QString makeAudio(const QString &dir, const QString &name, double seconds,
     return run(ffmpeg(), args) ? path : QString();
 }
 
+QString makeChannels(const QString &dir, const QString &name, const QString &layout, int channels, double seconds,
+                     const QStringList &ffmpegOutputArgs, int only)
+{
+    // Levels and pitches differ by channel, so a weight given to the wrong
+    // channel shows in the figure; the slow swell gives the gate some work.
+    // A channel sounding alone has the first channel's signal, so files
+    // that differ only in where it sounds can be compared.
+    QStringList exprs;
+    for (int c = 0; c < channels; ++c) {
+        const int k = only >= 0 ? 0 : c;
+        const double level = 0.06 + 0.03 * (k % 4);
+        exprs << ((only >= 0 && c != only)
+                      ? QStringLiteral("0")
+                      : QStringLiteral("(0.7+0.3*sin(2*PI*0.4*t))*(%1*sin(2*PI*%2*t)+%3*(2*random(%4)-1))")
+                            .arg(level)
+                            .arg(150 + 110 * k)
+                            .arg(level / 3)
+                            .arg(k));
+    }
+    const QString source = QStringLiteral("aevalsrc=exprs='%1':c=%2:s=48000:d=%3")
+                               .arg(exprs.join('|'), layout.isEmpty() ? QString::number(channels) + "c" : layout)
+                               .arg(seconds);
+    const QString path = QDir(dir).filePath(name);
+    QStringList args = quiet();
+    args << "-f" << "lavfi" << "-i" << source;
+    if (!layout.isEmpty())
+        return run(ffmpeg(), args << ffmpegOutputArgs << path) ? path : QString();
+    // Through raw samples, which carry no layout, read without a guess.
+    const QString raw = path + ".raw";
+    const bool ok = run(ffmpeg(), args << "-f" << "s16le" << raw)
+        && run(ffmpeg(), quiet() << "-guess_layout_max" << "0" << "-f" << "s16le" << "-ar" << "48000" << "-ac"
+                                 << QString::number(channels) << "-i" << raw << ffmpegOutputArgs << path);
+    QFile::remove(raw);
+    return ok ? path : QString();
+}
+
 QString makeCover(const QString &dir, const QString &ext)
 {
     const QString path = QDir(dir).filePath("cover." + ext);

@@ -41,6 +41,16 @@ inline QString makeWav(const QString &dir, const QString &name, double seconds =
     return makeAudio(dir, name, seconds, {QStringLiteral("-c:a"), QStringLiteral("pcm_s16le")}, gainDb);
 }
 
+// Writes dir/name: seconds of 48 kHz audio in an FFmpeg channel layout
+// ("5.1(side)", "7.1", ...) of the given channel count, each channel its own
+// tone and noise at its own level, encoded with ffmpegOutputArgs. With only
+// set, that channel alone sounds, with the first channel's signal (the others
+// are digital silence). An empty
+// layout leaves the order unstated, as a plain PCM WAV header does: only a
+// WAV output keeps that. Returns the full path, or "" on failure.
+QString makeChannels(const QString &dir, const QString &name, const QString &layout, int channels, double seconds,
+                     const QStringList &ffmpegOutputArgs, int only = -1);
+
 // A small cover picture (64x48, "png" or "jpg"); full path or "".
 QString makeCover(const QString &dir, const QString &ext = QStringLiteral("jpg"));
 
