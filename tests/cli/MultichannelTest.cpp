@@ -1,6 +1,7 @@
 #include "tests/cli/CliTestUtil.h"
 #include "tests/support/Fixtures.h"
 
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -33,7 +34,7 @@ std::pair<QString, int> probeChannels(const QString &path)
 // tool as a user runs it: each file reaches the level on FFmpeg's own meter
 // and keeps its channels and their layout. Surround layouts other than their
 // count's default (5.1(side), 5.0(side), quad) used to fail at the check of
-// the result.
+// the result, and 2.1 and 7.1 missed the level loudnorm's figures planned.
 TEST_F(CliRun, EveryChannelLayoutReachesTheTargetAndKeepsItsLayout)
 {
     const Layout mono{"mono", 1}, stereo{"stereo", 2}, twoOne{"2.1", 3}, quad{"quad", 4}, fiveSide{"5.0(side)", 5},
@@ -52,39 +53,40 @@ TEST_F(CliRun, EveryChannelLayoutReachesTheTargetAndKeepsItsLayout)
         // the others read back as unknown.
         {"m4a", {"-c:a", "aac", "-b:a", "256k"}, {mono, stereo, twoOne, quad, fiveOne, sevenOne}},
     };
+    // One run over every file: the tool's jobs keep both cores busy.
+    const QString in = tmp.filePath("in"), out = tmp.filePath("out");
+    QMap<QString, std::pair<QString, int>> inputs;  // by file name: ffprobe's layout and count
     for (const auto &format : formats) {
-        const QString in = tmp.filePath("in-" + format.ext), out = tmp.filePath("out-" + format.ext);
-        QMap<QString, std::pair<QString, int>> inputs;  // by file name: ffprobe's layout and count
+        QDir().mkpath(in + "/" + format.ext);
         for (const Layout &l : format.layouts) {
             const QString name = (l.name.isEmpty() ? QStringLiteral("unstated") : QString(l.name).remove('(').remove(')'))
                 + "." + format.ext;
-            QDir().mkpath(in);
-            const QString path = fixtures::makeChannels(in, name, l.name, l.channels, 3.0, format.encode);
+            const QString path = fixtures::makeChannels(in + "/" + format.ext, name, l.name, l.channels, 3.0, format.encode);
             ASSERT_FALSE(path.isEmpty()) << name.toStdString();
             inputs[name] = probeChannels(path);
             ASSERT_EQ(inputs[name].second, l.channels) << name.toStdString();
         }
-        const CliRunResult r = runCli({"--lufs", "-20", "-o", out, "--json", in});
-        EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
-        const QJsonArray results = r.json();
-        EXPECT_EQ(results.size(), inputs.size()) << r.out.toStdString();
-        for (const QJsonValue &v : results) {
-            const QJsonObject o = v.toObject();
-            const QString name = QFileInfo(o["input"].toString()).fileName();
-            ASSERT_TRUE(inputs.contains(name)) << name.toStdString();
-            ASSERT_EQ(o["result"].toString(), "ok") << name.toStdString() << ": " << o["reason"].toString().toStdString();
-            const QString output = o["output"].toString();
-            const fixtures::Loudness l = fixtures::measureLoudness(output);
-            ASSERT_TRUE(l.ok) << output.toStdString();
-            EXPECT_NEAR(l.integrated, -20.0, 0.5) << name.toStdString();
-            const auto [layout, channels] = probeChannels(output);
-            EXPECT_EQ(channels, inputs[name].second) << name.toStdString();
-            // A layout left unstated comes out as its count's default, the
-            // layout every reader takes it for.
-            EXPECT_EQ(layout, inputs[name].first.isEmpty() && channels == 3 ? "2.1" : inputs[name].first)
-                << name.toStdString();
-            std::printf("[ layout ] %-16s %s ebur128 %.1f LUFS, ours %.2f\n", qPrintable(name),
-                        qPrintable(layout), l.integrated, o["output_i"].toDouble());
-        }
+    }
+    const CliRunResult r = runCli({"--lufs", "-20", "-r", "-o", out, "--json", in});
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const QJsonArray results = r.json();
+    EXPECT_EQ(results.size(), inputs.size()) << r.out.toStdString();
+    for (const QJsonValue &v : results) {
+        const QJsonObject o = v.toObject();
+        const QString name = QFileInfo(o["input"].toString()).fileName();
+        ASSERT_TRUE(inputs.contains(name)) << name.toStdString();
+        EXPECT_EQ(o["result"].toString(), "ok") << name.toStdString() << ": " << o["reason"].toString().toStdString();
+        const QString output = o["output"].toString();
+        if (output.isEmpty())
+            continue;
+        const fixtures::Loudness l = fixtures::measureLoudness(output);
+        ASSERT_TRUE(l.ok) << output.toStdString();
+        EXPECT_NEAR(l.integrated, -20.0, 0.5) << name.toStdString();
+        const auto [layout, channels] = probeChannels(output);
+        EXPECT_EQ(channels, inputs[name].second) << name.toStdString();
+        // A layout left unstated comes out as its count's default, the
+        // layout every reader takes it for.
+        EXPECT_EQ(layout, inputs[name].first.isEmpty() && channels == 3 ? "2.1" : inputs[name].first)
+            << name.toStdString();
     }
 }
