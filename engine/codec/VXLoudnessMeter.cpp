@@ -264,8 +264,10 @@ VXLoudness VXFrameMeter::finish()
     return r;
 }
 
-bool VXLoudnormWeighsAlike(const AVChannelLayout &layout)
+bool VXLoudnormWeighsAlike(const AVChannelLayout &layout, bool dualMono)
 {
+    if (dualMono && layout.nb_channels == 1)
+        return false;  // loudnorm counts mono once
     AVChannelLayout known{};
     if (layout.order == AV_CHANNEL_ORDER_UNSPEC)
         av_channel_layout_default(&known, layout.nb_channels);

@@ -77,7 +77,8 @@ private:
 // L R C LFE Ls Rs (L R Ls Rs for four channels, L R C Ls Rs for five), and
 // leaves out every channel past the sixth: right for FFmpeg's mono, stereo,
 // 3.0, quad, 5.0 and 5.1, wrong for 2.1, 4.0, 6.1, 7.1 and others.
-bool VXLoudnormWeighsAlike(const AVChannelLayout &layout);
+// With dualMono, a mono stream is never alike: loudnorm counts it once.
+bool VXLoudnormWeighsAlike(const AVChannelLayout &layout, bool dualMono = false);
 
 // Measures the audio stream a transcoding would normalise (the best one),
 // decoding only; flags are VXMeasureFlag bits (true: the true peak too).

@@ -1,6 +1,7 @@
 #include "engine/codec/VXTranscode.h"
 
 #include "engine/codec/VXEncoderChoice.h"
+#include "engine/codec/VXFilterPrivate.h"
 #include "engine/codec/VXLog.h"
 #include "engine/codec/VXPipeline.h"
 
@@ -122,8 +123,12 @@ struct Run {
             lanes[l].clamp = !isLossless(lane.encoder->codec_id);
             if (l > 0 && request.measureOthers)
                 lanes[l].meter = std::make_unique<VXFrameMeter>(true);
-            if (l == 0 && request.measureInput && !VXLoudnormWeighsAlike(lane.sourceLayout))
-                lanes[l].meter = std::make_unique<VXFrameMeter>(false);
+            if (l == 0 && request.measureInput) {
+                const bool dualMono = !filters.empty()
+                    && (VXFilterAccess::measureFlags(*filters.front()) & VXMeasureDualMono);
+                if (!VXLoudnormWeighsAlike(lane.sourceLayout, dualMono))
+                    lanes[l].meter = std::make_unique<VXFrameMeter>(false, false, dualMono);
+            }
         }
         AVThreadMessageQueue *q = nullptr;
         if (av_thread_message_queue_alloc(&q, kQueueCapacity, sizeof(Handover)) < 0)
