@@ -1,10 +1,12 @@
 #include "engine/VXAlbumBatch.h"
 
+#include "engine/codec/VXCancel.h"
+
 #include <mutex>
 
 VXAlbumBatch::VXAlbumBatch(QStringList paths) : m_paths(std::move(paths)) {}
 
-std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const std::atomic<bool> *cancel,
+std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const VXCancel *cancel,
                                                   QString *why)
 {
     Album *album = nullptr;
@@ -36,16 +38,16 @@ std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const std
     // Waiting for another track to measure the album can take a while: a
     // cancel is not kept waiting for it.
     while (!album->lock.tryLock(100)) {
-        if (cancel && cancel->load())
+        if (cancel && cancel->isCancelled())
             return std::nullopt;
     }
     const std::unique_lock<QMutex> locker(album->lock, std::adopt_lock);
     if (!album->measured) {
-        if (cancel && cancel->load())
+        if (cancel && cancel->isCancelled())
             return std::nullopt;
         QString reason;
         const bool ok = VXMeasureAlbum(album->tracks, &album->loudness, &reason, cancel);
-        if (!ok && cancel && cancel->load())
+        if (!ok && cancel && cancel->isCancelled())
             return std::nullopt;  // the next track measures it
         album->measured = true;
         album->reason = ok ? QString() : reason;

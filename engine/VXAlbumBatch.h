@@ -9,10 +9,11 @@
 #include <QHash>
 #include <QMutex>
 #include <QStringList>
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <vector>
+
+class VXCancel;
 
 class VXAlbumBatch {
 public:
@@ -24,7 +25,7 @@ public:
     // cancel stops the measurement leaves it to the next one. nullopt with
     // a reason when the album or this track could not be measured, or with
     // none when cancelled.
-    std::optional<VXAlbumMember> member(const QString &path, const std::atomic<bool> *cancel, QString *why);
+    std::optional<VXAlbumMember> member(const QString &path, const VXCancel *cancel, QString *why);
 
 private:
     struct Album {

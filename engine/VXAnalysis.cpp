@@ -40,10 +40,11 @@ std::optional<VXGainPlan> VXPlanGain(const VXLoudness &loudness, float targetLuf
     return filter->linearPlan();
 }
 
-VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks)
+VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks,
+                         const VXCancel *cancel)
 {
     VXAnalysis a;
-    a.ok = VXMeasureFile(path, VXMeasureTruePeak | VXMeasureCurve, &a.loudness, &a.reason);
+    a.ok = VXMeasureFile(path, VXMeasureTruePeak | VXMeasureCurve, &a.loudness, &a.reason, cancel);
     if (!a.ok)
         return a;
     if (const auto plan = VXPlanGain(a.loudness, targetLufs, ceiling, limitPeaks)) {

@@ -19,8 +19,10 @@ struct VXAnalysis {
 };
 
 // Decodes path once (at its own rate, nothing written) and plans the gain
-// as a job would. Blocks: run it on a pool thread.
-VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks);
+// as a job would. Blocks: run it on a pool thread; a cancel, when given,
+// ends it at once (not ok, reason "cancelled").
+VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks,
+                         const VXCancel *cancel = nullptr);
 
 // The job's planning from a measurement: the gain toward target, capped or
 // limited at the ceiling; nullopt for silence.

@@ -57,7 +57,7 @@ void VXAudioGain::runPass(Job &job, const std::shared_ptr<VXTranscoding> &transc
         // ends at once.
         QMutexLocker locker(&m_lock);
         m_transCoding = transcoding;
-        cancelled = m_cancelGain;
+        cancelled = m_cancel.isCancelled();
     }
     if (cancelled)
         transcoding->cancelTranscoding();
@@ -93,10 +93,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         m_measurement.clear();
         m_result = {};
     }
-    auto cancelRequested = [this] {
-        QMutexLocker locker(&m_lock);
-        return m_cancelGain;
-    };
+    auto cancelRequested = [this] { return m_cancel.isCancelled(); };
     if (cancelRequested())
         return -2;
     if (qint64 end = 0; !resolveAlbum(&end))
@@ -123,13 +120,14 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     } else if (quick) {
         // Decoding alone at the file's own rate: nothing written, and a
         // record for every file that decodes (silence included), so no
-        // single-pass fallback. A cancel waits for it, seconds at most.
+        // single-pass fallback.
         VXLoudness measured;
-        if (!VXMeasureFile(input, VXMeasureTruePeak | VXMeasureOtherStreams, &measured, &why, nullptr,
-                           &job.otherStreams))
-            return fail(why);
+        const bool ok = VXMeasureFile(input, VXMeasureTruePeak | VXMeasureOtherStreams, &measured, &why, &m_cancel,
+                                      &job.otherStreams);
         if (cancelRequested())
             return -2;
+        if (!ok)
+            return fail(why);
         record = QJsonObject::fromVariantMap(VXMeasurementRecord(measured));
         job.filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
         job.filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));

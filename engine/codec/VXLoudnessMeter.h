@@ -6,7 +6,6 @@
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
-#include <atomic>
 #include <cmath>
 #include <map>
 #include <memory>
@@ -39,6 +38,7 @@ enum VXMeasureFlag {
 };
 
 struct AVFrame;
+class VXCancel;
 
 // Decoded frames in, figures out: for measuring inside a decoding loop. The
 // first frame fixes the rate and layout; later frames that differ
@@ -66,11 +66,12 @@ private:
 
 // Measures the audio stream a transcoding would normalise (the best one),
 // decoding only; flags are VXMeasureFlag bits (true: the true peak too).
-// False with a reason when the file cannot be read; cancel, when given and
-// set, stops it early (also false). With VXMeasureOtherStreams and others
-// given, the further audio streams' figures go there by stream index.
+// False with a reason when the file cannot be read; a cancel, when one is
+// given, stops it at once, in the worker child too (also false, "cancelled").
+// With VXMeasureOtherStreams and others given, the further audio streams'
+// figures go there by stream index.
 bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why,
-                   const std::atomic<bool> *cancel = nullptr, std::map<int, VXLoudness> *others = nullptr);
+                   const VXCancel *cancel = nullptr, std::map<int, VXLoudness> *others = nullptr);
 
 // The figures beyond integrated, true peak and range, as the worker's
 // measure command prints them for VXMeasureFile to read back.
@@ -85,8 +86,9 @@ struct VXAlbumLoudness {
     VXLoudness album;
 };
 
-// Measures paths as one album; false with a reason when no track measures.
+// Measures paths as one album; false with a reason when no track measures,
+// or when cancel stops it (as VXMeasureFile's).
 bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why,
-                    const std::atomic<bool> *cancel = nullptr);
+                    const VXCancel *cancel = nullptr);
 // The worker's measure-album print-out, for VXMeasureAlbum to read back.
 QByteArray VXAlbumPrintOut(const VXAlbumLoudness &album);

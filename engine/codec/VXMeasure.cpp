@@ -4,6 +4,7 @@
 
 #include "engine/codec/VXLoudnessMeter.h"
 
+#include "engine/codec/VXCancel.h"
 #include "engine/codec/VXLibav.h"
 #include "engine/codec/VXProbe.h"
 #include "engine/codec/VXWorker.h"
@@ -59,22 +60,23 @@ namespace {
 
 // The decoding loop, here in this process; keep, when given, receives the
 // best stream's meter with its state, for figures over several files.
-bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
+bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
                  std::map<int, VXLoudness> *others, std::unique_ptr<VXFrameMeter> *keep = nullptr);
 
 } // namespace
 
-bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
+bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
                    std::map<int, VXLoudness> *others)
 {
     if (!vx::workerProgram().isEmpty()) {
         // Decoding the result can crash like any decoding: in the child too.
         vx::WorkerRun run({QStringLiteral("measure"), path, QString::number(flags)}, 600.0);
+        const VXCancel::Stopper stopper = VXCancel::onCancel(cancel, [&run] { run.cancel(); });
         QByteArray printOut;
         const vx::WorkerRun::Outcome outcome
             = run.run({nullptr, [&](int, const QByteArray &bytes) { printOut = bytes; }});
         *out = outcome.loudness;
-        *why = outcome.reason;
+        *why = outcome.cancelled ? QStringLiteral("cancelled") : outcome.reason;
         if (!printOut.isEmpty())
             readCurveText(printOut, out);
         if ((flags & VXMeasureOtherStreams) && others)
@@ -86,7 +88,7 @@ bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why
 
 namespace {
 
-bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
+bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
                  std::map<int, VXLoudness> *others, std::unique_ptr<VXFrameMeter> *keep)
 {
     const bool truePeak = flags & VXMeasureTruePeak;
@@ -149,7 +151,7 @@ bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, 
         return !meters.front().broken;
     };
     while (av_read_frame(input.get(), packet.get()) >= 0) {
-        if (cancel && cancel->load()) {
+        if (cancel && cancel->isCancelled()) {
             *why = QStringLiteral("cancelled");
             return false;
         }
@@ -227,7 +229,7 @@ bool readAlbumText(const QByteArray &text, qsizetype count, VXAlbumLoudness *a)
 
 } // namespace
 
-bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why, const std::atomic<bool> *cancel)
+bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why, const VXCancel *cancel)
 {
     *out = {};
     if (!vx::workerProgram().isEmpty()) {
@@ -237,11 +239,14 @@ bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why
         QStringList command{QStringLiteral("measure-album")};
         command += paths;
         vx::WorkerRun run(command, 600.0 * double(std::max<qsizetype>(1, paths.size())));
+        const VXCancel::Stopper stopper = VXCancel::onCancel(cancel, [&run] { run.cancel(); });
         QByteArray printOut;
         const vx::WorkerRun::Outcome outcome
             = run.run({nullptr, [&](int, const QByteArray &bytes) { printOut = bytes; }});
         if (!outcome.completed || !readAlbumText(printOut, paths.size(), out)) {
-            *why = outcome.reason.isEmpty() ? QStringLiteral("the album could not be measured") : outcome.reason;
+            *why = outcome.cancelled      ? QStringLiteral("cancelled")
+                : outcome.reason.isEmpty() ? QStringLiteral("the album could not be measured")
+                                           : outcome.reason;
             *out = {};
             return false;
         }
@@ -252,7 +257,7 @@ bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why
         VXLoudness l;
         QString reason;
         std::unique_ptr<VXFrameMeter> meter;
-        if (cancel && cancel->load()) {
+        if (cancel && cancel->isCancelled()) {
             *why = QStringLiteral("cancelled");
             return false;
         }
