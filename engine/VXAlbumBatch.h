@@ -9,7 +9,9 @@
 #include <QHash>
 #include <QMutex>
 #include <QStringList>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -21,17 +23,19 @@ public:
 
     // The album figures of path, one of the batch's. The tags of every file
     // are read at the first call, and each album is measured once, by the
-    // first of its tracks to ask; the others wait for it. A track whose
-    // cancel stops the measurement leaves it to the next one. nullopt with
-    // a reason when the album or this track could not be measured, or with
-    // none when cancelled.
+    // first of its tracks to ask; the others wait for it. A cancel ends the
+    // wait at once; one that stops the measurement leaves it to the next
+    // track. nullopt with a reason when the album or this track could not
+    // be measured, or with none when cancelled.
     std::optional<VXAlbumMember> member(const QString &path, const VXCancel *cancel, QString *why);
 
 private:
     struct Album {
-        QMutex lock;
+        std::mutex lock;  // guards what follows the name
+        std::condition_variable changed;  // a measurement ended, or a waiter's cancel came
         QString name;
         QStringList tracks;
+        bool measuring = false;  // a track is measuring it now, without the lock
         bool measured = false;  // tried and ended, successfully or not
         VXAlbumLoudness loudness;
         QString reason;
