@@ -242,8 +242,8 @@ bool AppDelegate::applicationWillTerminate()
     // Hops are refused from here on, so neither a walk nor a job can wait
     // for this thread while it waits for them.
     VXMainThread::shutdown();
+    m_analysisCancel->cancel();  // ends them while the jobs are waited for
     const bool jobsEnded = VXAudioGain::cancelAllJobsAndWait(kJobDrainMsecs);
-    m_analysisCancel->store(true);
     m_importPool.waitForDone(kImportDrainMsecs);
     m_analysisPool.waitForDone(kImportDrainMsecs);
     VXAudioGain::cleanCache();

@@ -16,6 +16,7 @@
 
 #include "engine/VXAudioGain.h"
 #include "engine/VXAudioGainList.h"
+#include "engine/codec/VXCancel.h"
 #include "engine/codec/VXError.h"
 #include "views/RQTableCellView.h"
 
@@ -215,8 +216,8 @@ private:
     int m_runningImports = 0;
     QThreadPool m_importPool;
     QThreadPool m_analysisPool;
-    // Set at shutdown; read by the measurements under way.
-    std::shared_ptr<std::atomic<bool>> m_analysisCancel = std::make_shared<std::atomic<bool>>(false);
+    // Cancelled at shutdown: stops the measurements under way.
+    std::shared_ptr<VXCancel> m_analysisCancel = std::make_shared<VXCancel>();
     int m_runningAnalyses = 0;
 
     // The position last chosen in the popup, given to every new row.

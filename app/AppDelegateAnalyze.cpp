@@ -31,7 +31,7 @@ void AppDelegate::analyzeSelected()
 void AppDelegate::analyze(const VXAudioGainPtr &item, const QString &path, bool output)
 {
     ++m_runningAnalyses;
-    const std::shared_ptr<std::atomic<bool>> cancel = m_analysisCancel;
+    const std::shared_ptr<const VXCancel> cancel = m_analysisCancel;
     const int flags = VXMeasureTruePeak | VXMeasureCurve
         | (RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->dualMono() ? VXMeasureDualMono : 0);
     QtConcurrent::run(&m_analysisPool,

@@ -82,7 +82,7 @@ void AppDelegate::gainAudios()
     }
     // The albums of this press: its own files, grouped by the first job to run.
     const auto albums
-        = m_ui->actionTreatAsAlbums->isChecked() ? std::make_shared<VXAlbumBatch>(paths) : nullptr;
+        = m_ui->actionTreatAsAlbums->isChecked() ? std::make_shared<VXAlbumBatch>(paths, dualMono ? VXMeasureDualMono : 0) : nullptr;
     bool started = false;
     for (const VXAudioGainPtr &item : std::as_const(items)) {
         // Copied now, so later changes of the window apply to the next press only.

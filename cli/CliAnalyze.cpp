@@ -2,6 +2,7 @@
 
 #include "engine/VXAudioGain.h"
 #include "engine/VXMainThread.h"
+#include "engine/codec/VXCancel.h"
 
 #include <QEventLoop>
 #include <QFileInfo>
@@ -10,13 +11,13 @@
 #include <QTimer>
 
 void cliRunOnPool(int count, int jobs, const std::function<void(int)> &work, const std::function<void(int)> &done,
-                  const std::atomic<bool> &cancel)
+                  const VXCancel &cancel)
 {
     QEventLoop loop;
     QObject context;
     int next = 0, running = 0;
     std::function<void()> startMore = [&] {
-        while (running < jobs && next < count && !cancel.load()) {
+        while (running < jobs && next < count && !cancel.isCancelled()) {
             const int i = next++;
             ++running;
             VXStartOnPool(VXAudioGain::jobPool(), [&, i] {

@@ -4,9 +4,10 @@
 #include "engine/VXAlbum.h"
 #include "engine/VXAnalysis.h"
 #include "engine/VXReplayGain.h"
+#include "engine/codec/VXCancel.h"
 
 CliAlbums cliMeasureAlbums(QList<CliFileResult> &results, const QList<int> &indices, const CliOptions &opt,
-                           float targetLufs, const std::atomic<bool> &cancel)
+                           float targetLufs, const VXCancel &cancel)
 {
     CliAlbums albums(size_t(results.size()));
     QStringList paths;
@@ -19,7 +20,9 @@ CliAlbums cliMeasureAlbums(QList<CliFileResult> &results, const QList<int> &indi
         QStringList tracks;
         for (const int m : groups[g].members)
             tracks << paths[m];
-        VXMeasureAlbum(tracks, &measured[size_t(g)], &why[size_t(g)], &cancel);
+        if (!VXMeasureAlbum(tracks, &measured[size_t(g)], &why[size_t(g)], &cancel,
+                            opt.dualMono ? VXMeasureDualMono : 0) && cancel.isCancelled())
+            why[size_t(g)].clear();  // not a failure of the album's
     }, [](int) {}, cancel);
     for (qsizetype g = 0; g < groups.size(); ++g) {
         const VXAlbumLoudness &a = measured[size_t(g)];
@@ -46,10 +49,11 @@ CliAlbums cliMeasureAlbums(QList<CliFileResult> &results, const QList<int> &indi
 }
 
 void cliWriteTags(QList<CliFileResult> &results, const QList<int> &indices, const CliAlbums &albums,
-                  const CliOptions &opt, const std::atomic<bool> &cancel, const std::function<void(const QString &)> &say)
+                  const CliOptions &opt, const VXCancel &cancel, const std::function<void(const QString &)> &say)
 {
     struct Done {
         bool ended = false;
+        bool cancelled = false;  // stopped while measuring: nothing written
         VXLoudness track;
         VXReplayGain written;
         VXPlacement::Result placed;
@@ -66,13 +70,18 @@ void cliWriteTags(QList<CliFileResult> &results, const QList<int> &indices, cons
         }
         if (member)
             d.track = member->track;
-        else if (!VXMeasureFile(r.input, VXMeasureTruePeak | (opt.dualMono ? VXMeasureDualMono : 0), &d.track, &d.placed.error, &cancel))
+        else if (!VXMeasureFile(r.input, VXMeasureTruePeak | (opt.dualMono ? VXMeasureDualMono : 0), &d.track,
+                                &d.placed.error, &cancel)) {
+            d.cancelled = cancel.isCancelled();
             return;
+        }
         d.written = VXReplayGainFor(d.track, member ? &member->album : nullptr);
         d.placed = VXTagFile(r.input, opt.outputFolder, d.written, opt.preserveMtime);
     }, [&](int k) {
         Done &d = done[size_t(k)];
         CliFileResult &r = results[indices[k]];
+        if (d.cancelled)
+            return;
         d.ended = true;
         r.measurement = VXMeasurementRecord(d.track);
         r.measurement.remove(QStringLiteral("target_offset"));

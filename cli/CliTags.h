@@ -7,7 +7,6 @@
 #include "cli/CliReport.h"
 #include "engine/VXAudioGain.h"
 
-#include <atomic>
 #include <functional>
 #include <optional>
 #include <vector>
@@ -16,11 +15,13 @@ using CliAlbums = std::vector<std::optional<VXAlbumMember>>;  // by result index
 
 // Groups the inputs of results[indices] into albums, measures each album on
 // the job pool and fills in each result's album figures. A track whose album
-// could not be measured has no entry.
+// could not be measured has no entry; so has every track when cancel
+// stops the measuring.
 CliAlbums cliMeasureAlbums(QList<CliFileResult> &results, const QList<int> &indices, const CliOptions &opt,
-                           float targetLufs, const std::atomic<bool> &cancel);
+                           float targetLufs, const VXCancel &cancel);
 
 // Measures each of results[indices] (unless its album already did) and
-// writes its tags; fills in the outcome and what was written.
+// writes its tags; fills in the outcome and what was written. A file that
+// cancel stops ends as cancelled, untouched.
 void cliWriteTags(QList<CliFileResult> &results, const QList<int> &indices, const CliAlbums &albums,
-                  const CliOptions &opt, const std::atomic<bool> &cancel, const std::function<void(const QString &)> &say);
+                  const CliOptions &opt, const VXCancel &cancel, const std::function<void(const QString &)> &say);

@@ -8,6 +8,7 @@
 #include "engine/VXAnalysis.h"
 #include "engine/VXAudioGain.h"
 #include "engine/VXImport.h"
+#include "engine/codec/VXCancel.h"
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXLog.h"
 #include "engine/codec/VXTranscode.h"
@@ -192,13 +193,18 @@ int main(int argc, char *argv[])
     // (with --replace nothing else is left of them afterwards).
     std::vector<VXLoudness> inputCurves(size_t(results.size()));
     const bool plot = !opt.plotFolder.isEmpty();
+    // Stops the measuring around the batch (albums, tags, analysis,
+    // pictures): given the interrupt here, on the event loop, since the
+    // signal handler may only touch lock-free flags.
+    VXCancel measuring;
     const QMetaObject::Connection measuringSignals
         = QObject::connect(&signalWatcher, &CliSignals::interrupted, &app, [&](int count) {
               if (count >= 2) {
                   VXAudioGain::cleanCache();
                   _exit(CliSignals::exitStatus());
               }
-              say(QStringLiteral("Interrupted: finishing the files being measured (Ctrl-C again to quit at once)"));
+              say(QStringLiteral("Interrupted: cancelling the files being measured (Ctrl-C again to quit at once)"));
+              measuring.cancel();
           });
     // Albums are measured whole before any of their tracks is touched: the
     // batch then applies each album's gain to its tracks.
@@ -208,7 +214,7 @@ int main(int argc, char *argv[])
         for (qsizetype i = 0; i < results.size(); ++i)
             if (results[i].outcome != CliOutcome::Missing && results[i].outcome != CliOutcome::Refused)
                 members << int(i);
-        albums = cliMeasureAlbums(results, members, opt, targetLufs, CliSignals::pending());
+        albums = cliMeasureAlbums(results, members, opt, targetLufs, measuring);
         for (const CliBatch::Job &j : std::as_const(jobs))
             j.item->setAlbumMember(albums[size_t(j.result)]);
     }
@@ -217,7 +223,7 @@ int main(int argc, char *argv[])
         for (qsizetype i = 0; i < results.size(); ++i)
             if (results[i].outcome == CliOutcome::Analyzed)
                 todo << int(i);
-        cliWriteTags(results, todo, albums, opt, CliSignals::pending(), say);
+        cliWriteTags(results, todo, albums, opt, measuring, say);
     }
     // On a pool thread: reads the results, writes only its own slot of
     // pictureWarnings.
@@ -243,7 +249,7 @@ int main(int argc, char *argv[])
         cliRunOnPool(int(measured.size()), opt.jobs, [&](int k) {
             const int i = measured[k];
             VXAnalysis a = VXAnalyzeFile(std::as_const(results)[i].input, targetLufs, opt.truePeak, opt.limitPeaks,
-                                         opt.dualMono);
+                                         opt.dualMono, &measuring);
             inputCurves[size_t(i)] = a.loudness;
             if (a.ok && opt.analyze && plot)
                 drawPicture(i, {});
@@ -251,6 +257,8 @@ int main(int argc, char *argv[])
         }, [&](int k) {
             CliFileResult &r = results[measured[k]];
             const VXAnalysis &a = analyses[size_t(k)];
+            if (!a.ok && measuring.isCancelled())
+                return;  // cancelled, not failed
             ended[size_t(k)] = 1;
             r.maxShortTerm = a.loudness.maxShortTerm;
             r.maxMomentary = a.loudness.maxMomentary;
@@ -267,7 +275,7 @@ int main(int argc, char *argv[])
             }
             say(QStringLiteral("%1  %2%3").arg(outcomeName(r.outcome), -9).arg(r.input,
                                                  r.reason.isEmpty() ? QString() : QStringLiteral(": ") + r.reason));
-        }, CliSignals::pending());
+        }, measuring);
         for (qsizetype k = 0; opt.analyze && k < measured.size(); ++k)
             if (!ended[size_t(k)])
                 results[measured[k]].outcome = CliOutcome::Cancelled;
@@ -303,6 +311,7 @@ int main(int argc, char *argv[])
         }
         progress.message(QStringLiteral("Interrupted: cancelling running files (Ctrl-C again to quit at once)"));
         batch.cancel();
+        measuring.cancel();  // and the pictures after it
     });
     if (!opt.analyze && !opt.tagsOnly) {
         batch.start();
@@ -323,9 +332,11 @@ int main(int argc, char *argv[])
             VXLoudness output;
             QString why;
             if (!results[i].output.isEmpty())
-                VXMeasureFile(results[i].output, VXMeasureCurve | (opt.dualMono ? VXMeasureDualMono : 0), &output, &why);
-            drawPicture(i, output);
-        }, [](int) {}, CliSignals::pending());
+                VXMeasureFile(results[i].output, VXMeasureCurve | (opt.dualMono ? VXMeasureDualMono : 0), &output,
+                              &why, &measuring);
+            if (!measuring.isCancelled())
+                drawPicture(i, output);
+        }, [](int) {}, measuring);
     }
     for (qsizetype i = 0; i < results.size(); ++i)
         if (!pictureWarnings[size_t(i)].isEmpty())

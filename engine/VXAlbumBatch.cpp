@@ -1,10 +1,10 @@
 #include "engine/VXAlbumBatch.h"
 
-#include <mutex>
+#include "engine/codec/VXCancel.h"
 
-VXAlbumBatch::VXAlbumBatch(QStringList paths) : m_paths(std::move(paths)) {}
+VXAlbumBatch::VXAlbumBatch(QStringList paths, int flags) : m_paths(std::move(paths)), m_flags(flags) {}
 
-std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const std::atomic<bool> *cancel,
+std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const VXCancel *cancel,
                                                   QString *why)
 {
     Album *album = nullptr;
@@ -34,20 +34,31 @@ std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const std
         track = place->second;
     }
     // Waiting for another track to measure the album can take a while: a
-    // cancel is not kept waiting for it.
-    while (!album->lock.tryLock(100)) {
-        if (cancel && cancel->load())
-            return std::nullopt;
-    }
-    const std::unique_lock<QMutex> locker(album->lock, std::adopt_lock);
+    // cancel wakes the wait. Declared before the lock, the stopper is
+    // removed after the lock is released, since a cancel takes its own
+    // lock and then the album's.
+    const VXCancel::Stopper wake = VXCancel::onCancel(cancel, [album] {
+        const std::lock_guard<std::mutex> guard(album->lock);
+        album->changed.notify_all();
+    });
+    auto cancelled = [cancel] { return cancel && cancel->isCancelled(); };
+    std::unique_lock<std::mutex> locker(album->lock);
+    album->changed.wait(locker, [&] { return !album->measuring || cancelled(); });
+    if (cancelled())
+        return std::nullopt;
     if (!album->measured) {
-        if (cancel && cancel->load())
-            return std::nullopt;
+        album->measuring = true;
+        locker.unlock();
+        VXAlbumLoudness loudness;
         QString reason;
-        const bool ok = VXMeasureAlbum(album->tracks, &album->loudness, &reason, cancel);
-        if (!ok && cancel && cancel->load())
+        const bool ok = VXMeasureAlbum(album->tracks, &loudness, &reason, cancel, m_flags);
+        locker.lock();
+        album->measuring = false;
+        album->changed.notify_all();
+        if (!ok && cancelled())
             return std::nullopt;  // the next track measures it
         album->measured = true;
+        album->loudness = std::move(loudness);
         album->reason = ok ? QString() : reason;
     }
     const VXAlbumLoudness &a = album->loudness;

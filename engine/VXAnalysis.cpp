@@ -40,11 +40,12 @@ std::optional<VXGainPlan> VXPlanGain(const VXLoudness &loudness, float targetLuf
     return filter->linearPlan();
 }
 
-VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks, bool dualMono)
+VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks, bool dualMono,
+                         const VXCancel *cancel)
 {
     VXAnalysis a;
     const int flags = VXMeasureTruePeak | VXMeasureCurve | (dualMono ? VXMeasureDualMono : 0);
-    a.ok = VXMeasureFile(path, flags, &a.loudness, &a.reason);
+    a.ok = VXMeasureFile(path, flags, &a.loudness, &a.reason, cancel);
     if (!a.ok)
         return a;
     if (const auto plan = VXPlanGain(a.loudness, targetLufs, ceiling, limitPeaks)) {

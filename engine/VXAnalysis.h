@@ -19,10 +19,11 @@ struct VXAnalysis {
 };
 
 // Decodes path once (at its own rate, nothing written) and plans the gain
-// as a job would. Blocks: run it on a pool thread.
-// dualMono measures a mono file as played on two speakers.
+// as a job would. Blocks: run it on a pool thread; a cancel, when given,
+// ends it at once (not ok, reason "cancelled"). dualMono measures a mono
+// file as played on two speakers.
 VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks,
-                         bool dualMono = false);
+                         bool dualMono = false, const VXCancel *cancel = nullptr);
 
 // The job's planning from a measurement: the gain toward target, capped or
 // limited at the ceiling; nullopt for silence.

@@ -14,6 +14,7 @@
 #include "engine/VXLoudnessScale.h"
 #include "engine/codec/VXError.h"
 #include "engine/VXReplayGain.h"
+#include "engine/codec/VXCancel.h"
 #include "engine/codec/VXLoudnessMeter.h"
 
 class QThreadPool;
@@ -276,8 +277,6 @@ private:
     std::optional<VXAlbumMember> m_album;  // under m_lock
     std::shared_ptr<VXAlbumBatch> m_albumBatch;  // under m_lock
     std::atomic<bool> m_tagsOnly{false};
-    // Mirrors m_cancelGain for waits that poll a flag (album measurement).
-    std::atomic<bool> m_cancelRequested{false};
     std::atomic<float> m_truePeakCeiling{-2.0f};
     std::atomic<bool> m_limitPeaks{false};
     std::atomic<bool> m_measureWithLoudnorm{false};
@@ -285,7 +284,9 @@ private:
     std::atomic<double> m_skipWithin{NAN};
     std::atomic<bool> m_preserveModificationTime{false};
     std::shared_ptr<VXTranscoding> m_transCoding;
-    bool m_cancelGain = false;  // under m_lock, read with m_transCoding
+    // Set under m_lock, read there with m_transCoding; its stoppers reach
+    // the measurements, which run without a transcoding.
+    VXCancel m_cancel;
     quint64 m_duration = 0;
     QImage m_face;
     std::atomic<bool> m_replaceOriginalFile{false};

@@ -30,7 +30,7 @@ bool VXAudioGain::resolveAlbum(qint64 *end)
         batch = m_albumBatch;
     }
     QString why;
-    std::optional<VXAlbumMember> member = batch->member(inputFile(), &m_cancelRequested, &why);
+    std::optional<VXAlbumMember> member = batch->member(inputFile(), &m_cancel, &why);
     if (!member) {
         *end = why.isEmpty() ? -2 : fail(why);
         return false;
@@ -46,14 +46,14 @@ qint64 VXAudioGain::runTagsOnly()
     QString why;
     if (album)
         track = album->track;
-    else if (!VXMeasureFile(inputFile(), measureFlags(), &track, &why, &m_cancelRequested))
-        return m_cancelRequested.load() ? -2 : fail(why);
+    else if (!VXMeasureFile(inputFile(), measureFlags(), &track, &why, &m_cancel))
+        return m_cancel.isCancelled() ? -2 : fail(why);
     {
         QMutexLocker locker(&m_lock);
         m_measurement = VXMeasurementRecord(track);
         m_measurement.remove(QStringLiteral("target_offset"));
     }
-    if (m_cancelRequested.load())
+    if (m_cancel.isCancelled())
         return -2;
     const VXReplayGain gains = VXReplayGainFor(track, album ? &album->album : nullptr);
     // Nothing left to cancel from here: the tagged copy replaces the file

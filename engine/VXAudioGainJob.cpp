@@ -60,7 +60,7 @@ void VXAudioGain::runPass(Job &job, const std::shared_ptr<VXTranscoding> &transc
         // ends at once.
         QMutexLocker locker(&m_lock);
         m_transCoding = transcoding;
-        cancelled = m_cancelGain;
+        cancelled = m_cancel.isCancelled();
     }
     if (cancelled)
         transcoding->cancelTranscoding();
@@ -211,10 +211,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         m_measurement.clear();
         m_result = {};
     }
-    auto cancelRequested = [this] {
-        QMutexLocker locker(&m_lock);
-        return m_cancelGain;
-    };
+    auto cancelRequested = [this] { return m_cancel.isCancelled(); };
     if (cancelRequested())
         return -2;
     if (qint64 end = 0; !resolveAlbum(&end))

@@ -44,8 +44,7 @@ void VXAudioGain::gainWithBlock(VXGainBlock block)
 {
     {
         QMutexLocker locker(&m_lock);
-        m_cancelGain = false;  // a restart must not inherit the last cancel
-        m_cancelRequested = false;
+        m_cancel.reset();  // a restart must not inherit the last cancel
     }
     auto self = shared_from_this();
     {
@@ -84,8 +83,7 @@ void VXAudioGain::cancelGain()
     // the job's release must drop the last reference, since that is when the
     // measurement record is printed into the capture.
     QMutexLocker locker(&m_lock);
-    m_cancelGain = true;
-    m_cancelRequested = true;
+    m_cancel.cancel();
     if (m_transCoding)
         m_transCoding->cancelTranscoding();
 }

@@ -6,7 +6,6 @@
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
-#include <atomic>
 #include <cmath>
 #include <map>
 #include <memory>
@@ -43,6 +42,7 @@ enum VXMeasureFlag {
 
 struct AVFrame;
 struct AVChannelLayout;
+class VXCancel;
 
 // Decoded frames in, figures out: for measuring inside a decoding loop. The
 // first frame fixes the rate and layout (one of no stated order is its
@@ -83,11 +83,12 @@ bool VXLoudnormWeighsAlike(const AVChannelLayout &layout, bool dualMono = false)
 // Measures the audio stream a transcoding would normalise (the best one),
 // decoding only; flags are VXMeasureFlag bits (true: the true peak too).
 // With VXMeasureDualMono a mono file reads 3 dB louder.
-// False with a reason when the file cannot be read; cancel, when given and
-// set, stops it early (also false). With VXMeasureOtherStreams and others
-// given, the further audio streams' figures go there by stream index.
+// False with a reason when the file cannot be read; a cancel, when one is
+// given, stops it at once, in the worker child too (also false, "cancelled").
+// With VXMeasureOtherStreams and others given, the further audio streams'
+// figures go there by stream index.
 bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why,
-                   const std::atomic<bool> *cancel = nullptr, std::map<int, VXLoudness> *others = nullptr);
+                   const VXCancel *cancel = nullptr, std::map<int, VXLoudness> *others = nullptr);
 
 // The figures beyond integrated, true peak and range, as the worker's
 // measure command prints them for VXMeasureFile to read back.
@@ -102,10 +103,11 @@ struct VXAlbumLoudness {
     VXLoudness album;
 };
 
-// Measures paths as one album; false with a reason when no track measures.
-// Of the flags, VXMeasureDualMono applies (to each mono track); the true
-// peak is always measured.
+// Measures paths as one album; false with a reason when no track measures,
+// or when cancel stops it (as VXMeasureFile's). Of the flags,
+// VXMeasureDualMono applies (to each mono track); the true peak is always
+// measured.
 bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why,
-                    const std::atomic<bool> *cancel = nullptr, int flags = 0);
+                    const VXCancel *cancel = nullptr, int flags = 0);
 // The worker's measure-album print-out, for VXMeasureAlbum to read back.
 QByteArray VXAlbumPrintOut(const VXAlbumLoudness &album);

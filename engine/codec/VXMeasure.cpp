@@ -5,6 +5,7 @@
 #include "engine/codec/VXLoudnessMeter.h"
 #include "engine/codec/VXMeasurePrivate.h"
 
+#include "engine/codec/VXCancel.h"
 #include "engine/codec/VXLibav.h"
 #include "engine/codec/VXProbe.h"
 #include "engine/codec/VXWorker.h"
@@ -60,17 +61,18 @@ struct StreamMeter {
 
 QByteArray VXCurvePrintOut(const VXLoudness &loudness) { return curveText(loudness); }
 
-bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
+bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
                    std::map<int, VXLoudness> *others)
 {
     if (!vx::workerProgram().isEmpty()) {
         // Decoding the result can crash like any decoding: in the child too.
         vx::WorkerRun run({QStringLiteral("measure"), path, QString::number(flags)}, 600.0);
+        const VXCancel::Stopper stopper = VXCancel::onCancel(cancel, [&run] { run.cancel(); });
         QByteArray printOut;
         const vx::WorkerRun::Outcome outcome
             = run.run({nullptr, [&](int, const QByteArray &bytes) { printOut = bytes; }});
         *out = outcome.loudness;
-        *why = outcome.reason;
+        *why = outcome.cancelled ? QStringLiteral("cancelled") : outcome.reason;
         if (!printOut.isEmpty())
             vx::readCurveText(printOut, out);
         if ((flags & VXMeasureOtherStreams) && others)
@@ -80,7 +82,7 @@ bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why
     return vx::measureHere(path, flags, out, why, cancel, others);
 }
 
-bool vx::measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const std::atomic<bool> *cancel,
+bool vx::measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
                      std::map<int, VXLoudness> *others, const std::function<void(int)> &progress,
                      std::unique_ptr<VXFrameMeter> *keep)
 {
@@ -150,7 +152,7 @@ bool vx::measureHere(const QString &path, int flags, VXLoudness *out, QString *w
     const int64_t lengthUs = progress ? input->duration : 0;
     int lastPercent = -1;
     while (av_read_frame(input.get(), packet.get()) >= 0) {
-        if (cancel && cancel->load()) {
+        if (cancel && cancel->isCancelled()) {
             *why = QStringLiteral("cancelled");
             return false;
         }
@@ -238,7 +240,7 @@ bool readAlbumText(const QByteArray &text, qsizetype count, VXAlbumLoudness *a)
 
 } // namespace
 
-bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why, const std::atomic<bool> *cancel,
+bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why, const VXCancel *cancel,
                     int flags)
 {
     *out = {};
@@ -248,11 +250,14 @@ bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why
         // states do not cross a pipe: one child measures the whole album and
         // sends back figures only. Albums still run side by side.
         vx::WorkerRun run(vx::measureAlbumCommand(paths, flags), 600.0 * double(std::max<qsizetype>(1, paths.size())));
+        const VXCancel::Stopper stopper = VXCancel::onCancel(cancel, [&run] { run.cancel(); });
         QByteArray printOut;
         const vx::WorkerRun::Outcome outcome
             = run.run({nullptr, [&](int, const QByteArray &bytes) { printOut = bytes; }});
         if (!outcome.completed || !readAlbumText(printOut, paths.size(), out)) {
-            *why = outcome.reason.isEmpty() ? QStringLiteral("the album could not be measured") : outcome.reason;
+            *why = outcome.cancelled      ? QStringLiteral("cancelled")
+                : outcome.reason.isEmpty() ? QStringLiteral("the album could not be measured")
+                                           : outcome.reason;
             *out = {};
             return false;
         }
@@ -263,7 +268,7 @@ bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why
         VXLoudness l;
         QString reason;
         std::unique_ptr<VXFrameMeter> meter;
-        if (cancel && cancel->load()) {
+        if (cancel && cancel->isCancelled()) {
             *why = QStringLiteral("cancelled");
             return false;
         }

@@ -1,5 +1,6 @@
 #include "engine/codec/VXTranscoding.h"
 
+#include "engine/codec/VXCancel.h"
 #include "engine/codec/VXFilter.h"
 #include "engine/codec/VXFilterPrivate.h"
 #include "engine/codec/VXLog.h"
@@ -23,6 +24,7 @@ struct VXTranscoding::Private {
     std::unique_ptr<vx::Pipeline> pipeline;  // in process: opened at init, freed last
     bool inWorker = false;
     std::atomic<bool> cancelled{false};
+    VXCancel measureCancel;  // a measuring pass in this process listens to it
     std::atomic<bool> started{false};
     // Orders a cancel against the worker run's creation, and the thread's
     // assignment against its start: it may end, and be asked to destroy us,
@@ -260,7 +262,8 @@ vx::TranscodeOutcome VXTranscoding::Private::measure(const VXTranscodingBlock &b
         if (ran.cancelled)
             cancelled.store(true);
     } else {
-        ok = vx::measureHere(request.input, flags, &input, &result.reason, &cancelled, &result.otherAudio, progress);
+        ok = vx::measureHere(request.input, flags, &input, &result.reason, &measureCancel, &result.otherAudio,
+                             progress);
     }
     if (cancelled.load()) {
         result.status = vx::TranscodeOutcome::Cancelled;
@@ -306,6 +309,7 @@ QStringList VXTranscoding::Private::workerArguments() const
 void VXTranscoding::cancelTranscoding()
 {
     d->cancelled.store(true);
+    d->measureCancel.cancel();
     std::lock_guard<std::mutex> guard(d->lock);
     if (d->worker)
         d->worker->cancel();

@@ -1,5 +1,6 @@
 #include "cli/CliOptions.h"
 #include "tests/cli/CliTestUtil.h"
+#include "tests/support/FileWatch.h"
 #include "tests/support/Fixtures.h"
 
 #include <QDir>
@@ -198,6 +199,32 @@ TEST_F(CliRun, InterruptCancelsCleanly)
         EXPECT_EQ(fixtures::readFile(input), before);
         EXPECT_TRUE(entries(out).isEmpty()) << entries(out).join(' ').toStdString();
         EXPECT_EQ(entries(tmp.path()), QStringList{"long.flac"});
+    }
+}
+
+// An interrupt stops measuring (analysis, tags) at once, however long the
+// file: the worker child measuring it is killed rather than waited for.
+TEST_F(CliRun, InterruptStopsMeasuringAtOnce)
+{
+    const QString input = fixtures::makeLong(tmp.path(), "long.flac", 1800);
+    ASSERT_FALSE(input.isEmpty());
+    const QString out = tmp.filePath("out");
+    for (const QStringList &mode : {QStringList{"--analyze"}, QStringList{"--tags-only", "-o", out}}) {
+        const std::string name = mode.first().toStdString();
+        fixtures::FileWatch opened(input, fixtures::FileWatch::Use::Open);
+        QProcess p;
+        p.start(QStringLiteral(EVENLOUD_CLI), mode + QStringList{"--json", input});
+        ASSERT_TRUE(p.waitForStarted(-1));
+        ASSERT_TRUE(opened.wait()) << name;
+        ::kill(pid_t(p.processId()), SIGINT);
+        // Measuring the file alone takes some 20 s.
+        ASSERT_TRUE(p.waitForFinished(5000)) << name;
+        const QString err = QString::fromUtf8(p.readAllStandardError());
+        EXPECT_EQ(p.exitCode(), 128 + SIGINT) << err.toStdString();
+        const QJsonArray results = QJsonDocument::fromJson(p.readAllStandardOutput()).array();
+        ASSERT_EQ(results.size(), 1) << name;
+        EXPECT_EQ(results[0].toObject()["result"].toString(), "cancelled") << name;
+        EXPECT_TRUE(entries(out).isEmpty()) << name;
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 #include <QTest>
 #include <functional>
 #include <mutex>
@@ -13,6 +14,15 @@ namespace enginetest {
 
 using fixtures::makeWav;
 using fixtures::waitFor;
+
+// Half an hour of audio, which takes a worker child many seconds to
+// measure; made once for every test that needs one.
+inline const QString &longInput()
+{
+    static QTemporaryDir dir;
+    static const QString path = fixtures::makeLong(dir.path(), QStringLiteral("long.flac"), 1800);
+    return path;
+}
 
 // Collects VXLog lines for the lifetime of the object.
 class LogCapture {

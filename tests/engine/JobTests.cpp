@@ -2,6 +2,7 @@
 
 #include "engine/VXAudioGain.h"
 #include "engine/VXMainThread.h"
+#include "tests/support/FileWatch.h"
 
 #include <QDir>
 #include <QFile>
@@ -226,6 +227,29 @@ TEST_F(JobTest, CancelInEitherPassPlacesNothing)
     EXPECT_EQ(temps.size(), 2);  // each restart picks a new name (the last never got one)
     EXPECT_TRUE(outputs().isEmpty());
     EXPECT_EQ(fixtures::readFile(wav), original);
+}
+
+// Jobs that only measure before they decide (tags only, and every job's
+// first pass with the reference meter) stop at once too: their measurement
+// is in a worker child, which the cancel kills.
+TEST_F(JobTest, CancelStopsAMeasuringJobAtOnce)
+{
+    ASSERT_FALSE(longInput().isEmpty());
+    for (const bool tagsOnly : {true, false}) {
+        auto gain = item(longInput());
+        ASSERT_TRUE(gain);
+        gain->setTagsOnly(tagsOnly);
+        fixtures::FileWatch opened(longInput(), fixtures::FileWatch::Use::Open);  // after the item's probe
+        JobRun run(gain);
+        run.start();
+        ASSERT_TRUE(opened.wait()) << "tags only: " << tagsOnly;
+        gain->cancelGain();
+        // Far more than a kill takes, far less than the measurement would.
+        ASSERT_TRUE(waitFor([&] { return run.ended(); }, 3000)) << "tags only: " << tagsOnly;
+        EXPECT_EQ(run.reports.last(), Report(3, -2));
+        EXPECT_TRUE(gain->gainResult().reason.isEmpty()) << gain->gainResult().reason.toStdString();
+    }
+    EXPECT_TRUE(outputs().isEmpty());
 }
 
 TEST_F(JobTest, WithoutCallbackTheStateStillChangesOnTheMainThread)

@@ -161,6 +161,16 @@ QString makeChannels(const QString &dir, const QString &name, const QString &lay
     return ok ? path : QString();
 }
 
+QString makeLong(const QString &dir, const QString &name, double seconds)
+{
+    // Generating a tone costs little; the meter's true peak costs per
+    // sample and channel, and FLAC keeps the file small.
+    const QString path = QDir(dir).filePath(name);
+    const bool ok = run(ffmpeg(), quiet() + QStringList{"-f", "lavfi", "-i", QStringLiteral("sine=f=440:r=48000:d=%1").arg(seconds),
+                                                        "-ac", "6", "-c:a", "flac", "-compression_level", "0", path});
+    return ok ? path : QString();
+}
+
 QString makeCover(const QString &dir, const QString &ext)
 {
     const QString path = QDir(dir).filePath("cover." + ext);

@@ -51,6 +51,12 @@ inline QString makeWav(const QString &dir, const QString &name, double seconds =
 QString makeChannels(const QString &dir, const QString &name, const QString &layout, int channels, double seconds,
                      const QStringList &ffmpegOutputArgs, int only = -1);
 
+// Writes dir/name (a .flac): a tone in six channels at 48 kHz, quick to make
+// at any length and slow to measure (a 30-minute file takes this machine's
+// meter about 20 s): for work that must still be under way when a test acts
+// on it. Returns the full path, or "" on failure.
+QString makeLong(const QString &dir, const QString &name, double seconds);
+
 // A small cover picture (64x48, "png" or "jpg"); full path or "".
 QString makeCover(const QString &dir, const QString &ext = QStringLiteral("jpg"));
 
