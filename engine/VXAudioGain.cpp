@@ -224,7 +224,10 @@ QString VXAudioGain::outcomeText() const
                                 : QStringLiteral("silent");
     };
     QStringList parts;
-    if (r.tagged) {
+    if (r.skipped) {
+        // Left as it was: the level that was already close enough.
+        parts << QStringLiteral("skipped") << figure(r.measuredI, "LUFS");
+    } else if (r.tagged) {
         // What a player will apply; the audio itself is as it was.
         parts << QStringLiteral("tagged: track %1").arg(figure(r.tags.trackGainDb, "dB"));
         if (std::isfinite(r.tags.albumGainDb))

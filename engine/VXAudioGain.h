@@ -39,6 +39,7 @@ struct VXGainResult {
     QString warning;        // succeeded, but something the user should know
     bool skipped = false;   // already within skipWithin of the target: nothing written
     int corrections = 0;    // passes run again for what a lossy encoder or a limiter lost
+    double measuredI = NAN;  // when skipped: the level found (LUFS), the album's in album mode
     // Further audio streams (commentary, other languages), each normalised
     // on its own: input stream index, gain and kind.
     struct Stream {

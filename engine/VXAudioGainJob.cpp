@@ -264,6 +264,8 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         QMutexLocker locker(&m_lock);
         m_result.skipped = true;
         m_result.gainDb = 0.0;
+        m_result.measuredI = measuredI;
+        m_result.album = album ? album->name : QString();
         return 0;
     }
 

@@ -252,6 +252,44 @@ TEST_F(JobTest, CancelStopsAMeasuringJobAtOnce)
     EXPECT_TRUE(outputs().isEmpty());
 }
 
+// A file already at its level is left alone, and its row says so with the
+// level found: the file's own, or in album mode the album's, which decided.
+TEST_F(JobTest, SkippedFileSaysSoWithTheLevelFound)
+{
+    const QString path = makeWav(m_in.path(), QStringLiteral("done.wav"), 4.0);
+    const fixtures::Loudness in = fixtures::measureLoudness(path);
+    ASSERT_TRUE(in.ok);
+    const QByteArray original = fixtures::readFile(path);
+    VXLoudness track, album;
+    track.integrated = -30.0;
+    track.truePeak = -12.0;
+    album.integrated = -14.2;
+    album.truePeak = -1.5;
+    for (const bool inAlbum : {false, true}) {
+        auto gain = item(path);
+        ASSERT_TRUE(gain);
+        gain->setTargetLoudness(float(((inAlbum ? album.integrated : in.integrated) + 0.3 + 70.0) * 100.0 / 65.0));
+        gain->setSkipWithin(1.5);
+        if (inAlbum)
+            gain->setAlbumMember(VXAlbumMember{QStringLiteral("Live"), track, album});
+        JobRun run(gain);
+        run.start();
+        ASSERT_TRUE(run.waitEnd());
+        ASSERT_EQ(run.reports.last(), Report(3, 0)) << gain->gainResult().reason.toStdString();
+        EXPECT_TRUE(gain->gainResult().skipped);
+        const double level = inAlbum ? album.integrated : gain->measurement().value("input_i").toDouble();
+        const QStringList parts = gain->outcomeText().split(QStringLiteral(" \u00b7 "));
+        ASSERT_GE(parts.size(), 2) << gain->outcomeText().toStdString();
+        EXPECT_EQ(parts[0], QStringLiteral("skipped"));
+        EXPECT_TRUE(parts[1].startsWith(QChar(0x2212)) && parts[1].endsWith(QStringLiteral(" LUFS")))
+            << parts[1].toStdString();
+        EXPECT_NEAR(QString(parts[1]).replace(QChar(0x2212), QLatin1Char('-')).chopped(5).toDouble(), level, 0.051);
+        EXPECT_EQ(parts.mid(2), inAlbum ? QStringList{QStringLiteral("album \u201cLive\u201d")} : QStringList());
+    }
+    EXPECT_TRUE(outputs().isEmpty());
+    EXPECT_EQ(fixtures::readFile(path), original);
+}
+
 TEST_F(JobTest, WithoutCallbackTheStateStillChangesOnTheMainThread)
 {
     auto gain = item(makeWav(m_in.path(), QStringLiteral("quiet.wav"), 1.0));
