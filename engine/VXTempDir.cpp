@@ -2,6 +2,7 @@
 
 #include "engine/VXPlacement.h"
 
+#include "engine/codec/VXFilter.h"
 #include "engine/codec/VXUtilCodec.h"
 
 #include <QCoreApplication>
@@ -112,6 +113,8 @@ QString pathLocked()
         return {};
     if (::mkdir(native(g_dir).constData(), 0700) != 0 && errno != EEXIST)
         return {};
+    // The filters' logs too: swept with the rest if this process is killed.
+    VXFilter::setLogFolder(g_dir);
     return g_dir;
 }
 

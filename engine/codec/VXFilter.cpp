@@ -20,15 +20,21 @@ struct VXFilter::Private {
     QString name;
     mutable std::mutex lock;
     QMap<QString, QVariant> attributes;
-    QString logPath;
+    QString logPath;  // chosen when first asked for, under lock
     std::shared_ptr<VXFilterLogState> log = std::make_shared<VXFilterLogState>();
 };
 
 namespace {
 
-// The logs live in a folder of this process's own, made by mkdtemp: its
-// name cannot be guessed and its mode is 0700, so no other user can plant a
-// link where a log will be written. Emptied as filters go; removed at exit.
+// The logs live in a folder of this process's own, mode 0700, so no other
+// user can plant a link where a log will be written: the one the program
+// names (its private temporary directory, which later runs sweep when this
+// one is killed), else one made by mkdtemp, emptied as filters go and
+// removed at exit. Chosen only when a log is first asked for, so a worker
+// child, whose filters' print-outs travel over its pipe, makes none.
+std::mutex logFolderLock;
+QString namedLogFolder;
+
 struct LogFolder {
     QByteArray path;
     LogFolder()
@@ -46,10 +52,15 @@ struct LogFolder {
 
 QString freshLogPath()
 {
-    static LogFolder folder;
     static std::atomic<quint64> counter{0};
-    const QString dir = folder.path.isEmpty() ? QDir::tempPath() : QFile::decodeName(folder.path);
-    return QDir(dir).filePath(QStringLiteral("filter-%1.log").arg(counter.fetch_add(1) + 1));
+    const QString name = QStringLiteral("filter-%1.log").arg(counter.fetch_add(1) + 1);
+    {
+        std::lock_guard<std::mutex> guard(logFolderLock);
+        if (!namedLogFolder.isEmpty())
+            return QDir(namedLogFolder).filePath(name);
+    }
+    static LogFolder folder;
+    return QDir(folder.path.isEmpty() ? QDir::tempPath() : QFile::decodeName(folder.path)).filePath(name);
 }
 
 // Option strings for libav: floats with enough digits to round-trip, bools
@@ -87,13 +98,19 @@ bool isFiniteNumber(const QByteArray &text)
 VXFilter::VXFilter(const QString &name) : d(std::make_unique<Private>())
 {
     d->name = name;
-    d->logPath = freshLogPath();
 }
 
 VXFilter::~VXFilter()
 {
     d->log->cancelRedirect();
-    QFile::remove(d->logPath);
+    if (!d->logPath.isEmpty())
+        QFile::remove(d->logPath);
+}
+
+void VXFilter::setLogFolder(const QString &folder)
+{
+    std::lock_guard<std::mutex> guard(logFolderLock);
+    namedLogFolder = folder;
 }
 
 std::shared_ptr<VXFilter> VXFilter::filterWithName(const QString &name)
@@ -127,7 +144,13 @@ QMap<QString, QVariant> VXFilter::attributes() const
     return d->attributes;
 }
 
-QString VXFilter::logFile() const { return d->logPath; }
+QString VXFilter::logFile() const
+{
+    std::lock_guard<std::mutex> guard(d->lock);
+    if (d->logPath.isEmpty())
+        d->logPath = freshLogPath();
+    return d->logPath;
+}
 
 void VXFilter::redirectStdErrToFile(const QString &path)
 {

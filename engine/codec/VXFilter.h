@@ -43,6 +43,10 @@ public:
 
     // Where this filter's print-out is captured; the same path on every call.
     QString logFile() const;
+    // The folder (mode 0700, this user's) where filters made from now on
+    // capture their print-outs; set once by the program, to a folder that
+    // is swept when the program dies.
+    static void setLogFolder(const QString &folder);
     // From now on this filter's print-out goes to path (truncated first).
     // Only this filter's own messages are routed: concurrent filters never
     // mix, and the process's file descriptor 2 is not touched.

@@ -8,6 +8,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcessEnvironment>
 #include <QMap>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -164,8 +165,9 @@ TEST_F(CliRun, CorruptOrMissingInputMakesExitOne)
 
 TEST_F(CliRun, InterruptCancelsCleanly)
 {
-    // Long enough that the first pass is still running when the signal lands.
-    const QString input = fixtures::makeAudio(tmp.path(), "long.flac", 300, {"-c:a", "flac", "-ac", "1", "-ar", "22050"});
+    // Long enough that the first pass (seconds of measuring, even on a fast
+    // machine) is still running when the signal lands.
+    const QString input = fixtures::makeLong(tmp.path(), "long.flac", 600);
     ASSERT_FALSE(input.isEmpty());
     const QByteArray before = fixtures::readFile(input);
     const QString out = tmp.filePath("out");
@@ -183,13 +185,8 @@ TEST_F(CliRun, InterruptCancelsCleanly)
         QProcess p;
         p.start(QStringLiteral(EVENLOUD_CLI), c.args);
         ASSERT_TRUE(p.waitForStarted(-1));
-        // Stderr is a pipe here, so the tool prints one line when a file starts.
         QByteArray err;
-        while (!err.contains("start") && p.state() == QProcess::Running) {
-            p.waitForReadyRead(1000);
-            err += p.readAllStandardError();
-        }
-        ASSERT_TRUE(err.contains("start")) << err.toStdString();
+        ASSERT_TRUE(waitForFileStart(p, &err)) << err.toStdString();
         for (int i = 0; i < c.interrupts; ++i)
             ::kill(pid_t(p.processId()), c.signal);
         ASSERT_TRUE(p.waitForFinished(120000));
@@ -226,6 +223,42 @@ TEST_F(CliRun, InterruptStopsMeasuringAtOnce)
         EXPECT_EQ(results[0].toObject()["result"].toString(), "cancelled") << name;
         EXPECT_TRUE(entries(out).isEmpty()) << name;
     }
+}
+
+// A run killed outright mid-job cannot clean up after itself: nothing of it
+// is left in the temporary folder once a later run has swept it.
+TEST_F(CliRun, KilledRunLeavesNothingOnceAnotherHasRun)
+{
+    const QString temp = tmp.filePath("temp");
+    ASSERT_TRUE(QDir().mkpath(temp));
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("TMPDIR", temp);
+    const QString input = fixtures::makeLong(tmp.path(), "long.flac", 600);
+    const QString brief = fixtures::makeWav(tmp.path(), "brief.wav");
+    ASSERT_FALSE(input.isEmpty() || brief.isEmpty());
+
+    QProcess killed;
+    killed.setProcessEnvironment(env);
+    killed.start(QStringLiteral(EVENLOUD_CLI), {"-o", tmp.filePath("out"), input});
+    ASSERT_TRUE(killed.waitForStarted(-1));
+    QByteArray err;
+    ASSERT_TRUE(waitForFileStart(killed, &err)) << err.toStdString();
+    // Its first pass reads the input in a worker child: the job is under way.
+    fixtures::FileWatch read(input, fixtures::FileWatch::Use::Read);
+    ASSERT_TRUE(read.wait());
+    killed.kill();
+    ASSERT_TRUE(killed.waitForFinished(-1));
+    EXPECT_FALSE(QDir(temp).isEmpty());  // what the sweep is for
+
+    const CliRunResult later = runCli({"-o", tmp.filePath("out"), brief}, env);
+    ASSERT_EQ(later.exitCode, 0) << later.err.toStdString();
+    // The sweep's root stays, empty.
+    const QString root = QStringLiteral("evenloud-%1").arg(::geteuid());
+    const auto all = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
+    const QStringList left = QDir(temp).entryList(all);
+    EXPECT_EQ(left, QStringList{root}) << left.join(' ').toStdString();
+    const QStringList inRoot = QDir(temp + "/" + root).entryList(all);
+    EXPECT_TRUE(inRoot.isEmpty()) << inRoot.join(' ').toStdString();
 }
 
 // A file is itself under any spelling, and files that differ only in case

@@ -36,6 +36,17 @@ inline CliRunResult runCli(const QStringList &args,
     return r;
 }
 
+// Waits while the started tool runs until it says a file has started (with
+// standard error a pipe, it prints a line then); what it printed goes to *err.
+inline bool waitForFileStart(QProcess &p, QByteArray *err)
+{
+    while (!err->contains("start") && p.state() == QProcess::Running) {
+        p.waitForReadyRead(1000);
+        *err += p.readAllStandardError();
+    }
+    return err->contains("start");
+}
+
 inline QStringList entries(const QString &folder)
 {
     return QDir(folder).entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot);
