@@ -28,9 +28,7 @@ QByteArray curveText(const VXLoudness &l)
     return text;
 }
 
-} // namespace
-
-void vx::readCurveText(const QByteArray &text, VXLoudness *l)
+void readCurveText(const QByteArray &text, VXLoudness *l)
 {
     const QList<QByteArray> lines = text.split('\n');
     // strtod reads "-inf" and "nan", which QByteArray::toDouble does not.
@@ -48,8 +46,6 @@ void vx::readCurveText(const QByteArray &text, VXLoudness *l)
             l->shortTerm.push_back(float(number(p)));
 }
 
-namespace {
-
 struct StreamMeter {
     int index = -1;
     vx::CodecPtr decoder;
@@ -64,22 +60,28 @@ QByteArray VXCurvePrintOut(const VXLoudness &loudness) { return curveText(loudne
 bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
                    std::map<int, VXLoudness> *others)
 {
+    return vx::measure(path, flags, out, why, cancel, others, {});
+}
+
+bool vx::measure(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
+                 std::map<int, VXLoudness> *others, const std::function<void(int)> &progress)
+{
     if (!vx::workerProgram().isEmpty()) {
         // Decoding the result can crash like any decoding: in the child too.
         vx::WorkerRun run({QStringLiteral("measure"), path, QString::number(flags)}, 600.0);
         const VXCancel::Stopper stopper = VXCancel::onCancel(cancel, [&run] { run.cancel(); });
         QByteArray printOut;
         const vx::WorkerRun::Outcome outcome
-            = run.run({nullptr, [&](int, const QByteArray &bytes) { printOut = bytes; }});
+            = run.run({progress, [&](int, const QByteArray &bytes) { printOut = bytes; }});
         *out = outcome.loudness;
         *why = outcome.cancelled ? QStringLiteral("cancelled") : outcome.reason;
         if (!printOut.isEmpty())
-            vx::readCurveText(printOut, out);
+            readCurveText(printOut, out);
         if ((flags & VXMeasureOtherStreams) && others)
             *others = outcome.streams;
         return outcome.completed && out->measured();
     }
-    return vx::measureHere(path, flags, out, why, cancel, others);
+    return vx::measureHere(path, flags, out, why, cancel, others, progress);
 }
 
 bool vx::measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,

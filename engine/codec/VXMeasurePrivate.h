@@ -19,7 +19,9 @@ bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, 
                  std::map<int, VXLoudness> *others, const std::function<void(int)> &progress = {},
                  std::unique_ptr<VXFrameMeter> *keep = nullptr);
 
-// Reads the worker's measure print-out (threshold, maxima, curve) into l.
-void readCurveText(const QByteArray &text, VXLoudness *l);
+// VXMeasureFile with progress as measureHere reports it, from the worker
+// child when there is one.
+bool measure(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
+             std::map<int, VXLoudness> *others, const std::function<void(int)> &progress);
 
 } // namespace vx

@@ -24,7 +24,7 @@ struct VXTranscoding::Private {
     std::unique_ptr<vx::Pipeline> pipeline;  // in process: opened at init, freed last
     bool inWorker = false;
     std::atomic<bool> cancelled{false};
-    VXCancel measureCancel;  // a measuring pass in this process listens to it
+    VXCancel measureCancel;  // a measuring pass listens to it, here or in its child
     std::atomic<bool> started{false};
     // Orders a cancel against the worker run's creation, and the thread's
     // assignment against its start: it may end, and be asked to destroy us,
@@ -240,31 +240,8 @@ vx::TranscodeOutcome VXTranscoding::Private::measure(const VXTranscodingBlock &b
     };
     vx::TranscodeOutcome result;
     VXLoudness input;
-    bool ok = false;
-    if (inWorker) {
-        {
-            std::lock_guard<std::mutex> guard(lock);
-            worker = std::make_unique<vx::WorkerRun>(
-                QStringList{QStringLiteral("measure"), request.input, QString::number(flags)}, 3600.0);
-            if (cancelled.load())
-                worker->cancel();
-        }
-        QByteArray curve;
-        vx::WorkerRun::Handlers handlers;
-        handlers.progress = progress;
-        handlers.printOut = [&curve](int, const QByteArray &bytes) { curve = bytes; };
-        const vx::WorkerRun::Outcome ran = worker->run(handlers);
-        input = ran.loudness;
-        vx::readCurveText(curve, &input);
-        result.otherAudio = ran.streams;
-        result.reason = ran.reason;
-        ok = ran.completed && input.measured();
-        if (ran.cancelled)
-            cancelled.store(true);
-    } else {
-        ok = vx::measureHere(request.input, flags, &input, &result.reason, &measureCancel, &result.otherAudio,
-                             progress);
-    }
+    const bool ok = vx::measure(request.input, flags, &input, &result.reason, &measureCancel, &result.otherAudio,
+                                progress);
     if (cancelled.load()) {
         result.status = vx::TranscodeOutcome::Cancelled;
     } else if (ok) {
