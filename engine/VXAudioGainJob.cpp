@@ -211,8 +211,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         m_measurement.clear();
         m_result = {};
     }
-    auto cancelRequested = [this] { return m_cancel.isCancelled(); };
-    if (cancelRequested())
+    if (m_cancel.isCancelled())
         return -2;
     if (qint64 end = 0; !resolveAlbum(&end))
         return end;
