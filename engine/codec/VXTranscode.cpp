@@ -187,14 +187,16 @@ struct Run {
     }
 
     // Sends one packet (nullptr: the end) to the lane's decoder and takes
-    // every frame it yields through the graph. Corrupt packets are skipped.
+    // every frame it yields through the graph. Corrupt packets are skipped,
+    // as players and the meter skip them, whatever code the decoder gives
+    // (AC-3 has codes of its own); what was lost shows in the result's check.
     bool decode(size_t l, const AVPacket *packet)
     {
         Lane &lane = *p->lanes[l];
         LaneState &s = lanes[l];
         int err = avcodec_send_packet(lane.decoder.get(), packet);
-        if (err < 0 && err != AVERROR(EAGAIN) && err != AVERROR_EOF && err != AVERROR_INVALIDDATA)
-            return false;
+        if (err == AVERROR(ENOMEM))
+            return fail(QStringLiteral("out of memory"));
         while ((err = avcodec_receive_frame(lane.decoder.get(), decoded.get())) >= 0 || err == AVERROR_INVALIDDATA) {
             if (err < 0)
                 continue;
@@ -209,10 +211,12 @@ struct Run {
             }
             err = av_buffersrc_add_frame_flags(lane.source, frame, 0);
             av_frame_unref(decoded.get());
-            if (err < 0 || !filter(l, false))
+            if (err < 0)
+                return fail(QStringLiteral("filtering: %1").arg(errorString(err)));
+            if (!filter(l, false))
                 return false;
         }
-        return err == AVERROR(EAGAIN) || err == AVERROR_EOF;
+        return err != AVERROR(ENOMEM) || fail(QStringLiteral("out of memory"));
     }
 
     // The tail a rate change leaves inside the converter (a few samples) is

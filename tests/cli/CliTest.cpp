@@ -404,6 +404,27 @@ TEST_F(CliRun, FullDiskFailsOnlyTheFileThatFilledIt)
     }
 }
 
+// A stretch of garbage in the middle of an AC-3 file makes its decoder
+// answer with codes of its own; like a player, the run skips those frames
+// and normalises the rest, as the first pass measured it.
+TEST_F(CliRun, CorruptFramesAreSkippedAsAPlayerSkipsThem)
+{
+    const QString path = fixtures::makeAudio(tmp.path(), "broken.ac3", 6, {"-c:a", "ac3", "-b:a", "192k"});
+    ASSERT_FALSE(path.isEmpty());
+    QByteArray bytes = fixtures::readFile(path);
+    std::mt19937 random(7);
+    for (qsizetype i = bytes.size() / 3; i < bytes.size() / 3 + 8000; ++i)
+        bytes[i] = char(random());
+    ASSERT_TRUE(fixtures::writeFile(path, bytes));
+    const CliRunResult r = runCli({"--json", "--lufs", "-20", "-o", tmp.filePath("out"), path});
+    ASSERT_EQ(r.exitCode, 0) << r.out.toStdString() << r.err.toStdString();
+    const QJsonObject o = r.json().at(0).toObject();
+    EXPECT_EQ(o["result"].toString(), "ok") << o["reason"].toString().toStdString();
+    const fixtures::Loudness out = fixtures::measureLoudness(o["output"].toString());
+    ASSERT_TRUE(out.ok);
+    EXPECT_NEAR(out.integrated, -20.0, 0.5);
+}
+
 // Mutated copies of every format (fixed seeds): whatever a damaged file does
 // to a codec, the run ends on its own, reports every file, and says why each
 // failure failed.
