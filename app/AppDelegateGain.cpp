@@ -65,13 +65,16 @@ void AppDelegate::gainAudios()
         m_batchClock.start();
     }
     const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
-    const float ceiling = popup->truePeakCeiling();
-    const bool limitPeaks = popup->limitPeaks();
-    const bool dualMono = popup->dualMono();
-    const bool loudnorm = m_ui->actionMeasureWithLoudnorm->isChecked();
-    const double skipWithin = popup->skipWithin();
     const bool inPlace = m_replaceOriginalFile || (tagsOnly && folder.isNull());
-    const bool keepTime = inPlace && m_ui->actionPreserveModificationTime->isChecked();
+    VXJobSettings settings;
+    settings.truePeakCeiling = popup->truePeakCeiling();
+    settings.limitPeaks = popup->limitPeaks();
+    settings.dualMono = popup->dualMono();
+    settings.measureWithLoudnorm = m_ui->actionMeasureWithLoudnorm->isChecked();
+    settings.skipWithin = popup->skipWithin();
+    settings.preserveModificationTime = inPlace && m_ui->actionPreserveModificationTime->isChecked();
+    settings.tagsOnly = tagsOnly;
+    settings.treatAsAlbums = m_ui->actionTreatAsAlbums->isChecked();
     QList<VXAudioGainPtr> items;
     QStringList paths;
     for (const VXAudioGainPtr &item : selectedAudioGains()) {
@@ -82,20 +85,14 @@ void AppDelegate::gainAudios()
     }
     // The albums of this press: its own files, grouped by the first job to run.
     const auto albums
-        = m_ui->actionTreatAsAlbums->isChecked() ? std::make_shared<VXAlbumBatch>(paths, dualMono ? VXMeasureDualMono : 0) : nullptr;
+        = settings.treatAsAlbums ? std::make_shared<VXAlbumBatch>(paths, settings.measureFlags() & VXMeasureDualMono) : nullptr;
     bool started = false;
     for (const VXAudioGainPtr &item : std::as_const(items)) {
         // Copied now, so later changes of the window apply to the next press only.
         item->setReplaceOriginalFile(inPlace);
         if (!item->replaceOriginalFile())
             item->setOutFolder(folder);
-        item->setTruePeakCeiling(ceiling);
-        item->setLimitPeaks(limitPeaks);
-        item->setMeasureWithLoudnorm(loudnorm);
-        item->setDualMono(dualMono);
-        item->setSkipWithin(skipWithin);
-        item->setPreserveModificationTime(keepTime);
-        item->setTagsOnly(tagsOnly);
+        item->setJobSettings(settings);
         item->setAlbumBatch(albums);
         m_batch.append(item);
         item->gainWithBlock([report, self, weak = std::weak_ptr<VXAudioGain>(item)](qint32 state, qint64 code) {

@@ -169,12 +169,14 @@ int main(int argc, char *argv[])
         }
         item->setTargetLoudness(opt.target);
         item->setReplaceOriginalFile(opt.replace);
-        item->setTruePeakCeiling(opt.truePeak);
-        item->setLimitPeaks(opt.limitPeaks);
-        item->setPreserveModificationTime(opt.preserveMtime);
-        item->setMeasureWithLoudnorm(opt.measureWithLoudnorm);
-        item->setDualMono(opt.dualMono);
-        item->setSkipWithin(opt.skipWithin);
+        VXJobSettings settings;
+        settings.truePeakCeiling = opt.truePeak;
+        settings.limitPeaks = opt.limitPeaks;
+        settings.preserveModificationTime = opt.preserveMtime;
+        settings.measureWithLoudnorm = opt.measureWithLoudnorm;
+        settings.dualMono = opt.dualMono;
+        settings.skipWithin = opt.skipWithin;
+        item->setJobSettings(settings);
         item->setOutFolder(opt.replace ? QString() : opt.outputFolder);
         results << r;
         jobs << CliBatch::Job{item, int(results.size() - 1)};

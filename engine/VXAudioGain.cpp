@@ -147,59 +147,22 @@ void VXAudioGain::setRetCode(qint64 retCode)
         emit outcomeTextChanged();
 }
 
-float VXAudioGain::truePeakCeiling() const { return m_truePeakCeiling.load(); }
-
-void VXAudioGain::setTruePeakCeiling(float dbtp)
+VXJobSettings VXAudioGain::jobSettings() const
 {
-    if (!(dbtp >= VXMinTruePeakTarget && dbtp <= VXMaxTruePeakTarget))
-        return;
-    if (m_truePeakCeiling.exchange(dbtp) != dbtp)
-        emit truePeakCeilingChanged();
+    QMutexLocker locker(&m_lock);
+    return m_settings;
 }
 
-bool VXAudioGain::limitPeaks() const { return m_limitPeaks.load(); }
-
-void VXAudioGain::setLimitPeaks(bool limit)
+void VXAudioGain::setJobSettings(const VXJobSettings &settings)
 {
-    if (m_limitPeaks.exchange(limit) != limit)
-        emit limitPeaksChanged();
-}
-
-bool VXAudioGain::measureWithLoudnorm() const { return m_measureWithLoudnorm.load(); }
-
-void VXAudioGain::setMeasureWithLoudnorm(bool loudnorm)
-{
-    if (m_measureWithLoudnorm.exchange(loudnorm) != loudnorm)
-        emit measureWithLoudnormChanged();
-}
-
-bool VXAudioGain::dualMono() const { return m_dualMono.load(); }
-
-void VXAudioGain::setDualMono(bool dualMono)
-{
-    if (m_dualMono.exchange(dualMono) != dualMono)
-        emit dualMonoChanged();
-}
-
-int VXAudioGain::measureFlags() const { return VXMeasureTruePeak | (dualMono() ? VXMeasureDualMono : 0); }
-
-double VXAudioGain::skipWithin() const { return m_skipWithin.load(); }
-
-void VXAudioGain::setSkipWithin(double lu)
-{
-    if (!(lu >= 0.0))
-        lu = NAN;  // negative or NaN: skip nothing
-    const double old = m_skipWithin.exchange(lu);
-    if (!(old == lu || (std::isnan(old) && std::isnan(lu))))
-        emit skipWithinChanged();
-}
-
-bool VXAudioGain::preserveModificationTime() const { return m_preserveModificationTime.load(); }
-
-void VXAudioGain::setPreserveModificationTime(bool keep)
-{
-    if (m_preserveModificationTime.exchange(keep) != keep)
-        emit preserveModificationTimeChanged();
+    const VXJobSettings checked = settings.sanitized();
+    {
+        QMutexLocker locker(&m_lock);
+        if (m_settings == checked)
+            return;
+        m_settings = checked;
+    }
+    emit jobSettingsChanged();
 }
 
 VXGainResult VXAudioGain::gainResult() const

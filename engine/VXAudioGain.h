@@ -11,6 +11,8 @@
 #include <memory>
 #include <optional>
 
+#include "engine/VXGainState.h"
+#include "engine/VXJobSettings.h"
 #include "engine/VXLoudnessScale.h"
 #include "engine/codec/VXError.h"
 #include "engine/VXReplayGain.h"
@@ -86,20 +88,6 @@ class VXAudioGain : public QObject, public std::enable_shared_from_this<VXAudioG
     Q_PROPERTY(bool allowedTargetLoudnessEdit READ allowedTargetLoudnessEdit NOTIFY allowedTargetLoudnessEditChanged)
     Q_PROPERTY(float loudnormValue READ loudnormValue NOTIFY loudnormValueChanged)
     Q_PROPERTY(QImage stateImage READ stateImage NOTIFY stateImageChanged)
-    Q_PROPERTY(float truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY truePeakCeilingChanged)
-    Q_PROPERTY(bool limitPeaks READ limitPeaks WRITE setLimitPeaks NOTIFY limitPeaksChanged)
-    // Pass 1 with FFmpeg's loudnorm (its figures, at 192 kHz) instead of the
-    // reference meter at the file's own rate, which checks every result.
-    Q_PROPERTY(bool measureWithLoudnorm READ measureWithLoudnorm WRITE setMeasureWithLoudnorm
-                   NOTIFY measureWithLoudnormChanged)
-    // A mono file is measured as if played on two speakers (+3 dB).
-    Q_PROPERTY(bool dualMono READ dualMono WRITE setDualMono NOTIFY dualMonoChanged)
-    // LU; a file measured this close to the target is left untouched. NaN: never.
-    Q_PROPERTY(double skipWithin READ skipWithin WRITE setSkipWithin NOTIFY skipWithinChanged)
-    // Measure and write ReplayGain tags instead of normalising the audio.
-    Q_PROPERTY(bool tagsOnly READ tagsOnly WRITE setTagsOnly NOTIFY tagsOnlyChanged)
-    Q_PROPERTY(bool preserveModificationTime READ preserveModificationTime WRITE setPreserveModificationTime
-                   NOTIFY preserveModificationTimeChanged)
     // The outcome in words: "-14.0 LUFS · -2.0 dBTP · linear", the reason of
     // a failure, or empty while nothing has ended.
     Q_PROPERTY(QString outcomeText READ outcomeText NOTIFY outcomeTextChanged)
@@ -140,23 +128,10 @@ public:
     bool allowedTargetLoudnessEdit() const;
     float loudnormValue() const;
     bool isRunning() const { return state() == 1 || state() == 2; }
-    // dBTP, -9..0; the gain stops where the true peak meets it, unless
-    // limitPeaks lets a limiter hold the peaks instead. Read by the next job.
-    float truePeakCeiling() const;
-    void setTruePeakCeiling(float dbtp);
-    bool limitPeaks() const;
-    void setLimitPeaks(bool limit);
-    bool measureWithLoudnorm() const;
-    void setMeasureWithLoudnorm(bool loudnorm);
-    bool dualMono() const;
-    void setDualMono(bool dualMono);
-    // The VXMeasureFlag bits every measurement of this item's job takes.
-    int measureFlags() const;
-    double skipWithin() const;
-    void setSkipWithin(double lu);
-    // Replace mode: the result keeps the original's modification time.
-    bool preserveModificationTime() const;
-    void setPreserveModificationTime(bool keep);
+    // How the next job measures, holds peaks, skips and places; its
+    // targetLoudness is not used (the item's own is). Read when a job starts.
+    VXJobSettings jobSettings() const;
+    void setJobSettings(const VXJobSettings &settings);
     VXGainResult gainResult() const;
     QString outcomeText() const;
     // Set before the job starts; nullopt: the file is normalised on its own.
@@ -165,8 +140,6 @@ public:
     // Set before the job starts; the job takes its album's figures from the
     // batch (measured by whichever track comes first). Null: no album.
     void setAlbumBatch(std::shared_ptr<VXAlbumBatch> batch);
-    bool tagsOnly() const;
-    void setTagsOnly(bool tagsOnly);
 
     static QString formatSize(quint64 bytes);
     static QString formatDuration(quint64 ticks);
@@ -227,14 +200,8 @@ signals:
     void allowedTargetLoudnessEditChanged();
     void loudnormValueChanged();
     void stateImageChanged();
-    void truePeakCeilingChanged();
-    void limitPeaksChanged();
-    void measureWithLoudnormChanged();
-    void dualMonoChanged();
-    void skipWithinChanged();
-    void preserveModificationTimeChanged();
+    void jobSettingsChanged();
     void outcomeTextChanged();
-    void tagsOnlyChanged();
 
 private:
     struct Job;
@@ -277,13 +244,7 @@ private:
     VXGainResult m_result;      // under m_lock
     std::optional<VXAlbumMember> m_album;  // under m_lock
     std::shared_ptr<VXAlbumBatch> m_albumBatch;  // under m_lock
-    std::atomic<bool> m_tagsOnly{false};
-    std::atomic<float> m_truePeakCeiling{-2.0f};
-    std::atomic<bool> m_limitPeaks{false};
-    std::atomic<bool> m_measureWithLoudnorm{false};
-    std::atomic<bool> m_dualMono{false};
-    std::atomic<double> m_skipWithin{NAN};
-    std::atomic<bool> m_preserveModificationTime{false};
+    VXJobSettings m_settings;  // under m_lock
     std::shared_ptr<VXTranscoding> m_transCoding;
     // Set under m_lock, read there with m_transCoding; its stoppers reach
     // the measurements, which run without a transcoding.

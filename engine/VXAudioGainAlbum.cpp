@@ -12,14 +12,6 @@ void VXAudioGain::setAlbumBatch(std::shared_ptr<VXAlbumBatch> batch)
     m_album.reset();  // the batch measures it afresh
 }
 
-bool VXAudioGain::tagsOnly() const { return m_tagsOnly.load(); }
-
-void VXAudioGain::setTagsOnly(bool tagsOnly)
-{
-    if (m_tagsOnly.exchange(tagsOnly) != tagsOnly)
-        emit tagsOnlyChanged();
-}
-
 bool VXAudioGain::resolveAlbum(qint64 *end)
 {
     std::shared_ptr<VXAlbumBatch> batch;
@@ -46,7 +38,7 @@ qint64 VXAudioGain::runTagsOnly()
     QString why;
     if (album)
         track = album->track;
-    else if (!VXMeasureFile(inputFile(), measureFlags(), &track, &why, &m_cancel))
+    else if (!VXMeasureFile(inputFile(), jobSettings().measureFlags(), &track, &why, &m_cancel))
         return m_cancel.isCancelled() ? -2 : fail(why);
     {
         QMutexLocker locker(&m_lock);
@@ -59,7 +51,7 @@ qint64 VXAudioGain::runTagsOnly()
     // Nothing left to cancel from here: the tagged copy replaces the file
     // in one step, or not at all.
     const VXPlacement::Result placed
-        = VXTagFile(inputFile(), replaceOriginalFile() ? QString() : outFolder(), gains, preserveModificationTime());
+        = VXTagFile(inputFile(), replaceOriginalFile() ? QString() : outFolder(), gains, jobSettings().preserveModificationTime);
     if (!placed.ok)
         return fail(placed.error);
     {

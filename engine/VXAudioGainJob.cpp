@@ -104,10 +104,10 @@ std::shared_ptr<VXFilter> VXAudioGain::makeLoudnessFilter() const
 {
     auto filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
     filter->setValue(QVariant(loudnormValue()), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
-    filter->setValue(QVariant(truePeakCeiling()), QString::fromLatin1(kVXATruePeakTarget));
-    filter->setValue(QString::fromLatin1(measureWithLoudnorm() ? VXMeterLoudnorm : VXMeterEbur128),
+    filter->setValue(QVariant(jobSettings().truePeakCeiling), QString::fromLatin1(kVXATruePeakTarget));
+    filter->setValue(QString::fromLatin1(jobSettings().measureWithLoudnorm ? VXMeterLoudnorm : VXMeterEbur128),
                      QString::fromLatin1(kVXAMeter));
-    filter->setValue(QVariant(dualMono()), QString::fromLatin1(kVXADualMono));
+    filter->setValue(QVariant(jobSettings().dualMono), QString::fromLatin1(kVXADualMono));
     return filter;
 }
 
@@ -180,7 +180,7 @@ bool VXAudioGain::runFirstPass(Job &job, QJsonObject *record, QString *reason, q
 qint64 VXAudioGain::runOnePass(Job &job)
 {
     QString why;
-    if (!measureWithLoudnorm()) {
+    if (!jobSettings().measureWithLoudnorm) {
         auto onePass = VXTranscoding::initWithInput(inputFile(), tempOutFile(), &why);
         if (!onePass)
             return fail(why);
@@ -194,7 +194,7 @@ qint64 VXAudioGain::runOnePass(Job &job)
     VXGainResult result;
     result.normalization = VXNormalizationName(VXNormalization::OnePass);
     VXLoudness loudness;
-    if (!VXMeasureFile(tempOutFile(), measureFlags(), &loudness, &why))
+    if (!VXMeasureFile(tempOutFile(), jobSettings().measureFlags(), &loudness, &why))
         return fail(QStringLiteral("Cannot measure the result: %1").arg(why));
     result.outputI = loudness.integrated;
     result.outputTp = loudness.truePeak;
@@ -215,7 +215,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         return -2;
     if (qint64 end = 0; !resolveAlbum(&end))
         return end;
-    if (tagsOnly())
+    if (jobSettings().tagsOnly)
         return runTagsOnly();
     if (!chooseTempOutFile())
         return fail(QStringLiteral("Cannot create a temporary file in %1 (it must be a writable folder of this user's, not a link)").arg(VXTempDir::rootPath()));
@@ -256,7 +256,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
     const double measuredI = album ? album->album.integrated
                                    : record.value(QLatin1String("input_i")).toVariant().toDouble(&numeric);
     numeric = numeric || album;
-    if (numeric && std::isfinite(measuredI) && std::fabs(measuredI - double(loudnormValue())) <= skipWithin()) {
+    if (numeric && std::isfinite(measuredI) && std::fabs(measuredI - double(loudnormValue())) <= jobSettings().skipWithin) {
         // Already there: the original stays as it is, byte for byte, and
         // pass 1's output (if any) goes at once rather than with the cache.
         QFile::remove(temp);
@@ -283,7 +283,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         job.filter->setValue(QVariant(album->album.truePeak), QString::fromLatin1(kVXAMeasuredTruePeak));
     }
     job.filter->setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
-    job.filter->setValue(QVariant(limitPeaks()), QString::fromLatin1(kVXALimitPeaks));
+    job.filter->setValue(QVariant(jobSettings().limitPeaks), QString::fromLatin1(kVXALimitPeaks));
     job.filter->setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
     const std::optional<VXGainPlan> plan = job.filter->linearPlan();  // as first decided
 
@@ -297,7 +297,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         filter->setValue(QVariant(measuredStream.truePeak), QString::fromLatin1(kVXAMeasuredTruePeak));
         filter->setValue(QVariant(measuredStream.range), QString::fromLatin1(kVXAMeasuredLoudnessRange));
         filter->setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
-        filter->setValue(QVariant(limitPeaks()), QString::fromLatin1(kVXALimitPeaks));
+        filter->setValue(QVariant(jobSettings().limitPeaks), QString::fromLatin1(kVXALimitPeaks));
         filter->setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
         streamFilters[index] = filter;
     }
@@ -314,7 +314,7 @@ qint64 VXAudioGain::runJob(const VXGainBlock &block)
         // input: what a player will hear. A limiter leaves a true peak only
         // a meter can tell; a gain moves the measured one by exactly its size.
         const bool limited = plan && plan->kind == VXNormalization::Limited;
-        pass2->setMeasuresOutput((limited ? VXMeasureTruePeak : 0) | (measureFlags() & VXMeasureDualMono));
+        pass2->setMeasuresOutput((limited ? VXMeasureTruePeak : 0) | (jobSettings().measureFlags() & VXMeasureDualMono));
         return runOutputPass(job, std::move(pass2), pass, &loudness);
     };
     if (const qint64 r = secondPass(Pass::Second))

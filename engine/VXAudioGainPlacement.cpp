@@ -14,7 +14,7 @@ bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
 {
     if (replaceOriginalFile()) {
         const VXPlacement::Result result =
-            VXPlacement::replaceFile(tempPath, inputFile(), preserveModificationTime());
+            VXPlacement::replaceFile(tempPath, inputFile(), jobSettings().preserveModificationTime);
         if (result.ok) {
             QMutexLocker locker(&m_lock);
             m_result.warning = result.warning;

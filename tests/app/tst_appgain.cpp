@@ -230,11 +230,12 @@ private slots:
             QCOMPARE(item->targetLoudness(), podcast);
         c->gainAudioAction();
         for (const VXAudioGainPtr &item : c->audioGains()->items()) {
-            QCOMPARE(item->truePeakCeiling(), -4.5f);
-            QVERIFY(item->limitPeaks());
-            QVERIFY(item->dualMono());
-            QVERIFY(item->measureWithLoudnorm());
-            QCOMPARE(item->skipWithin(), 0.3);
+            const VXJobSettings settings = item->jobSettings();
+            QCOMPARE(settings.truePeakCeiling, -4.5f);
+            QVERIFY(settings.limitPeaks);
+            QVERIFY(settings.dualMono);
+            QVERIFY(settings.measureWithLoudnorm);
+            QCOMPARE(settings.skipWithin, 0.3);
         }
         QVERIFY(waitFor([&] { return allEnded(*c.app); }));
 

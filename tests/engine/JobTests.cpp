@@ -140,7 +140,11 @@ TEST_F(JobTest, UnusableMeasurementFallsBackToThePassOneResult)
     // The reference meter's pass 1 writes nothing, so its fallback runs
     // loudnorm's single pass then; loudnorm's own pass 1 has written it.
     for (const bool loudnorm : {false, true}) {
-        gain->setMeasureWithLoudnorm(loudnorm);
+        {
+            VXJobSettings settings = gain->jobSettings();
+            settings.measureWithLoudnorm = loudnorm;
+            gain->setJobSettings(settings);
+        }
         for (const auto &c : cases) {
             VXAudioGain::setCapturedLogHookForTesting([&](const QByteArray &) { return c.log; });
             LogCapture log;
@@ -238,7 +242,11 @@ TEST_F(JobTest, CancelStopsAMeasuringJobAtOnce)
     for (const bool tagsOnly : {true, false}) {
         auto gain = item(longInput());
         ASSERT_TRUE(gain);
-        gain->setTagsOnly(tagsOnly);
+        {
+            VXJobSettings settings = gain->jobSettings();
+            settings.tagsOnly = tagsOnly;
+            gain->setJobSettings(settings);
+        }
         fixtures::FileWatch opened(longInput(), fixtures::FileWatch::Use::Open);  // after the item's probe
         JobRun run(gain);
         run.start();
@@ -269,7 +277,11 @@ TEST_F(JobTest, SkippedFileSaysSoWithTheLevelFound)
         auto gain = item(path);
         ASSERT_TRUE(gain);
         gain->setTargetLoudness(float(((inAlbum ? album.integrated : in.integrated) + 0.3 + 70.0) * 100.0 / 65.0));
-        gain->setSkipWithin(1.5);
+        {
+            VXJobSettings settings = gain->jobSettings();
+            settings.skipWithin = 1.5;
+            gain->setJobSettings(settings);
+        }
         if (inAlbum)
             gain->setAlbumMember(VXAlbumMember{QStringLiteral("Live"), track, album});
         JobRun run(gain);
@@ -371,7 +383,11 @@ TEST_F(JobTest, GainIsLinearPeakCappedOrLimitedAndReportedTruly)
         auto gain = item(c.path);
         ASSERT_TRUE(gain);
         gain->setTargetLoudness((c.lufs + 70.0f) * 100.0f / 65.0f);
-        gain->setLimitPeaks(c.limit);
+        {
+            VXJobSettings settings = gain->jobSettings();
+            settings.limitPeaks = c.limit;
+            gain->setJobSettings(settings);
+        }
         runs.push_back(std::make_unique<JobRun>(gain));
         runs.back()->start();
     }
