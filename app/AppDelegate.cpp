@@ -76,7 +76,6 @@ void AppDelegate::connectWindow()
     QListView *list = ui.tableView;
     list->setModel(m_audioGains);
     m_cellView = new RQTableCellView(list);
-    m_cellView->setDelegate(this);
     list->setItemDelegate(m_cellView);
     connect(m_cellView, &RQTableCellView::targetLoudnessClicked, this, &AppDelegate::popupTargetLoudnessAdjustMenu);
     connect(list->selectionModel(), &QItemSelectionModel::selectionChanged, this,

@@ -37,7 +37,7 @@ namespace Ui { class MainWindow; }
 // The one controller of the desktop app: the main window, the list of items,
 // importing, the batch of gain jobs and the output folder. GUI thread only;
 // background work reaches it through one blocking hop per report.
-class AppDelegate : public QObject, public RQTableCellViewDelegate {
+class AppDelegate : public QObject {
     Q_OBJECT
     Q_PROPERTY(bool allowedImport READ allowedImport NOTIFY allowedImportChanged)
     Q_PROPERTY(bool allowGain READ allowGain NOTIFY allowGainChanged)
@@ -82,7 +82,6 @@ public:
     bool canRemove() const;
     QList<VXAudioGainPtr> selectedAudioGains() const;
     QList<int> selectedRows() const;
-    bool RQTableCellViewIsSelected(int row) const override;
     void removeGainsExceptProcessAtIndexes(const QList<int> &indexes);
 
     // Import.

@@ -47,16 +47,9 @@ QList<VXAudioGainPtr> AppDelegate::selectedAudioGains() const
     return chosen;
 }
 
-bool AppDelegate::RQTableCellViewIsSelected(int row) const
-{
-    const QItemSelectionModel *selection = tableView()->selectionModel();
-    return row >= 0 && selection && selection->isRowSelected(row, {});
-}
-
 void AppDelegate::tableViewSelectionDidChange()
 {
-    // The view repaints the rows whose selection changed; each asks
-    // RQTableCellViewIsSelected for its background.
+    // The view repaints the rows whose selection changed itself.
     updateDerivedFlags();
     emit selectedAudioGainsChanged();
     updateGainFace();

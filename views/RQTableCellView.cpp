@@ -67,12 +67,6 @@ RQTableCellView::Layout RQTableCellView::layout(const QRect &row)
     return l;
 }
 
-bool RQTableCellView::isSelected(const QStyleOptionViewItem &, const QModelIndex &index) const
-{
-    // Selection is the controller's answer alone; without one a row is plain.
-    return m_delegate && m_delegate->RQTableCellViewIsSelected(index.row());
-}
-
 void RQTableCellView::paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const
 {
     watchView(option.widget);
@@ -81,7 +75,7 @@ void RQTableCellView::paint(QPainter *painter, const QStyleOptionViewItem &optio
     painter->save();
     // The base class is never called: the view's own highlight would hide
     // the two background colours, the only selection marking we draw.
-    painter->fillRect(r, isSelected(option, index) ? kSelected : kUnselected);
+    painter->fillRect(r, (option.state & QStyle::State_Selected) ? kSelected : kUnselected);
     painter->fillRect(QRect(r.left(), r.bottom(), r.width(), 1), kSeparator);
     painter->setRenderHint(QPainter::SmoothPixmapTransform);
 
@@ -140,7 +134,7 @@ void RQTableCellView::paint(QPainter *painter, const QStyleOptionViewItem &optio
         // Small, at the mark's lower right, ringed in the row's colour so it
         // stands apart from the mark without changing it.
         painter->setRenderHint(QPainter::Antialiasing);
-        painter->setPen(QPen(isSelected(option, index) ? kSelected : kUnselected, 1.5));
+        painter->setPen(QPen((option.state & QStyle::State_Selected) ? kSelected : kUnselected, 1.5));
         painter->setBrush(kPeakCapped);
         painter->drawEllipse(QRectF(l.state.right() - 9.5, l.state.bottom() - 9.5, 10, 10));
     }

@@ -6,13 +6,6 @@
 
 class QAbstractItemView;
 
-// The controller's answer to a row that asks whether it is selected.
-class RQTableCellViewDelegate {
-public:
-    virtual ~RQTableCellViewDelegate() = default;
-    virtual bool RQTableCellViewIsSelected(int row) const = 0;
-};
-
 // Paints one row of the audio list: background by selection, separator,
 // cover art, name, size, duration, the target-loudness button and the state
 // image, with an amber dot on the success mark when the gain stopped at the
@@ -34,9 +27,6 @@ public:
 
     explicit RQTableCellView(QObject *parent = nullptr);
 
-    void setDelegate(RQTableCellViewDelegate *delegate) { m_delegate = delegate; }
-    RQTableCellViewDelegate *delegate() const { return m_delegate; }
-
     void paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const override;
     QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const override;
     bool editorEvent(QEvent *event, QAbstractItemModel *model, const QStyleOptionViewItem &option,
@@ -56,12 +46,10 @@ protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
-    bool isSelected(const QStyleOptionViewItem &option, const QModelIndex &index) const;
     void watchView(const QWidget *widget) const;
     bool activateFromKey(QAbstractItemView *view, const QModelIndex &index, QEvent *event);
     void repaintRow(const QStyleOptionViewItem &option) const;
 
-    RQTableCellViewDelegate *m_delegate = nullptr;
     QPersistentModelIndex m_pressed;
     // The list whose Enter/Return keys reach the button (found when first painted).
     mutable QPointer<QAbstractItemView> m_view;

@@ -60,15 +60,6 @@ void addRow(QStandardItemModel &model, const FakeRow &row, const QImage &face)
     model.appendRow(item);
 }
 
-class Selection : public RQTableCellViewDelegate {
-public:
-    QListView *view = nullptr;
-    bool RQTableCellViewIsSelected(int row) const override
-    {
-        return row >= 0 && view->selectionModel()->isRowSelected(row);
-    }
-};
-
 void darkPalette(QApplication &app)
 {
     app.setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
@@ -214,10 +205,7 @@ int main(int argc, char **argv)
         addRow(model, rows[i], faces[i]);
 
     RQTableCellView cell;
-    Selection selection;
-    cell.setDelegate(&selection);
     ListArea area = listArea(&model, &cell);
-    selection.view = area.list;
     area.list->selectionModel()->select(model.index(2, 0), QItemSelectionModel::Select);
     QObject::connect(&cell, &RQTableCellView::targetLoudnessClicked, &app, [&](int row, const QRect &anchor) {
         RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
