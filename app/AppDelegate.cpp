@@ -183,7 +183,7 @@ void AppDelegate::applicationDidFinishLaunching()
     list->viewport()->setAcceptDrops(true);
     list->viewport()->installEventFilter(this);
 
-    connect(RQNotificationCenter::defaultCenter(), &RQNotificationCenter::notificationPosted, this,
+    connect(RQPopupMenuWndCtrl::sharePopupMenuWndCtrl(), &RQPopupMenuWndCtrl::targetLoudnessChosen, this,
             &AppDelegate::targetLoudnessChanged, Qt::UniqueConnection);
     // The popup shows the remembered settings of the next Gain and
     // remembers each change.

@@ -161,7 +161,8 @@ public slots:
     void avtiveOutputPath();
     void chkReplaceOriginalFileChanged();
     void popupTargetLoudnessAdjustMenu(int row, const QRect &anchor);
-    void targetLoudnessChanged(const QString &name, QObject *sender);
+    // The popup's target was chosen: for the next rows, and for its row or all.
+    void targetLoudnessChanged();
     void quitApplication();
     void showAbout();
 

@@ -112,14 +112,11 @@ void AppDelegate::popupTargetLoudnessAdjustMenu(int row, const QRect &anchor)
     popup->popupMenuWndWithLocation(global);
 }
 
-void AppDelegate::targetLoudnessChanged(const QString &name, QObject *sender)
+void AppDelegate::targetLoudnessChanged()
 {
-    Q_UNUSED(sender);  // the values travel in the shared popup, whoever posts
-    if (name != QLatin1String(kRQTargetLoudnessChaned))
-        return;
     const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     const float value = popup->targetLoudness();
-    // Only the user's own choices are posted: the next files get the last one.
+    // Only the user's own choices are reported: the next files get the last one.
     if (value != m_newRowTarget) {
         m_newRowTarget = value;
         RQAppSettings::setTargetLoudness(value);

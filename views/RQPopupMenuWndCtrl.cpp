@@ -10,17 +10,6 @@
 #include <QSignalBlocker>
 #include <QWindow>
 
-RQNotificationCenter *RQNotificationCenter::defaultCenter()
-{
-    static RQNotificationCenter center;
-    return &center;
-}
-
-void RQNotificationCenter::postNotificationName(const QString &name, QObject *sender)
-{
-    emit notificationPosted(name, sender);
-}
-
 struct RQPopupMenuWndCtrl::Private {
     bool applyToAll = false;
     float targetLoudness = VXLoudnessScale::kDefaultPosition;
@@ -131,7 +120,7 @@ void RQPopupMenuWndCtrl::chooseLufs(double lufs)
     // only guards against a level it would miss.
     const float position = positionForLufs(lufs).value_or(
         float((lufs - kMinLufs) * 100.0 / (double(kMaxLufs) - double(kMinLufs))));
-    userChangedValue(position, d->window ? d->ui.spnTargetLufs : nullptr);
+    userChangedValue(position);
 }
 
 void RQPopupMenuWndCtrl::choosePreset(const VXPreset &preset)
@@ -224,9 +213,9 @@ void RQPopupMenuWndCtrl::awakeFromNib()
 
     // The slider counts tenths; the spin box keeps the exact value (70.77).
     connect(ui.sldTargetLoudness, &QSlider::valueChanged, this,
-            [this](int tenths) { userChangedValue(tenths / 10.0f, d->ui.sldTargetLoudness); });
+            [this](int tenths) { userChangedValue(tenths / 10.0f); });
     connect(ui.spnTargetLoudness, &QDoubleSpinBox::valueChanged, this,
-            [this](double v) { userChangedValue(float(v), d->ui.spnTargetLoudness); });
+            [this](double v) { userChangedValue(float(v)); });
     connect(ui.spnTargetLufs, &QDoubleSpinBox::valueChanged, this, &RQPopupMenuWndCtrl::chooseLufs);
     auto *presets = new QMenu(ui.btnPresets);
     for (const VXPreset &preset : kVXPresets) {
@@ -242,7 +231,7 @@ void RQPopupMenuWndCtrl::awakeFromNib()
         // Ticking the box applies the shown value to every file at once;
         // unticking changes nothing that was already applied.
         if (on)
-            targetLoudnessChanged(d->ui.btnApplyToAll);
+            targetLoudnessChanged();
     });
     // A quiet rule: the peak settings below it are for every file, not the row.
     QPalette rule = ui.sepPeaks->palette();
@@ -271,7 +260,7 @@ void RQPopupMenuWndCtrl::awakeFromNib()
             owner->close();
     });
     connect(d->window, &RQMeunWindow::stepRequested, this, [this](int steps) {
-        userChangedValue(qBound(0.0f, d->targetLoudness + float(steps), 100.0f), d->window);
+        userChangedValue(qBound(0.0f, d->targetLoudness + float(steps), 100.0f));
     });
     syncControls();
 }
@@ -308,10 +297,10 @@ void RQPopupMenuWndCtrl::syncControls()
     ui.spnSkipWithin->setEnabled(skip);
 }
 
-void RQPopupMenuWndCtrl::userChangedValue(float value, QObject *sender)
+void RQPopupMenuWndCtrl::userChangedValue(float value)
 {
     setTargetLoudness(value);
-    targetLoudnessChanged(sender);
+    targetLoudnessChanged();
 }
 
 void RQPopupMenuWndCtrl::popupMenuWndWithLocation(const QPoint &globalPoint)
@@ -347,7 +336,7 @@ QPoint RQPopupMenuWndCtrl::placeInside(const QRect &wanted, const QRect &availab
     return at;
 }
 
-void RQPopupMenuWndCtrl::targetLoudnessChanged(QObject *)
+void RQPopupMenuWndCtrl::targetLoudnessChanged()
 {
-    RQNotificationCenter::defaultCenter()->postNotificationName(QString::fromLatin1(kRQTargetLoudnessChaned), this);
+    emit targetLoudnessChosen();
 }

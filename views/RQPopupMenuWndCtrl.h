@@ -12,25 +12,12 @@ struct VXPreset;
 class QWidget;
 class RQMenuView;
 
-// Name of the notification the popup posts on every change of its value.
-inline constexpr char kRQTargetLoudnessChaned[] = "RQTargetLoudnessChaned";
-
-// The default notification centre: named notifications with a sender, for
-// observers that listen "from any object".
-class RQNotificationCenter : public QObject {
-    Q_OBJECT
-public:
-    static RQNotificationCenter *defaultCenter();
-    void postNotificationName(const QString &name, QObject *sender);
-signals:
-    void notificationPosted(const QString &name, QObject *sender);
-};
-
 // The shared target-loudness popup: one instance for the application's life.
-// Observers read applyToAll, row and targetLoudness from it when notified.
+// Observers read applyToAll, row and targetLoudness from it when it reports
+// targetLoudnessChosen.
 // It also holds how peaks are treated, for every file at the next Gain: the
 // true-peak ceiling and whether a limiter may hold peaks to reach the target.
-// Those change through their own signals and post no notification, as do
+// Those change through their own signals, never targetLoudnessChosen, as do
 // the other settings of the next Gain: measuring mono files as on two
 // speakers, and leaving files that are already near their target untouched.
 class RQPopupMenuWndCtrl : public QObject {
@@ -87,13 +74,15 @@ public:
     // Where a window of the wanted geometry goes so that all of it is on
     // the available area (its top-left corner when it is larger).
     static QPoint placeInside(const QRect &wanted, const QRect &available);
-    // Posts kRQTargetLoudnessChaned, unconditionally.
-    void targetLoudnessChanged(QObject *sender = nullptr);
+    // Reports targetLoudnessChosen, unconditionally.
+    void targetLoudnessChanged();
 
 signals:
     void applyToAllChanged();
     void targetLoudnessValueChanged();
     void rowChanged();
+    // The user chose a target: for the row, or for every row (applyToAll).
+    void targetLoudnessChosen();
     void truePeakCeilingChanged();
     void limitPeaksChanged();
     void dualMonoChanged();
@@ -103,7 +92,7 @@ private:
     RQPopupMenuWndCtrl();
     void awakeFromNib();
     void syncControls();
-    void userChangedValue(float value, QObject *sender);
+    void userChangedValue(float value);
     struct Private;
     Private *d;
 };
