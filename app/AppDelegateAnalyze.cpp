@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 
 #include "app/RQAudioGainRows.h"
+#include "engine/VXGainState.h"
 #include "views/RQPopupMenuWndCtrl.h"
 
 #include "ui_MainWindow.h"
@@ -55,7 +56,7 @@ void AppDelegate::jobEnded(const std::weak_ptr<VXAudioGain> &weak)
     // A result is measured only where its input was: that is the picture
     // the user asked for.
     const VXAudioGainPtr item = weak.lock();
-    if (!item || item->retCode() != 0 || item->gainResult().skipped || !rows()->measured(item.get()))
+    if (!item || item->retCode() != VXGainSucceeded || item->gainResult().skipped || !rows()->measured(item.get()))
         return;
     analyze(item, item->outPathFile(), true);
 }

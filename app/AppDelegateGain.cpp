@@ -3,6 +3,7 @@
 #include "app/RQDesktopServices.h"
 #include "app/RQPalette.h"
 #include "engine/VXAlbumBatch.h"
+#include "engine/VXGainState.h"
 #include "engine/codec/VXLog.h"
 #include "views/RQPopupMenuWndCtrl.h"
 
@@ -13,7 +14,7 @@
 namespace {
 bool isEligible(const VXAudioGain &item)
 {
-    return item.state() == 0 || (item.state() == 3 && item.retCode() == -2);
+    return item.state() == VXGainIdle || (item.state() == VXGainFinished && item.retCode() == VXGainCancelled);
 }
 } // namespace
 
@@ -52,7 +53,7 @@ void AppDelegate::gainAudios()
         if (!self)
             return;
         // Progress shows in the row itself; only an end can change the face.
-        if (state == 3)
+        if (state == VXGainFinished)
             self->updateGainFace();
         self->batchReported(state);
     };
@@ -97,7 +98,7 @@ void AppDelegate::gainAudios()
         m_batch.append(item);
         item->gainWithBlock([report, self, weak = std::weak_ptr<VXAudioGain>(item)](qint32 state, qint64 code) {
             report(state, code);
-            if (state == 3 && self)
+            if (state == VXGainFinished && self)
                 self->jobEnded(weak);
         });
         started = true;
@@ -109,7 +110,7 @@ void AppDelegate::gainAudios()
 void AppDelegate::batchReported(qint32 state)
 {
     // A percent of one file is too fine to send on to the desktop.
-    if (state == 2 && m_progressClock.isValid() && m_progressClock.elapsed() < 250)
+    if (state == VXGainRunning && m_progressClock.isValid() && m_progressClock.elapsed() < 250)
         return;
     m_progressClock.start();
     qint64 done = 0;
@@ -117,11 +118,11 @@ void AppDelegate::batchReported(qint32 state)
     bool running = false;
     for (const VXAudioGainPtr &item : std::as_const(m_batch)) {
         running = running || item->isRunning();
-        if (item->state() == 3) {
+        if (item->state() == VXGainFinished) {
             done += 100;
-            succeeded += item->retCode() == 0;
-            failed += item->retCode() == -1;
-        } else if (item->state() == 2) {
+            succeeded += item->retCode() == VXGainSucceeded;
+            failed += item->retCode() == VXGainFailed;
+        } else if (item->state() == VXGainRunning) {
             done += qBound(qint64(0), item->retCode(), qint64(100));
         }
     }

@@ -1,5 +1,7 @@
 #include "app/RQAudioGainRows.h"
 
+#include "engine/VXGainState.h"
+
 namespace {
 QString figure(double v, const char *unit)
 {
@@ -74,17 +76,19 @@ QString RQAudioGainRows::describe(const VXAudioGain &item, const Measured *measu
         parts << measuredText(measured->input);
     const qint64 code = item.retCode();
     switch (item.state()) {
-    case 1:
+    case VXGainStarted:
         parts << tr("started");
         break;
-    case 2:
+    case VXGainRunning:
         parts << tr("running, %1%").arg(qBound(qint64(0), code, qint64(100)));
         break;
-    case 3: {
-        const QString ended = code == 0 ? tr("succeeded") : code == -2 ? tr("cancelled") : tr("failed");
+    case VXGainFinished: {
+        const QString ended = code == VXGainSucceeded ? tr("succeeded")
+            : code == VXGainCancelled                  ? tr("cancelled")
+                                                       : tr("failed");
         const QString outcome = item.outcomeText();
         // A cancel's outcome is the same word.
-        parts << (outcome.isEmpty() || code == -2 ? ended : ended + QStringLiteral(": ") + outcome);
+        parts << (outcome.isEmpty() || code == VXGainCancelled ? ended : ended + QStringLiteral(": ") + outcome);
         break;
     }
     default:

@@ -1,6 +1,7 @@
 #include "app/RQDebugDriver.h"
 
 #include "app/AppDelegate.h"
+#include "engine/VXGainState.h"
 #include "views/RQPopupMenuWndCtrl.h"
 #include "views/RQTableCellView.h"
 
@@ -134,9 +135,9 @@ void RQDebugDriver::checkGainDone()
     const QList<VXAudioGainPtr> items = m_delegate->audioGains()->items();
     for (const VXAudioGainPtr &item : items) {
         running |= item->isRunning();
-        if (item->state() == 3)
+        if (item->state() == VXGainFinished)
             done += 100;
-        else if (item->state() == 2)
+        else if (item->state() == VXGainRunning)
             done += qBound(qint64(0), item->retCode(), qint64(100));
     }
     if (running && m_whenProgress >= 0 && !items.isEmpty() && done >= qint64(m_whenProgress) * items.size()) {

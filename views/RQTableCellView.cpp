@@ -1,6 +1,7 @@
 #include "views/RQTableCellView.h"
 
 #include "engine/VXAudioGainList.h"
+#include "engine/VXGainState.h"
 #include "views/RQImages.h"
 
 #include <QAbstractItemView>
@@ -28,8 +29,8 @@ const VXAudioGain *itemAt(const QModelIndex &index)
 // below its target: the success mark alone would hide that.
 bool isPeakCapped(const QModelIndex &index)
 {
-    if (index.data(VXAudioGainList::StateRole).toInt() != 3
-        || index.data(VXAudioGainList::RetCodeRole).toLongLong() != 0)
+    if (index.data(VXAudioGainList::StateRole).toInt() != VXGainFinished
+        || index.data(VXAudioGainList::RetCodeRole).toLongLong() != VXGainSucceeded)
         return false;
     const VXAudioGain *item = itemAt(index);
     return item && item->gainResult().normalization == QLatin1String("peak-capped");
