@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QDialog>
-#include <QElapsedTimer>
 #include <QMainWindow>
 #include <QObject>
 #include <QPointer>
@@ -9,19 +8,21 @@
 #include <QStringList>
 #include <QThreadPool>
 #include <QUrl>
-#include <atomic>
-#include <vector>
 #include <functional>
 #include <memory>
 
+#include "app/RQBatchController.h"
+#include "app/RQOutputFolderController.h"
 #include "engine/VXAudioGain.h"
 #include "engine/VXAudioGainList.h"
 #include "engine/codec/VXCancel.h"
 #include "engine/codec/VXError.h"
-#include "views/RQTableCellView.h"
 
 class QCheckBox;
 class RQAudioGainRows;
+class RQImportController;
+class RQSettingsController;
+class RQTableCellView;
 
 class QLabel;
 class QLineEdit;
@@ -34,9 +35,12 @@ class QToolButton;
 class QAction;
 namespace Ui { class MainWindow; }
 
-// The one controller of the desktop app: the main window, the list of items,
-// importing, the batch of gain jobs and the output folder. GUI thread only;
-// background work reaches it through one blocking hop per report.
+// The main window's owner: builds the window, wires its controls to the
+// controllers behind it (settings, import, batch, output folder), keeps the
+// list's selection and the analyses, and runs the application's lifecycle.
+// The action methods are the window's commands; where a controller owns the
+// work they hand it on. GUI thread only; background work reaches it through
+// one blocking hop per report.
 class AppDelegate : public QObject {
     Q_OBJECT
     Q_PROPERTY(bool allowedImport READ allowedImport NOTIFY allowedImportChanged)
@@ -53,13 +57,13 @@ public:
     // Shows a modal alert with one "OK" button and returns when it is dismissed.
     using AlertPresenter = std::function<void(const QString &message, const QString &informative)>;
     // Shows the folder in the file manager.
-    using FolderRevealer = std::function<void(const QString &folder)>;
+    using FolderRevealer = RQOutputFolderController::FolderRevealer;
     // Tells the desktop, outside the window, that a batch has ended.
-    using Notifier = std::function<void(const QString &summary, const QString &body)>;
+    using Notifier = RQBatchController::Notifier;
 
     // A batch that ends after this long, with the window in the background,
     // is announced by a desktop notification.
-    static constexpr qint64 kNotifyAfterMsecs = 10000;
+    static constexpr qint64 kNotifyAfterMsecs = RQBatchController::kNotifyAfterMsecs;
 
     // Builds the main window from its interface file; start-up proper is
     // applicationDidFinishLaunching().
@@ -75,9 +79,15 @@ public:
     void windowWillClose();
     QString productName() const;
 
+    // The controllers behind the window.
+    RQSettingsController *settingsController() const { return m_settings; }
+    RQImportController *importController() const { return m_import; }
+    RQBatchController *batchController() const { return m_batch; }
+    RQOutputFolderController *outputFolderController() const { return m_output; }
+
     // The list.
     VXAudioGainList *audioGains() const { return m_audioGains; }
-    bool allowedImport() const { return m_allowedImport; }
+    bool allowedImport() const;
     bool allowGain() const;
     bool canRemove() const;
     QList<VXAudioGainPtr> selectedAudioGains() const;
@@ -98,7 +108,7 @@ public:
     void importSingleFile(const QString &path);
     // Appends an item probed elsewhere, or alerts why there is none.
     void importSingleFile(const QString &path, const VXAudioGainPtr &item, const VXError &error);
-    QString importingFileName() const { return m_importingFileName; }
+    QString importingFileName() const;
     // The open dialog's end: result 1 = confirmed with the chosen paths.
     void openPanelDidEnd(int result, const QStringList &paths);
 
@@ -113,10 +123,10 @@ public:
     void setGainBtnFace(bool cancelFace);
 
     // Output folder.
-    QString outFolder() const { return m_outFolder; }
+    QString outFolder() const { return m_output->outFolder(); }
     void setOutFolder(const QString &folder);
     QString finalOutFolder() const;
-    bool replaceOriginalFile() const { return m_replaceOriginalFile; }
+    bool replaceOriginalFile() const { return m_output->replaceOriginalFile(); }
     void setReplaceOriginalFile(bool replace);
     void selectOutputFolder(bool startAfter);
     // The folder dialog's end: result 1 = confirmed with the chosen folder.
@@ -141,8 +151,8 @@ public:
 
     // Seams: modal alerts and the file manager are replaced in tests.
     void setAlertPresenter(AlertPresenter presenter) { m_alert = std::move(presenter); }
-    void setFolderRevealer(FolderRevealer revealer) { m_reveal = std::move(revealer); }
-    void setNotifier(Notifier notifier) { m_notify = std::move(notifier); }
+    void setFolderRevealer(FolderRevealer revealer) { m_output->setFolderRevealer(std::move(revealer)); }
+    void setNotifier(Notifier notifier) { m_batch->setNotifier(std::move(notifier)); }
 
 public slots:
     // User commands.
@@ -184,56 +194,41 @@ protected:
 
 private:
     void connectWindow();
+    void connectList();
+    void connectImport();
+    void connectGain();
+    void connectOutputFolder();
+    void connectMenus();
+    void connectSettingsEditors();
     void tableViewSelectionDidChange();
     void updateDerivedFlags();
-    void setAllowedImport(bool allowed);
-    void setImportingFileName(const QString &name);
-    void importEnded();
-    void showImportFailure(const QString &path, const VXError &error);
     void alert(const QString &message, const QString &informative);
-    void revealFolder(const QString &folder);
     void stopAllWork();
-    void savePopupSettings();
-    void batchReported(qint32 state);
+    void paintGainFace();
     void fitWindowToScreen();
     void analyze(const VXAudioGainPtr &item, const QString &path, bool output);
-    void jobEnded(const std::weak_ptr<VXAudioGain> &item);
+    void jobEnded(const VXAudioGainPtr &item);
+    void analyzeResult(const VXAudioGainPtr &item);
     void updateLoudnessView();
 
     std::unique_ptr<Ui::MainWindow> m_ui;
     QPointer<QMainWindow> m_window;
     VXAudioGainList *m_audioGains = nullptr;
     RQTableCellView *m_cellView = nullptr;
+    RQSettingsController *m_settings = nullptr;
+    RQOutputFolderController *m_output = nullptr;
+    RQImportController *m_import = nullptr;
+    RQBatchController *m_batch = nullptr;
 
-    bool m_allowedImport = true;
     bool m_allowGain = false;
     bool m_canRemove = false;
-    QString m_importingFileName;
-    // Read by the walks on pool threads; shared so a walk never touches
-    // the controller itself, which may be gone before the walk notices.
-    // The cancel flags of the imports under way (each walk holds its own).
-    std::vector<std::weak_ptr<std::atomic<bool>>> m_importCancels;
-    int m_runningImports = 0;
-    QThreadPool m_importPool;
     QThreadPool m_analysisPool;
     // Cancelled at shutdown: stops the measurements under way.
     std::shared_ptr<VXCancel> m_analysisCancel = std::make_shared<VXCancel>();
     int m_runningAnalyses = 0;
 
-    // The position last chosen in the popup, given to every new row.
-    float m_newRowTarget = VXAudioGain::kDefaultTargetLoudness;
-    QString m_outFolder;  // null: none chosen yet
-    bool m_replaceOriginalFile = false;
     QPointer<QDialog> m_dialog;
-
     AlertPresenter m_alert;
-    FolderRevealer m_reveal;
-    Notifier m_notify;
-    // The batch under way, for the launcher's progress and the notification
-    // at its end.
-    QList<VXAudioGainPtr> m_batch;
-    QElapsedTimer m_batchClock;
-    QElapsedTimer m_progressClock;
     bool m_terminated = false;
     bool m_quitting = false;
 };

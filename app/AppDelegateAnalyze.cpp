@@ -1,8 +1,8 @@
 #include "app/AppDelegate.h"
 
 #include "app/RQAudioGainRows.h"
+#include "app/RQSettingsController.h"
 #include "engine/VXGainState.h"
-#include "views/RQPopupMenuWndCtrl.h"
 
 #include "ui_MainWindow.h"
 
@@ -34,7 +34,7 @@ void AppDelegate::analyze(const VXAudioGainPtr &item, const QString &path, bool 
     ++m_runningAnalyses;
     const std::shared_ptr<const VXCancel> cancel = m_analysisCancel;
     const int flags = VXMeasureTruePeak | VXMeasureCurve
-        | (RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->dualMono() ? VXMeasureDualMono : 0);
+        | (m_settings->settings().dualMono ? VXMeasureDualMono : 0);
     QtConcurrent::run(&m_analysisPool,
                       [path, cancel, flags] {
                           Measurement m;
@@ -51,12 +51,11 @@ void AppDelegate::analyze(const VXAudioGainPtr &item, const QString &path, bool 
         });
 }
 
-void AppDelegate::jobEnded(const std::weak_ptr<VXAudioGain> &weak)
+void AppDelegate::analyzeResult(const VXAudioGainPtr &item)
 {
     // A result is measured only where its input was: that is the picture
     // the user asked for.
-    const VXAudioGainPtr item = weak.lock();
-    if (!item || item->retCode() != VXGainSucceeded || item->gainResult().skipped || !rows()->measured(item.get()))
+    if (item->retCode() != VXGainSucceeded || item->gainResult().skipped || !rows()->measured(item.get()))
         return;
     analyze(item, item->outPathFile(), true);
 }
@@ -71,7 +70,7 @@ void AppDelegate::updateLoudnessView()
     if (const VXAudioGainPtr item = m_audioGains->at(row)) {
         data.title = item->inputFileName();
         data.targetLufs = item->loudnormValue();
-        data.ceilingDbtp = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl()->truePeakCeiling();
+        data.ceilingDbtp = m_settings->settings().truePeakCeiling;
         if (const RQAudioGainRows::Measured *m = rows()->measured(item.get())) {
             data.input = m->input;
             data.output = m->output;

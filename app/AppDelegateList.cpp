@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 
-#include "app/RQAppSettings.h"
+#include "app/RQImportController.h"
+#include "app/RQSettingsController.h"
 #include "views/RQPopupMenuWndCtrl.h"
 
 #include <QItemSelectionModel>
@@ -8,15 +9,20 @@
 #include <algorithm>
 #include <numeric>
 
+bool AppDelegate::allowedImport() const
+{
+    return m_import->allowedImport();
+}
+
 bool AppDelegate::allowGain() const
 {
-    return m_allowedImport && m_audioGains->count() > 0;
+    return allowedImport() && m_audioGains->count() > 0;
 }
 
 bool AppDelegate::canRemove() const
 {
     const QItemSelectionModel *selection = tableView()->selectionModel();
-    return m_allowedImport && selection && selection->hasSelection();
+    return allowedImport() && selection && selection->hasSelection();
 }
 
 QList<int> AppDelegate::selectedRows() const
@@ -117,10 +123,7 @@ void AppDelegate::targetLoudnessChanged()
     const RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
     const float value = popup->targetLoudness();
     // Only the user's own choices are reported: the next files get the last one.
-    if (value != m_newRowTarget) {
-        m_newRowTarget = value;
-        RQAppSettings::setTargetLoudness(value);
-    }
+    m_settings->setTargetLoudness(value);
     if (!popup->applyToAll()) {
         const qint64 row = popup->row();
         // The list may have shrunk while the popup was open.

@@ -1,38 +1,27 @@
 #include "app/AppDelegate.h"
 
-#include "app/RQAppSettings.h"
 #include "app/RQPalette.h"
 
 #include "ui_MainWindow.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
-#include <QDesktopServices>
-#include <QDir>
 #include <QFileDialog>
-#include <QFileInfo>
+
+// The output folder's commands and its field; where results go is
+// RQOutputFolderController's.
 
 QString AppDelegate::finalOutFolder() const
 {
-    return m_outFolder;
+    return m_output->outFolder();
 }
 
 void AppDelegate::setOutFolder(const QString &folder)
 {
-    if (m_outFolder == folder)
-        return;
-    m_outFolder = folder;
-    emit outFolderChanged();
+    m_output->setOutFolder(folder);
 }
 
 void AppDelegate::setReplaceOriginalFile(bool replace)
 {
-    if (m_replaceOriginalFile == replace)
-        return;
-    m_replaceOriginalFile = replace;
-    emit replaceOriginalFileChanged();
+    m_output->setReplaceOriginalFile(replace);
 }
 
 void AppDelegate::selectOutFolder()
@@ -50,8 +39,8 @@ void AppDelegate::selectOutputFolder(bool startAfter)
     dialog->setFileMode(QFileDialog::Directory);
     dialog->setOption(QFileDialog::ShowDirsOnly, true);
     dialog->setAcceptMode(QFileDialog::AcceptOpen);
-    if (!m_outFolder.isNull())
-        dialog->setDirectory(m_outFolder);
+    if (!outFolder().isNull())
+        dialog->setDirectory(outFolder());
     connect(dialog, &QDialog::finished, this, [this, dialog, startAfter](int result) {
         m_dialog = nullptr;
         const QStringList chosen = dialog->selectedFiles();
@@ -66,9 +55,8 @@ void AppDelegate::folderSheetDidEnd(int result, const QString &folder, bool star
 {
     if (result != QDialog::Accepted || folder.isEmpty())
         return;
-    setOutFolder(QDir::cleanPath(QFileInfo(folder).absoluteFilePath()));
+    m_output->choose(folder);
     m_ui->btnActiveFolder->setVisible(true);
-    saveUserSelectedURL(m_outFolder);
     // After the dialog has finished closing, as a fresh event.
     if (startAfter)
         QMetaObject::invokeMethod(this, &AppDelegate::gainAudios, Qt::QueuedConnection);
@@ -76,51 +64,17 @@ void AppDelegate::folderSheetDidEnd(int result, const QString &folder, bool star
 
 void AppDelegate::saveUserSelectedURL(const QString &folder)
 {
-    // A folder that cannot be stored is still used for this run.
-    RQAppSettings::setUserSelectedOutFolder(folder);
+    RQOutputFolderController::saveUserSelectedURL(folder);
 }
 
 QString AppDelegate::userSelectOutFolder() const
 {
-    return RQAppSettings::userSelectedOutFolder();
+    return RQOutputFolderController::userSelectOutFolder();
 }
 
 void AppDelegate::avtiveOutputPath()
 {
-    const QString folder = finalOutFolder();
-    if (folder.isNull())
-        return;
-    if (m_reveal)
-        m_reveal(folder);
-}
-
-void AppDelegate::revealFolder(const QString &folder)
-{
-    const QUrl url = QUrl::fromLocalFile(folder);
-    // With nothing to show the folder, the click must not pass in silence.
-    const QPointer<AppDelegate> self(this);
-    const auto open = [self, url, folder] {
-        if (!QDesktopServices::openUrl(url) && self)
-            self->alert(tr("Cannot show the output folder"),
-                        tr("No file manager is available to show %1.").arg(folder));
-    };
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) {
-        open();
-        return;
-    }
-    // Asynchronous: a file manager that is slow to start must not freeze
-    // the window.
-    QDBusMessage call = QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
-        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
-    call << QStringList{url.toString()} << QString();
-    auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 5000), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [open](QDBusPendingCallWatcher *w) {
-        if (w->isError())
-            open();
-        w->deleteLater();
-    });
+    m_output->reveal();
 }
 
 void AppDelegate::chkReplaceOriginalFileChanged()
@@ -130,7 +84,7 @@ void AppDelegate::chkReplaceOriginalFileChanged()
 
 void AppDelegate::setTextFolderColor()
 {
-    const QColor color = m_replaceOriginalFile ? RQPalette::dimmedText() : RQPalette::lightTitle();
+    const QColor color = replaceOriginalFile() ? RQPalette::dimmedText() : RQPalette::lightTitle();
     RQPalette::setTextColor(m_ui->txtFolder, color);
     // The "no folder" hint is drawn as a folder's name would be.
     QPalette palette = m_ui->txtFolder->palette();

@@ -1,5 +1,6 @@
 #include "views/RQPopupMenuWndCtrl.h"
 
+#include "engine/VXJobSettings.h"
 #include "engine/VXLoudnessScale.h"
 #include "engine/codec/VXCodecConstants.h"
 #include "ui_RQPopupMenuWndCtrl.h"
@@ -10,14 +11,23 @@
 #include <QSignalBlocker>
 #include <QWindow>
 
+namespace {
+VXJobSettings withPopupFields(VXJobSettings to, const VXJobSettings &from)
+{
+    to.truePeakCeiling = from.truePeakCeiling;
+    to.limitPeaks = from.limitPeaks;
+    to.dualMono = from.dualMono;
+    to.skipWithin = from.skipWithin;
+    return to;
+}
+} // namespace
+
 struct RQPopupMenuWndCtrl::Private {
     bool applyToAll = false;
     float targetLoudness = VXLoudnessScale::kDefaultPosition;
     qint64 row = 0;
-    float truePeakCeiling = VXDefaultTruePeakTarget;
-    bool limitPeaks = false;
-    bool dualMono = false;
-    double skipWithin = NAN;
+    // Only its ceiling, limiter, dual mono and skip fields are the popup's.
+    VXJobSettings shown;
     QPointer<RQMeunWindow> window;
     Ui::RQPopupMenuWndCtrl ui;
 };
@@ -65,51 +75,56 @@ void RQPopupMenuWndCtrl::setRow(qint64 r)
     }
 }
 
-float RQPopupMenuWndCtrl::truePeakCeiling() const { return d->truePeakCeiling; }
+float RQPopupMenuWndCtrl::truePeakCeiling() const { return d->shown.truePeakCeiling; }
 
 void RQPopupMenuWndCtrl::setTruePeakCeiling(float dbtp)
 {
-    dbtp = qBound(VXMinTruePeakTarget, dbtp, VXMaxTruePeakTarget);
-    if (d->truePeakCeiling == dbtp)
-        return;
-    d->truePeakCeiling = dbtp;
-    syncControls();
-    emit truePeakCeilingChanged();
+    VXJobSettings s = d->shown;
+    s.truePeakCeiling = qBound(VXMinTruePeakTarget, dbtp, VXMaxTruePeakTarget);
+    showJobSettings(s);
 }
 
-bool RQPopupMenuWndCtrl::limitPeaks() const { return d->limitPeaks; }
+bool RQPopupMenuWndCtrl::limitPeaks() const { return d->shown.limitPeaks; }
 
 void RQPopupMenuWndCtrl::setLimitPeaks(bool limit)
 {
-    if (d->limitPeaks == limit)
-        return;
-    d->limitPeaks = limit;
-    syncControls();
-    emit limitPeaksChanged();
+    VXJobSettings s = d->shown;
+    s.limitPeaks = limit;
+    showJobSettings(s);
 }
 
-bool RQPopupMenuWndCtrl::dualMono() const { return d->dualMono; }
+bool RQPopupMenuWndCtrl::dualMono() const { return d->shown.dualMono; }
 
 void RQPopupMenuWndCtrl::setDualMono(bool dualMono)
 {
-    if (d->dualMono == dualMono)
-        return;
-    d->dualMono = dualMono;
-    syncControls();
-    emit dualMonoChanged();
+    VXJobSettings s = d->shown;
+    s.dualMono = dualMono;
+    showJobSettings(s);
 }
 
-double RQPopupMenuWndCtrl::skipWithin() const { return d->skipWithin; }
+double RQPopupMenuWndCtrl::skipWithin() const { return d->shown.skipWithin; }
 
 void RQPopupMenuWndCtrl::setSkipWithin(double lu)
 {
-    if (!(lu >= 0.0))
-        lu = NAN;
-    if (d->skipWithin == lu || (std::isnan(d->skipWithin) && std::isnan(lu)))
+    VXJobSettings s = d->shown;
+    // Anything the box cannot mean is "skip nothing".
+    s.skipWithin = VXJobSettings::isValidSkipWithin(lu) ? lu : NAN;
+    showJobSettings(s);
+}
+
+void RQPopupMenuWndCtrl::showJobSettings(const VXJobSettings &settings)
+{
+    const VXJobSettings s = withPopupFields(d->shown, settings);
+    if (s == d->shown)
         return;
-    d->skipWithin = lu;
+    d->shown = s;
     syncControls();
-    emit skipWithinChanged();
+    emit jobSettingsChanged();
+}
+
+VXJobSettings RQPopupMenuWndCtrl::editedJobSettings(const VXJobSettings &settings) const
+{
+    return withPopupFields(settings, d->shown);
 }
 
 void RQPopupMenuWndCtrl::chooseLufs(double lufs)
@@ -286,14 +301,15 @@ void RQPopupMenuWndCtrl::syncControls()
     const QSignalBlocker blockSkip(ui.chkSkipWithin);
     const QSignalBlocker blockSkipValue(ui.spnSkipWithin);
     ui.spnTargetLufs->setValue(lufs);
-    ui.spnTruePeakCeiling->setValue(d->truePeakCeiling);
-    ui.chkLimitPeaks->setChecked(d->limitPeaks);
-    ui.chkDualMono->setChecked(d->dualMono);
-    const bool skip = !std::isnan(d->skipWithin);
+    const VXJobSettings &shown = d->shown;
+    ui.spnTruePeakCeiling->setValue(shown.truePeakCeiling);
+    ui.chkLimitPeaks->setChecked(shown.limitPeaks);
+    ui.chkDualMono->setChecked(shown.dualMono);
+    const bool skip = !std::isnan(shown.skipWithin);
     ui.chkSkipWithin->setChecked(skip);
     // Unticked, the box keeps the last value for the next tick.
     if (skip)
-        ui.spnSkipWithin->setValue(d->skipWithin);
+        ui.spnSkipWithin->setValue(shown.skipWithin);
     ui.spnSkipWithin->setEnabled(skip);
 }
 

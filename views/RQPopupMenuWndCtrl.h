@@ -11,24 +11,25 @@ class QToolButton;
 struct VXPreset;
 class QWidget;
 class RQMenuView;
+struct VXJobSettings;
 
 // The shared target-loudness popup: one instance for the application's life.
 // Observers read applyToAll, row and targetLoudness from it when it reports
 // targetLoudnessChosen.
-// It also holds how peaks are treated, for every file at the next Gain: the
-// true-peak ceiling and whether a limiter may hold peaks to reach the target.
-// Those change through their own signals, never targetLoudnessChosen, as do
-// the other settings of the next Gain: measuring mono files as on two
-// speakers, and leaving files that are already near their target untouched.
+// It is also an editor of the next Gain's settings (VXJobSettings): it shows
+// how peaks are treated (the true-peak ceiling, and whether a limiter may
+// hold peaks to reach the target), whether mono files are measured as on two
+// speakers, and whether files already near their target are left untouched.
+// Those report jobSettingsChanged, never targetLoudnessChosen.
 class RQPopupMenuWndCtrl : public QObject {
     Q_OBJECT
     Q_PROPERTY(bool applyToAll READ applyToAll WRITE setApplyToAll NOTIFY applyToAllChanged)
     Q_PROPERTY(float targetLoudness READ targetLoudness WRITE setTargetLoudness NOTIFY targetLoudnessValueChanged)
     Q_PROPERTY(qint64 row READ row WRITE setRow NOTIFY rowChanged)
-    Q_PROPERTY(float truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY truePeakCeilingChanged)
-    Q_PROPERTY(bool limitPeaks READ limitPeaks WRITE setLimitPeaks NOTIFY limitPeaksChanged)
-    Q_PROPERTY(bool dualMono READ dualMono WRITE setDualMono NOTIFY dualMonoChanged)
-    Q_PROPERTY(double skipWithin READ skipWithin WRITE setSkipWithin NOTIFY skipWithinChanged)
+    Q_PROPERTY(float truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY jobSettingsChanged)
+    Q_PROPERTY(bool limitPeaks READ limitPeaks WRITE setLimitPeaks NOTIFY jobSettingsChanged)
+    Q_PROPERTY(bool dualMono READ dualMono WRITE setDualMono NOTIFY jobSettingsChanged)
+    Q_PROPERTY(double skipWithin READ skipWithin WRITE setSkipWithin NOTIFY jobSettingsChanged)
 
 public:
     static RQPopupMenuWndCtrl *sharePopupMenuWndCtrl();
@@ -49,6 +50,10 @@ public:
     // LU; NaN (the box unticked) skips nothing.
     double skipWithin() const;
     void setSkipWithin(double lu);
+    // Shows the popup's fields of the settings; the others are not its own.
+    void showJobSettings(const VXJobSettings &settings);
+    // The settings given, with the popup's fields as it shows them.
+    VXJobSettings editedJobSettings(const VXJobSettings &settings) const;
 
     // As the user typing a level: the position whose target it is (clamped
     // to the scale), posted as a change.
@@ -83,10 +88,8 @@ signals:
     void rowChanged();
     // The user chose a target: for the row, or for every row (applyToAll).
     void targetLoudnessChosen();
-    void truePeakCeilingChanged();
-    void limitPeaksChanged();
-    void dualMonoChanged();
-    void skipWithinChanged();
+    // One of the ceiling, limiter, dual mono or skip fields changed.
+    void jobSettingsChanged();
 
 private:
     RQPopupMenuWndCtrl();

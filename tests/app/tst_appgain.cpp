@@ -6,9 +6,11 @@
 
 #include "app/RQAppSettings.h"
 #include "app/RQAudioGainRows.h"
+#include "app/RQSettingsController.h"
 #include "engine/codec/VXLog.h"
 #include "views/RQLoudnessView.h"
 #include "views/RQPopupMenuWndCtrl.h"
+#include "views/RQTableCellView.h"
 
 #include <QAbstractButton>
 #include <QCheckBox>
@@ -18,6 +20,7 @@
 #include <QHelpEvent>
 #include <QListView>
 #include <QPushButton>
+#include <QSignalSpy>
 #include <QToolTip>
 
 using namespace apptest;
@@ -93,7 +96,7 @@ private slots:
         QCOMPARE(c->audioGains()->at(0)->state(), 0);
         QVERIFY(waitFor([&] { return c->audioGains()->at(0)->state() != 0; }));
         QCOMPARE(c->btnGain()->text(), QStringLiteral("Cancel"));
-        QCOMPARE(c->btnGain()->property("tag").toInt(), 1);
+        QCOMPARE(c->batchController()->face(), RQBatchController::CancelFace);
         for (const VXAudioGainPtr &item : c->audioGains()->items()) {
             QCOMPARE(item->outFolder(), out);
             QVERIFY(!item->replaceOriginalFile());
@@ -109,7 +112,7 @@ private slots:
 
         QVERIFY(waitFor([&] { return allEnded(*c.app); }));
         QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));
-        QCOMPARE(c->btnGain()->property("tag").toInt(), 0);
+        QCOMPARE(c->batchController()->face(), RQBatchController::GainFace);
         for (const VXAudioGainPtr &item : c->audioGains()->items()) {
             QCOMPARE(item->state(), 3);
             QCOMPARE(item->retCode(), 0);
@@ -213,9 +216,10 @@ private slots:
         popup->setDualMono(false);
         popup->setSkipWithin(NAN);
         popup->setTargetLoudness(VXAudioGain::kDefaultTargetLoudness);
-        QCOMPARE(RQAppSettings::truePeakCeiling(), -4.5f);
-        QVERIFY(RQAppSettings::limitPeaks());
-        QCOMPARE(RQAppSettings::targetLoudness(), podcast);
+        const VXJobSettings stored = VXJobSettings::load(QSettings());
+        QCOMPARE(stored.truePeakCeiling, -4.5f);
+        QVERIFY(stored.limitPeaks);
+        QCOMPARE(stored.targetLoudness, podcast);
 
         const QString out = m_dir.filePath(QStringLiteral("out-peaks"));
         QVERIFY(QDir().mkpath(out));
@@ -239,14 +243,72 @@ private slots:
         }
         QVERIFY(waitFor([&] { return allEnded(*c.app); }));
 
-        // A ceiling the engine would refuse is never handed out, nor a position off the scale.
-        QSettings().setValue(QLatin1String(RQAppSettings::kRQTruePeakCeiling), 3.0);
-        QCOMPARE(RQAppSettings::truePeakCeiling(), -2.0f);
-        QSettings().setValue(QLatin1String(RQAppSettings::kRQTargetLoudness), -16.0);
-        QCOMPARE(RQAppSettings::targetLoudness(), VXAudioGain::kDefaultTargetLoudness);
         popup->setDualMono(false);
         popup->setSkipWithin(NAN);
-        RQAppSettings::setMeasureWithLoudnorm(false);
+        c->window()->findChild<QAction *>(QStringLiteral("actionMeasureWithLoudnorm"))->setChecked(false);
+    }
+
+    // The settings are one value: loaded as a unit (a ceiling the engine
+    // would refuse and a position off the scale replaced by defaults),
+    // edited from the popup, the menus or in code, stored whole at each
+    // edit, refused whole when out of range; each press of Gain hands its
+    // items a copy as it is then.
+    void settingsAreOneValueFromStoreToItems()
+    {
+        QSettings().clear();
+        QSettings().setValue(QStringLiteral("kRQTruePeakCeiling"), 3.0);
+        QSettings().setValue(QStringLiteral("kRQTargetLoudness"), -16.0);
+        QSettings().setValue(QStringLiteral("kRQSkipWithin"), 1.5);
+        RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
+        const QString out = m_dir.filePath(QStringLiteral("out-settings"));
+        QVERIFY(QDir().mkpath(out));
+        Controller c;
+        RQSettingsController *settings = c->settingsController();
+        QCOMPARE(settings->settings().truePeakCeiling, -2.0f);
+        QCOMPARE(settings->settings().targetLoudness, VXAudioGain::kDefaultTargetLoudness);
+        QCOMPARE(settings->settings().skipWithin, 1.5);
+        QCOMPARE(popup->truePeakCeiling(), -2.0f);
+        QVERIFY(popup->chkSkipWithin()->isChecked());
+        QCOMPARE(popup->spnSkipWithin()->value(), 1.5);
+
+        QSignalSpy changed(settings, &RQSettingsController::settingsChanged);
+        popup->spnTruePeakCeiling()->setValue(-1.0);
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(settings->settings().truePeakCeiling, -1.0f);
+        QCOMPARE(VXJobSettings::load(QSettings()), settings->settings());
+        QAction *albums = c->window()->findChild<QAction *>(QStringLiteral("actionTreatAsAlbums"));
+        VXJobSettings edited = settings->settings();
+        edited.dualMono = true;
+        edited.treatAsAlbums = true;
+        edited.preserveModificationTime = true;
+        QVERIFY(settings->setSettings(edited));
+        QCOMPARE(changed.count(), 2);
+        QVERIFY(popup->chkDualMono()->isChecked());
+        QVERIFY(albums->isChecked());
+        QCOMPARE(VXJobSettings::load(QSettings()), edited);
+        albums->trigger();
+        edited.treatAsAlbums = false;
+        QCOMPARE(settings->settings(), edited);
+        VXJobSettings refused = edited;
+        refused.limitPeaks = true;
+        refused.truePeakCeiling = 1.0f;
+        QVERIFY(!settings->setSettings(refused));
+        QCOMPARE(settings->settings(), edited);
+        QCOMPARE(VXJobSettings::load(QSettings()), edited);
+
+        // Into a folder: no original whose time could be kept.
+        c->folderSheetDidEnd(QDialog::Accepted, out, false);
+        QVERIFY(c.import({m_short[1]}));
+        c->gainAudioAction();
+        const VXAudioGainPtr item = c->audioGains()->at(0);
+        VXJobSettings handed = edited;
+        handed.preserveModificationTime = false;
+        QCOMPARE(item->jobSettings(), handed);
+        popup->spnTruePeakCeiling()->setValue(-5.0);
+        QCOMPARE(item->jobSettings(), handed);
+        QVERIFY(waitFor([&] { return allEnded(*c.app); }));
+        settings->setSettings(VXJobSettings());
+        QVERIFY(!popup->chkDualMono()->isChecked());
     }
 
     // Analyze measures the selected rows only, writes nothing anywhere, and

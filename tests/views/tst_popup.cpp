@@ -1,4 +1,5 @@
 #include "views/RQPopupMenuWndCtrl.h"
+#include "engine/VXJobSettings.h"
 #include "engine/VXLoudnessScale.h"
 
 #include <QAbstractButton>
@@ -19,6 +20,7 @@ private slots:
     void opensAtTheAnchorPresetAndReset();
     void everyUserChangePostsOnceKeysAndEscape();
     void typedLevelsAndPresetsSetPositionAndCeiling();
+    void showsAndEditsItsOwnFieldsOfTheSettings();
     void hidesWhenAnotherWindowIsActivated();
     void staysInsideTheScreenNearEachEdge();
 };
@@ -135,6 +137,40 @@ void TestPopup::typedLevelsAndPresetsSetPositionAndCeiling()
     QVERIFY(std::isnan(popup->skipWithin()));
     QVERIFY(!popup->spnSkipWithin()->isEnabled());
     popup->setTruePeakCeiling(-2.0f);
+}
+
+// The popup edits its own fields of the next Gain's settings and leaves the
+// others to their editors; showing what it already shows reports nothing.
+void TestPopup::showsAndEditsItsOwnFieldsOfTheSettings()
+{
+    RQPopupMenuWndCtrl *popup = RQPopupMenuWndCtrl::sharePopupMenuWndCtrl();
+    QSignalSpy changed(popup, &RQPopupMenuWndCtrl::jobSettingsChanged);
+    QSignalSpy chosen(popup, &RQPopupMenuWndCtrl::targetLoudnessChosen);
+    VXJobSettings shown;
+    shown.truePeakCeiling = -3.0f;
+    shown.limitPeaks = true;
+    shown.skipWithin = 2.0;
+    popup->showJobSettings(shown);
+    popup->showJobSettings(shown);
+    QCOMPARE(changed.count(), 1);
+    QCOMPARE(popup->spnTruePeakCeiling()->value(), -3.0);
+    QVERIFY(popup->chkLimitPeaks()->isChecked());
+    QVERIFY(popup->chkSkipWithin()->isChecked());
+    QCOMPARE(popup->spnSkipWithin()->value(), 2.0);
+
+    popup->chkDualMono()->click();
+    QCOMPARE(changed.count(), 2);
+    VXJobSettings other;
+    other.tagsOnly = true;
+    other.targetLoudness = 20.0f;
+    const VXJobSettings edited = popup->editedJobSettings(other);
+    QVERIFY(edited.dualMono && edited.limitPeaks && edited.tagsOnly);
+    QCOMPARE(edited.truePeakCeiling, -3.0f);
+    QCOMPARE(edited.skipWithin, 2.0);
+    QCOMPARE(edited.targetLoudness, 20.0f);
+    QCOMPARE(chosen.count(), 0);
+    popup->showJobSettings(VXJobSettings());
+    QVERIFY(!popup->chkDualMono()->isChecked());
 }
 
 void TestPopup::hidesWhenAnotherWindowIsActivated()
