@@ -17,6 +17,6 @@ void cliMeasureAlbums(VXAlbumBatch &albums, int jobs, const VXCancel &cancel);
 
 // For each result that is one of the batch's files: its album's name and
 // figures, the gain the album's tracks share (unless the settings write
-// tags, which carry their own), and why the file took no part in the album
+// tags, which carry their own), and why the file was left out of its album
 // where nothing else has said why it failed.
 void cliReportAlbums(QList<CliFileResult> &results, VXAlbumBatch &albums, const VXJobSettings &settings);

@@ -32,8 +32,8 @@ public:
     std::optional<VXAlbumMember> member(const QString &path, const VXCancel *cancel, QString *why);
 
     // What a report says of path's album once the jobs have ended: its
-    // name, its figures (NaN while not measured) and why path took no part
-    // in it (empty when it did). nullopt for a path not in the batch.
+    // name, its figures (NaN while not measured) and why path was left out
+    // of it (empty when it was not). nullopt for a path not in the batch.
     struct Report {
         QString name;
         VXLoudness album;
