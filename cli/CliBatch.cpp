@@ -47,7 +47,9 @@ void CliBatch::launch(int index)
     const VXAudioGainPtr &item = m_jobs[index].item;
     ++m_running;
     m_clocks[index].start();
-    m_progress.fileStarted(index, item->inputFile(), item->duration());
+    // Tags take no time to speak of once measured: no bars, one line at the end.
+    if (!item->jobSettings().tagsOnly)
+        m_progress.fileStarted(index, item->inputFile(), item->duration());
     // The item reports its start before gainWithBlock returns, so everything
     // the report touches is set up first.
     item->gainWithBlock([this, index](qint32 state, qint64 retCode) { onReport(index, state, retCode); });
@@ -55,18 +57,50 @@ void CliBatch::launch(int index)
 
 void CliBatch::onReport(int index, qint32 state, qint64 retCode)
 {
-    if (state == 2) {
+    if (state == VXGainRunning) {
         m_progress.fileProgress(index, int(retCode));
         return;
     }
-    if (state != 3)
+    if (state != VXGainFinished)
         return;
 
     const VXAudioGainPtr &item = m_jobs[index].item;
     CliFileResult &r = m_results[m_jobs[index].result];
-    r.seconds = m_clocks[index].nsecsElapsed() / 1e9;
-    r.measurement = item->measurement();
-    const VXGainResult gain = item->gainResult();
+    if (item->jobSettings().tagsOnly) {
+        readTagsResult(*item, VXGainEnd(retCode), r);
+        // A cancelled file has no line of its own: the summary counts it.
+        if (r.outcome != CliOutcome::Cancelled)
+            m_progress.message(QStringLiteral("%1  %2%3").arg(outcomeName(r.outcome), -9).arg(r.input,
+                                               r.reason.isEmpty() ? QString() : QStringLiteral(": ") + r.reason));
+    } else {
+        r.seconds = m_clocks[index].nsecsElapsed() / 1e9;
+        readGainResult(*item, VXGainEnd(retCode), r);
+        QString line = QStringLiteral("%1  %2").arg(outcomeName(r.outcome), -9).arg(r.input);
+        if (!r.output.isEmpty() && r.output != r.input)
+            line += QStringLiteral(" -> ") + r.output;
+        if (!r.reason.isEmpty())
+            line += QStringLiteral(": ") + r.reason;
+        line += QStringLiteral(" (%1 s)").arg(r.seconds, 0, 'f', 1);
+        m_progress.fileEnded(index, line);
+    }
+
+    --m_running;
+    // Not from inside this report: a job may end before gainWithBlock returns.
+    QMetaObject::invokeMethod(this, [this] {
+        startNext();
+        finishIfDone();
+    }, Qt::QueuedConnection);
+}
+
+QString CliBatch::outputOf(const VXAudioGain &item)
+{
+    return item.replaceOriginalFile() ? item.inputFile() : item.outPathFile();
+}
+
+void CliBatch::readGainResult(const VXAudioGain &item, VXGainEnd end, CliFileResult &r)
+{
+    r.measurement = item.measurement();
+    const VXGainResult gain = item.gainResult();
     r.gainDb = gain.gainDb;
     r.outputI = gain.outputI;
     r.outputTp = gain.outputTp;
@@ -75,39 +109,51 @@ void CliBatch::onReport(int index, qint32 state, qint64 retCode)
     r.corrections = gain.corrections;
     r.warning = gain.warning;
     r.otherStreams = gain.otherStreams;
-    if (retCode == -1)
-        r.reason = gain.reason.isEmpty() ? QStringLiteral("failed") : gain.reason;
-    switch (retCode) {
-    case 0:
+    switch (end) {
+    case VXGainSucceeded:
         if (gain.skipped) {
             r.outcome = CliOutcome::Skipped;
             break;
         }
         r.outcome = gain.normalization == VXNormalizationName(VXNormalization::OnePass) ? CliOutcome::OnePass
                                                                                          : CliOutcome::Ok;
-        r.output = item->replaceOriginalFile() ? item->inputFile() : item->outPathFile();
+        r.output = outputOf(item);
         break;
-    case -2:
+    case VXGainCancelled:
         r.outcome = CliOutcome::Cancelled;
         break;
     default:
         r.outcome = CliOutcome::Failed;
+        r.reason = gain.reason.isEmpty() ? QStringLiteral("failed") : gain.reason;
         break;
     }
-    QString line = QStringLiteral("%1  %2").arg(outcomeName(r.outcome), -9).arg(r.input);
-    if (!r.output.isEmpty() && r.output != r.input)
-        line += QStringLiteral(" -> ") + r.output;
-    if (!r.reason.isEmpty())
-        line += QStringLiteral(": ") + r.reason;
-    line += QStringLiteral(" (%1 s)").arg(r.seconds, 0, 'f', 1);
-    m_progress.fileEnded(index, line);
+}
 
-    --m_running;
-    // Not from inside this report: a job may end before gainWithBlock returns.
-    QMetaObject::invokeMethod(this, [this] {
-        startNext();
-        finishIfDone();
-    }, Qt::QueuedConnection);
+// A tags-only job: what it measured and wrote. Its gain is the track's tag,
+// reported as such rather than as a gain applied; a cancelled file is left
+// as it was, unmeasured.
+void CliBatch::readTagsResult(const VXAudioGain &item, VXGainEnd end, CliFileResult &r)
+{
+    const VXGainResult gain = item.gainResult();
+    switch (end) {
+    case VXGainCancelled:
+        r.outcome = CliOutcome::Cancelled;
+        return;
+    case VXGainSucceeded:
+        r.outcome = CliOutcome::Tagged;
+        r.output = outputOf(item);
+        r.warning = gain.warning;
+        r.tagTrackGain = gain.tags.trackGainDb;
+        r.tagTrackPeak = gain.tags.trackPeak;
+        r.tagAlbumGain = gain.tags.albumGainDb;
+        r.tagAlbumPeak = gain.tags.albumPeak;
+        break;
+    default:
+        r.outcome = CliOutcome::Failed;
+        r.reason = gain.reason.isEmpty() ? QStringLiteral("failed") : gain.reason;
+        break;
+    }
+    r.measurement = item.measurement();
 }
 
 void CliBatch::finishIfDone()

@@ -9,7 +9,7 @@
 
 class CliProgress;
 
-// Runs the items' own jobs, at most maxRunning at a time, starting the next
+// Runs the items' own jobs (gains or tags), at most maxRunning at a time, starting the next
 // when one ends, and fills in each one's result. Lives on the main thread,
 // where the items report.
 class CliBatch : public QObject {
@@ -35,6 +35,10 @@ private:
     void startNext();
     void launch(int index);
     void onReport(int index, qint32 state, qint64 retCode);
+    // An ended job's outcome, figures and output, into its result.
+    static void readGainResult(const VXAudioGain &item, VXGainEnd end, CliFileResult &r);
+    static void readTagsResult(const VXAudioGain &item, VXGainEnd end, CliFileResult &r);
+    static QString outputOf(const VXAudioGain &item);
     void finishIfDone();
 
     QList<Job> m_jobs;

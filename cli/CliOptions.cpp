@@ -114,88 +114,218 @@ std::optional<double> parseNumber(const QString &text)
     return v;
 }
 
-} // namespace
-
-CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
-{
-    const QCommandLineOption target({QStringLiteral("t"), QStringLiteral("target")},
+// Every option the tool takes, in the order --help lists them.
+struct Options {
+    explicit Options(int defaultJobs)
+        : jobs({QStringLiteral("j"), QStringLiteral("jobs")},
+               QStringLiteral("files processed at once (default: %1, the cores)").arg(defaultJobs), QStringLiteral("N"))
+    {
+    }
+    const QCommandLineOption target{{QStringLiteral("t"), QStringLiteral("target")},
                                     QStringLiteral("target as the app's 0-100 position on the -70..-5 LUFS "
                                                    "scale (default 70.77, i.e. -24 LUFS); for a level in "
                                                    "LUFS use --lufs"),
-                                    QStringLiteral("POS"));
-    const QCommandLineOption lufs({QStringLiteral("l"), QStringLiteral("lufs")},
+                                    QStringLiteral("POS")};
+    const QCommandLineOption lufs{{QStringLiteral("l"), QStringLiteral("lufs")},
                                   QStringLiteral("target loudness in LUFS, -70 to -5"),
-                                  QStringLiteral("LUFS"));
-    const QCommandLineOption preset(QStringLiteral("preset"),
+                                  QStringLiteral("LUFS")};
+    const QCommandLineOption preset{QStringLiteral("preset"),
                                     QStringLiteral("target (and ceiling) of a standard: ebu, atsc, streaming, "
                                                    "podcast or replaygain (see below)"),
-                                    QStringLiteral("NAME"));
-    const QCommandLineOption truePeak(QStringLiteral("true-peak"),
+                                    QStringLiteral("NAME")};
+    const QCommandLineOption truePeak{QStringLiteral("true-peak"),
                                       QStringLiteral("true-peak ceiling in dBTP, -9 to 0 (default -2); a gain "
                                                      "that would push peaks past it stops there"),
-                                      QStringLiteral("DBTP"));
-    const QCommandLineOption limitPeaks(QStringLiteral("limit-peaks"),
+                                      QStringLiteral("DBTP")};
+    const QCommandLineOption limitPeaks{QStringLiteral("limit-peaks"),
                                         QStringLiteral("reach the target anyway, holding the peaks under the "
-                                                       "ceiling with a true-peak limiter"));
-    const QCommandLineOption analyze(QStringLiteral("analyze"),
+                                                       "ceiling with a true-peak limiter")};
+    const QCommandLineOption analyze{QStringLiteral("analyze"),
                                      QStringLiteral("measure and report only (loudness, true peak, range, maximum "
                                                     "short-term and momentary loudness, the gain the target "
-                                                    "would take); writes no audio"));
-    const QCommandLineOption meter(QStringLiteral("meter"),
+                                                    "would take); writes no audio")};
+    const QCommandLineOption meter{QStringLiteral("meter"),
                                    QStringLiteral("what measures each file before its gain: ebur128 (default), the "
                                                   "BS.1770 reference meter at the file's own rate, which also checks "
                                                   "every result; or loudnorm, FFmpeg's loudnorm filter at 192 kHz, "
                                                   "for the same figures as an ffmpeg two-pass script (slower)"),
-                                   QStringLiteral("METER"));
-    const QCommandLineOption dualMono(QStringLiteral("dual-mono"),
+                                   QStringLiteral("METER")};
+    const QCommandLineOption dualMono{QStringLiteral("dual-mono"),
                                       QStringLiteral("measure mono files as if played on two speakers (+3 dB), "
-                                                     "as several platforms do"));
-    const QCommandLineOption quick(QStringLiteral("quick"),
+                                                     "as several platforms do")};
+    const QCommandLineOption quick{QStringLiteral("quick"),
                                    QStringLiteral("accepted for older scripts: the reference meter it chose is now "
-                                                  "the default"));
-    const QCommandLineOption album(QStringLiteral("album"),
+                                                  "the default")};
+    const QCommandLineOption album{QStringLiteral("album"),
                                    QStringLiteral("treat files with the same album tag (and album artist), or "
                                                   "else in the same folder, as one album: every track moves by "
-                                                  "the album's gain, so their balance stays"));
-    const QCommandLineOption tagsOnly(QStringLiteral("tags-only"),
+                                                  "the album's gain, so their balance stays")};
+    const QCommandLineOption tagsOnly{QStringLiteral("tags-only"),
                                       QStringLiteral("measure and write ReplayGain 2.0 tags (-18 LUFS; R128_* in "
                                                      "Opus) instead of changing the audio; in place, or into "
-                                                     "copies with --output-folder"));
-    const QCommandLineOption skipWithin(QStringLiteral("skip-within"),
+                                                     "copies with --output-folder")};
+    const QCommandLineOption skipWithin{QStringLiteral("skip-within"),
                                         QStringLiteral("leave files already within LU of the target untouched "
                                                        "and report them as skipped"),
-                                        QStringLiteral("LU"));
-    const QCommandLineOption plot(QStringLiteral("plot"),
+                                        QStringLiteral("LU")};
+    const QCommandLineOption plot{QStringLiteral("plot"),
                                   QStringLiteral("write a picture of each file's loudness over time to "
                                                  "DIR/<file name>.png (created if missing)"),
-                                  QStringLiteral("DIR"));
-    const QCommandLineOption outFolder({QStringLiteral("o"), QStringLiteral("output-folder")},
+                                  QStringLiteral("DIR")};
+    const QCommandLineOption outFolder{{QStringLiteral("o"), QStringLiteral("output-folder")},
                                        QStringLiteral("write results into DIR under free names "
                                                       "(created if missing)"),
-                                       QStringLiteral("DIR"));
-    const QCommandLineOption replace(QStringLiteral("replace"),
-                                     QStringLiteral("replace each original with its result"));
-    const QCommandLineOption preserveMtime(QStringLiteral("preserve-mtime"),
-                                           QStringLiteral("with --replace, keep each original's modification time"));
-    const QCommandLineOption recursive({QStringLiteral("r"), QStringLiteral("recursive")},
-                                       QStringLiteral("descend into sub-folders"));
-    const QCommandLineOption jobs({QStringLiteral("j"), QStringLiteral("jobs")},
-                                  QStringLiteral("files processed at once (default: %1, the cores)")
-                                      .arg(defaultJobs),
-                                  QStringLiteral("N"));
-    const QCommandLineOption json(QStringLiteral("json"),
-                                  QStringLiteral("print the results as a JSON array, one object per file"));
-    const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")},
-                                  QStringLiteral("show this help and exit"));
-    const QCommandLineOption version({QStringLiteral("V"), QStringLiteral("version")},
-                                     QStringLiteral("show the version and exit"));
-    const QList<QCommandLineOption> all = {target, lufs, preset, truePeak, limitPeaks, analyze, meter, dualMono, quick,
-                                           album, tagsOnly, skipWithin, plot, outFolder, replace, preserveMtime, recursive,
-                                           jobs, json, help, version};
+                                       QStringLiteral("DIR")};
+    const QCommandLineOption replace{QStringLiteral("replace"),
+                                     QStringLiteral("replace each original with its result")};
+    const QCommandLineOption preserveMtime{QStringLiteral("preserve-mtime"),
+                                           QStringLiteral("with --replace, keep each original's modification time")};
+    const QCommandLineOption recursive{{QStringLiteral("r"), QStringLiteral("recursive")},
+                                       QStringLiteral("descend into sub-folders")};
+    const QCommandLineOption jobs;
+    const QCommandLineOption json{QStringLiteral("json"),
+                                  QStringLiteral("print the results as a JSON array, one object per file")};
+    const QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")},
+                                  QStringLiteral("show this help and exit")};
+    const QCommandLineOption version{{QStringLiteral("V"), QStringLiteral("version")},
+                                     QStringLiteral("show the version and exit")};
 
+    QList<QCommandLineOption> all() const
+    {
+        return {target, lufs, preset, truePeak, limitPeaks, analyze, meter, dualMono, quick, album, tagsOnly,
+                skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, json, help, version};
+    }
+};
+
+// Each step below reads its share of the command line into o, and returns
+// the usage error that stops the parse, if any. They run in this order, so
+// of several mistakes the same one is reported first.
+using Problem = std::optional<QString>;
+
+// --target, --lufs or --preset: the position every item takes.
+Problem readTarget(const QCommandLineParser &parser, const Options &x, CliOptions &o)
+{
+    if (int(parser.isSet(x.target)) + int(parser.isSet(x.lufs)) + int(parser.isSet(x.preset)) > 1)
+        return QStringLiteral("--target, --lufs and --preset are alternatives; give one");
+    if (parser.isSet(x.target)) {
+        const QString text = parser.value(x.target).trimmed();
+        const auto v = parseNumber(text);
+        // A level typed where the position goes would make a near-silent file.
+        if ((v && *v < 0.0) || text.contains(QRegularExpression(QStringLiteral("^-|lufs|lu$|db"),
+                                                                  QRegularExpression::CaseInsensitiveOption)))
+            return QStringLiteral("--target '%1' looks like a loudness in LUFS: --target takes "
+                                  "the 0-100 position; give a level with --lufs")
+                .arg(parser.value(x.target));
+        if (!v || !VXJobSettings::isValidTarget(*v))
+            return QStringLiteral("invalid --target '%1': expected a number from 0 to 100").arg(parser.value(x.target));
+        o.settings.targetLoudness = float(*v);
+    } else if (parser.isSet(x.lufs)) {
+        const auto v = parseNumber(parser.value(x.lufs));
+        const auto position = v ? VXLoudnessScale::positionForLufs(*v) : std::nullopt;
+        if (!position)
+            return QStringLiteral("invalid --lufs '%1': expected a loudness from -70 to -5").arg(parser.value(x.lufs));
+        o.settings.targetLoudness = *position;
+    } else if (parser.isSet(x.preset)) {
+        const VXPreset *p = VXPresetNamed(parser.value(x.preset).trimmed().toLower().toStdString());
+        if (!p)
+            return QStringLiteral("unknown --preset '%1': expected ebu, atsc, streaming, podcast "
+                                  "or replaygain").arg(parser.value(x.preset));
+        o.settings.targetLoudness = *VXLoudnessScale::positionForLufs(p->lufs);
+        if (!std::isnan(p->truePeak))
+            o.settings.truePeakCeiling = p->truePeak;  // an explicit --true-peak still wins, next
+    }
+    return std::nullopt;
+}
+
+// The ceiling, the limiter, how many at once, the skipping window.
+Problem readLimits(const QCommandLineParser &parser, const Options &x, CliOptions &o)
+{
+    if (parser.isSet(x.truePeak)) {
+        const auto v = parseNumber(parser.value(x.truePeak));
+        if (!v || !VXJobSettings::isValidCeiling(*v))
+            return QStringLiteral("invalid --true-peak '%1': expected a ceiling from -9 to 0 dBTP")
+                .arg(parser.value(x.truePeak));
+        o.settings.truePeakCeiling = float(*v);
+    }
+    o.settings.limitPeaks = parser.isSet(x.limitPeaks);
+    if (parser.isSet(x.jobs)) {
+        bool ok = false;
+        o.jobs = parser.value(x.jobs).toInt(&ok);
+        if (!ok || o.jobs < 1 || o.jobs > 256)
+            return QStringLiteral("invalid --jobs '%1': expected a whole number from 1 to 256").arg(parser.value(x.jobs));
+    }
+    if (parser.isSet(x.skipWithin)) {
+        const auto v = parseNumber(parser.value(x.skipWithin));
+        // parseNumber gives no NaN, which would pass as "skip nothing".
+        if (!v || !VXJobSettings::isValidSkipWithin(*v))
+            return QStringLiteral("invalid --skip-within '%1': expected a number of LU from 0 to 20")
+                .arg(parser.value(x.skipWithin));
+        o.settings.skipWithin = *v;
+    }
+    return std::nullopt;
+}
+
+// Pictures, the meter, and what kind of run this is.
+Problem readModes(const QCommandLineParser &parser, const Options &x, CliOptions &o)
+{
+    if (parser.isSet(x.plot)) {
+        if (parser.value(x.plot).isEmpty())
+            return QStringLiteral("--plot needs a folder");
+        o.plotFolder = QDir::cleanPath(QFileInfo(parser.value(x.plot)).absoluteFilePath());
+    }
+    if (parser.isSet(x.meter)) {
+        const QString name = parser.value(x.meter).toLower();
+        if (name != QLatin1String(VXMeterEbur128) && name != QLatin1String(VXMeterLoudnorm))
+            return QStringLiteral("invalid --meter '%1': expected ebur128 or loudnorm").arg(parser.value(x.meter));
+        o.settings.measureWithLoudnorm = name == QLatin1String(VXMeterLoudnorm);
+    }
+    o.settings.dualMono = parser.isSet(x.dualMono);
+    o.analyze = parser.isSet(x.analyze);
+    o.settings.treatAsAlbums = parser.isSet(x.album);
+    o.settings.tagsOnly = parser.isSet(x.tagsOnly);
+    if (o.settings.tagsOnly
+        && (o.analyze || parser.isSet(x.replace) || parser.isSet(x.skipWithin) || parser.isSet(x.limitPeaks)))
+        return QStringLiteral("--tags-only changes no audio: --analyze, --replace, --limit-peaks "
+                              "and --skip-within do not go with it");
+    return std::nullopt;
+}
+
+// Where results go, and what to read.
+Problem readPlaces(const QCommandLineParser &parser, const Options &x, CliOptions &o)
+{
+    o.replace = parser.isSet(x.replace);
+    o.settings.preserveModificationTime = parser.isSet(x.preserveMtime);
+    const bool preserveMtime = o.settings.preserveModificationTime;
+    if (o.analyze && (o.replace || preserveMtime || parser.isSet(x.outFolder) || parser.isSet(x.skipWithin)))
+        return QStringLiteral("--analyze writes nothing: --output-folder, --replace, "
+                              "--preserve-mtime and --skip-within do not go with it");
+    if (preserveMtime && !o.replace && !o.settings.tagsOnly)
+        return QStringLiteral("--preserve-mtime goes with --replace");
+    if (parser.isSet(x.outFolder)) {
+        if (o.replace)
+            return QStringLiteral("--output-folder and --replace exclude each other");
+        if (parser.value(x.outFolder).isEmpty())
+            return QStringLiteral("--output-folder needs a folder");
+        o.outputFolder = QDir::cleanPath(QFileInfo(parser.value(x.outFolder)).absoluteFilePath());
+    } else if (!o.replace && !o.analyze && !o.settings.tagsOnly) {
+        return QStringLiteral("no output folder: give --output-folder DIR, or --replace to overwrite the originals");
+    }
+    o.recursive = parser.isSet(x.recursive);
+    o.json = parser.isSet(x.json);
+    o.inputs = parser.positionalArguments();
+    if (o.inputs.isEmpty())
+        return QStringLiteral("no input files or folders");
+    return std::nullopt;
+}
+
+} // namespace
+
+CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
+{
+    const Options x(defaultJobs);
     QCommandLineParser parser;
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsCompactedShortOptions);
-    parser.addOptions(all);
+    parser.addOptions(x.all());
 
     CliParse result;
     result.exitCode = 2;
@@ -203,145 +333,19 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
         result.text = usageError(parser.errorText());
         return result;
     }
-    if (parser.isSet(help)) {
-        result.text = helpText(all);
+    if (parser.isSet(x.help) || parser.isSet(x.version)) {
+        result.text = parser.isSet(x.help) ? helpText(x.all())
+                                           : QStringLiteral("%1 %2\n").arg(kProgram, QStringLiteral(EVENLOUD_VERSION));
         result.exitCode = 0;
         return result;
     }
-    if (parser.isSet(version)) {
-        result.text = QStringLiteral("%1 %2\n").arg(kProgram, QStringLiteral(EVENLOUD_VERSION));
-        result.exitCode = 0;
-        return result;
-    }
-
     CliOptions o;
     o.jobs = defaultJobs;
-    if (int(parser.isSet(target)) + int(parser.isSet(lufs)) + int(parser.isSet(preset)) > 1) {
-        result.text = usageError(QStringLiteral("--target, --lufs and --preset are alternatives; give one"));
-        return result;
-    }
-    if (parser.isSet(target)) {
-        const QString text = parser.value(target).trimmed();
-        const auto v = parseNumber(text);
-        // A level typed where the position goes would make a near-silent file.
-        if ((v && *v < 0.0) || text.contains(QRegularExpression(QStringLiteral("^-|lufs|lu$|db"),
-                                                                  QRegularExpression::CaseInsensitiveOption))) {
-            result.text = usageError(QStringLiteral("--target '%1' looks like a loudness in LUFS: --target takes "
-                                                    "the 0-100 position; give a level with --lufs")
-                                         .arg(parser.value(target)));
+    for (auto step : {readTarget, readLimits, readModes, readPlaces}) {
+        if (const Problem problem = step(parser, x, o)) {
+            result.text = usageError(*problem);
             return result;
         }
-        if (!v || *v < VXLoudnessScale::kMinPosition || *v > VXLoudnessScale::kMaxPosition) {
-            result.text = usageError(QStringLiteral("invalid --target '%1': expected a number from 0 to 100")
-                                         .arg(parser.value(target)));
-            return result;
-        }
-        o.target = float(*v);
-    } else if (parser.isSet(lufs)) {
-        const auto v = parseNumber(parser.value(lufs));
-        const auto position = v ? VXLoudnessScale::positionForLufs(*v) : std::nullopt;
-        if (!position) {
-            result.text = usageError(QStringLiteral("invalid --lufs '%1': expected a loudness from -70 to -5")
-                                         .arg(parser.value(lufs)));
-            return result;
-        }
-        o.target = *position;
-    } else if (parser.isSet(preset)) {
-        const VXPreset *p = VXPresetNamed(parser.value(preset).trimmed().toLower().toStdString());
-        if (!p) {
-            result.text = usageError(QStringLiteral("unknown --preset '%1': expected ebu, atsc, streaming, podcast "
-                                                    "or replaygain").arg(parser.value(preset)));
-            return result;
-        }
-        o.target = *VXLoudnessScale::positionForLufs(p->lufs);
-        if (!std::isnan(p->truePeak))
-            o.truePeak = p->truePeak;  // an explicit --true-peak still wins, below
-    }
-    if (parser.isSet(truePeak)) {
-        const auto v = parseNumber(parser.value(truePeak));
-        if (!v || *v < VXMinTruePeakTarget || *v > VXMaxTruePeakTarget) {
-            result.text = usageError(QStringLiteral("invalid --true-peak '%1': expected a ceiling from -9 to 0 dBTP")
-                                         .arg(parser.value(truePeak)));
-            return result;
-        }
-        o.truePeak = float(*v);
-    }
-    o.limitPeaks = parser.isSet(limitPeaks);
-    if (parser.isSet(jobs)) {
-        bool ok = false;
-        o.jobs = parser.value(jobs).toInt(&ok);
-        if (!ok || o.jobs < 1 || o.jobs > 256) {
-            result.text = usageError(QStringLiteral("invalid --jobs '%1': expected a whole number from 1 to 256")
-                                         .arg(parser.value(jobs)));
-            return result;
-        }
-    }
-    if (parser.isSet(skipWithin)) {
-        const auto v = parseNumber(parser.value(skipWithin));
-        if (!v || *v < 0.0 || *v > 20.0) {
-            result.text = usageError(QStringLiteral("invalid --skip-within '%1': expected a number of LU from 0 to 20")
-                                         .arg(parser.value(skipWithin)));
-            return result;
-        }
-        o.skipWithin = *v;
-    }
-    if (parser.isSet(plot)) {
-        if (parser.value(plot).isEmpty()) {
-            result.text = usageError(QStringLiteral("--plot needs a folder"));
-            return result;
-        }
-        o.plotFolder = QDir::cleanPath(QFileInfo(parser.value(plot)).absoluteFilePath());
-    }
-    if (parser.isSet(meter)) {
-        const QString name = parser.value(meter).toLower();
-        if (name != QLatin1String(VXMeterEbur128) && name != QLatin1String(VXMeterLoudnorm)) {
-            result.text = usageError(QStringLiteral("invalid --meter '%1': expected ebur128 or loudnorm")
-                                         .arg(parser.value(meter)));
-            return result;
-        }
-        o.measureWithLoudnorm = name == QLatin1String(VXMeterLoudnorm);
-    }
-    o.dualMono = parser.isSet(dualMono);
-    o.analyze = parser.isSet(analyze);
-    o.album = parser.isSet(album);
-    o.tagsOnly = parser.isSet(tagsOnly);
-    if (o.tagsOnly && (o.analyze || parser.isSet(replace) || parser.isSet(skipWithin) || parser.isSet(limitPeaks))) {
-        result.text = usageError(QStringLiteral("--tags-only changes no audio: --analyze, --replace, --limit-peaks "
-                                                "and --skip-within do not go with it"));
-        return result;
-    }
-    o.replace = parser.isSet(replace);
-    o.preserveMtime = parser.isSet(preserveMtime);
-    if (o.analyze && (o.replace || o.preserveMtime || parser.isSet(outFolder) || parser.isSet(skipWithin))) {
-        result.text = usageError(QStringLiteral("--analyze writes nothing: --output-folder, --replace, "
-                                                "--preserve-mtime and --skip-within do not go with it"));
-        return result;
-    }
-    if (o.preserveMtime && !o.replace && !o.tagsOnly) {
-        result.text = usageError(QStringLiteral("--preserve-mtime goes with --replace"));
-        return result;
-    }
-    if (parser.isSet(outFolder)) {
-        if (o.replace) {
-            result.text = usageError(QStringLiteral("--output-folder and --replace exclude each other"));
-            return result;
-        }
-        if (parser.value(outFolder).isEmpty()) {
-            result.text = usageError(QStringLiteral("--output-folder needs a folder"));
-            return result;
-        }
-        o.outputFolder = QDir::cleanPath(QFileInfo(parser.value(outFolder)).absoluteFilePath());
-    } else if (!o.replace && !o.analyze && !o.tagsOnly) {
-        result.text = usageError(QStringLiteral(
-            "no output folder: give --output-folder DIR, or --replace to overwrite the originals"));
-        return result;
-    }
-    o.recursive = parser.isSet(recursive);
-    o.json = parser.isSet(json);
-    o.inputs = parser.positionalArguments();
-    if (o.inputs.isEmpty()) {
-        result.text = usageError(QStringLiteral("no input files or folders"));
-        return result;
     }
     result.options = o;
     result.exitCode = 0;

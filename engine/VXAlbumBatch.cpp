@@ -1,37 +1,62 @@
 #include "engine/VXAlbumBatch.h"
 
 #include "engine/codec/VXCancel.h"
+#include "engine/codec/VXLoudnessMeter.h"
 
 VXAlbumBatch::VXAlbumBatch(QStringList paths, int flags) : m_paths(std::move(paths)), m_flags(flags) {}
+
+void VXAlbumBatch::groupLocked()
+{
+    if (m_grouped)
+        return;
+    for (const VXAlbumGroup &group : VXGroupAlbums(m_paths)) {
+        auto a = std::make_unique<Album>();
+        a->name = group.name;
+        for (const int m : group.members) {
+            m_place.insert(m_paths[m], {int(m_albums.size()), int(a->tracks.size())});
+            a->tracks << m_paths[m];
+        }
+        m_albums.push_back(std::move(a));
+    }
+    m_grouped = true;
+}
+
+std::pair<VXAlbumBatch::Album *, int> VXAlbumBatch::place(const QString &path)
+{
+    // Reading tags takes a while for thousands of files: on a pool thread,
+    // once, rather than on the window's.
+    QMutexLocker locker(&m_groupLock);
+    groupLocked();
+    const auto place = m_place.constFind(path);
+    if (place == m_place.constEnd())
+        return {nullptr, -1};
+    return {m_albums[size_t(place->first)].get(), place->second};
+}
+
+std::optional<VXAlbumMember> VXAlbumBatch::memberLocked(const Album &album, int track, QString *why)
+{
+    const VXAlbumLoudness &a = album.loudness;
+    if (!album.reason.isEmpty() || !a.album.measured()) {
+        *why = album.reason.isEmpty() ? QStringLiteral("the album could not be measured") : album.reason;
+        return std::nullopt;
+    }
+    if (size_t(track) >= a.tracks.size() || !a.tracks[size_t(track)].measured()) {
+        *why = a.reasons.value(track);
+        if (why->isEmpty())
+            *why = QStringLiteral("this track could not be measured");
+        return std::nullopt;
+    }
+    return VXAlbumMember{album.name, a.tracks[size_t(track)], a.album};
+}
 
 std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const VXCancel *cancel,
                                                   QString *why)
 {
-    Album *album = nullptr;
-    int track = -1;
-    {
-        // Reading tags takes a while for thousands of files: on a pool
-        // thread, once, rather than on the window's.
-        QMutexLocker locker(&m_groupLock);
-        if (!m_grouped) {
-            for (const VXAlbumGroup &group : VXGroupAlbums(m_paths)) {
-                auto a = std::make_unique<Album>();
-                a->name = group.name;
-                for (const int m : group.members) {
-                    m_place.insert(m_paths[m], {int(m_albums.size()), int(a->tracks.size())});
-                    a->tracks << m_paths[m];
-                }
-                m_albums.push_back(std::move(a));
-            }
-            m_grouped = true;
-        }
-        const auto place = m_place.constFind(path);
-        if (place == m_place.constEnd()) {
-            *why = QStringLiteral("not one of the album batch's files");
-            return std::nullopt;
-        }
-        album = m_albums[size_t(place->first)].get();
-        track = place->second;
+    const auto [placedAlbum, track] = place(path);
+    Album *const album = placedAlbum;
+    if (!album) {
+        *why = QStringLiteral("not one of the album batch's files");
+        return std::nullopt;
     }
     // Waiting for another track to measure the album can take a while: a
     // cancel wakes the wait. Declared before the lock, the stopper is
@@ -61,16 +86,47 @@ std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const VXC
         album->loudness = std::move(loudness);
         album->reason = ok ? QString() : reason;
     }
-    const VXAlbumLoudness &a = album->loudness;
-    if (!album->reason.isEmpty() || !a.album.measured()) {
-        *why = album->reason.isEmpty() ? QStringLiteral("the album could not be measured") : album->reason;
+    return memberLocked(*album, track, why);
+}
+
+std::optional<VXAlbumBatch::Report> VXAlbumBatch::report(const QString &path)
+{
+    const auto [album, track] = place(path);
+    if (!album)
         return std::nullopt;
+    const std::lock_guard<std::mutex> guard(album->lock);
+    Report r;
+    r.name = album->name;
+    r.album = album->loudness.album;
+    if (album->measured)
+        memberLocked(*album, track, &r.why);
+    return r;
+}
+
+QStringList VXAlbumBatch::leadTracks()
+{
+    QMutexLocker locker(&m_groupLock);
+    groupLocked();
+    QStringList leads;
+    for (const auto &album : m_albums)
+        if (!album->tracks.isEmpty())
+            leads << album->tracks.first();
+    return leads;
+}
+
+std::shared_ptr<VXAlbumBatch> VXAlbumBatch::prepareJobs(const QList<VXAudioGainPtr> &items,
+                                                        const VXJobSettings &settings)
+{
+    std::shared_ptr<VXAlbumBatch> albums;
+    if (settings.treatAsAlbums) {
+        QStringList paths;
+        for (const VXAudioGainPtr &item : items)
+            paths << item->inputFile();
+        albums = std::make_shared<VXAlbumBatch>(paths, settings.measureFlags() & VXMeasureDualMono);
     }
-    if (size_t(track) >= a.tracks.size() || !a.tracks[size_t(track)].measured()) {
-        *why = a.reasons.value(track);
-        if (why->isEmpty())
-            *why = QStringLiteral("this track could not be measured");
-        return std::nullopt;
+    for (const VXAudioGainPtr &item : items) {
+        item->setJobSettings(settings);
+        item->setAlbumBatch(albums);
     }
-    return VXAlbumMember{album->name, a.tracks[size_t(track)], a.album};
+    return albums;
 }

@@ -5,6 +5,7 @@
 
 #include "engine/VXAlbum.h"
 #include "engine/VXAudioGain.h"
+#include "engine/VXJobSettings.h"
 
 #include <QHash>
 #include <QMutex>
@@ -30,6 +31,24 @@ public:
     // be measured, or with none when cancelled.
     std::optional<VXAlbumMember> member(const QString &path, const VXCancel *cancel, QString *why);
 
+    // What a report says of path's album once the jobs have ended: its
+    // name, its figures (NaN while not measured) and why path was left out
+    // of it (empty when it was not). nullopt for a path not in the batch.
+    struct Report {
+        QString name;
+        VXLoudness album;
+        QString why;
+    };
+    std::optional<Report> report(const QString &path);
+    // One track of each album: asking member() for these measures every
+    // album once, none waiting for another.
+    QStringList leadTracks();
+
+    // Hands settings to every item for its next job and, when they treat
+    // files as albums, one batch of the items' files; that batch, or null.
+    static std::shared_ptr<VXAlbumBatch> prepareJobs(const QList<VXAudioGainPtr> &items,
+                                                     const VXJobSettings &settings);
+
 private:
     struct Album {
         std::mutex lock;  // guards what follows the name
@@ -41,6 +60,13 @@ private:
         VXAlbumLoudness loudness;
         QString reason;
     };
+    // Under m_groupLock: reads the tags of every file the first time.
+    void groupLocked();
+    // Album's lock held, once measured: the track's figures or why not.
+    static std::optional<VXAlbumMember> memberLocked(const Album &album, int track, QString *why);
+    // path's album and track within it, grouping first; null when not one of the batch's.
+    std::pair<Album *, int> place(const QString &path);
+
     QMutex m_groupLock;
     QStringList m_paths;
     int m_flags = 0;

@@ -1,4 +1,5 @@
 #include "tests/cli/CliTestUtil.h"
+#include "tests/support/FileWatch.h"
 #include "tests/support/Fixtures.h"
 
 #include <QDir>
@@ -12,7 +13,9 @@
 #include <QTemporaryDir>
 #include <QThread>
 
+#include <algorithm>
 #include <cmath>
+#include <csignal>
 #include <gtest/gtest.h>
 
 namespace {
@@ -168,4 +171,77 @@ TEST_F(CliTags, KilledWhileTaggingLeavesTheOriginalOrTheTaggedFile)
             ASSERT_TRUE(QFile::copy(tmp.filePath("orig.wav"), input));
         }
     }
+}
+
+// Album tags: the report carries each album's figures beside what was
+// written, and what is on disk agrees with it; the album gain stays the
+// tags' own (to -18 LUFS), not a gain the tracks took.
+TEST_F(CliTags, AlbumFiguresInTheReportMatchTheTagsWritten)
+{
+    QDir().mkpath(tmp.filePath("loose"));
+    const QStringList inputs = {
+        fixtures::makeAudio(tmp.path(), "quiet.flac", 4, {"-c:a", "flac", "-metadata", "album=Evenloud Sessions"}, -16),
+        fixtures::makeAudio(tmp.path(), "loud.mp3", 5, {"-c:a", "libmp3lame", "-metadata", "album=Evenloud Sessions"}, -4),
+        fixtures::makeAudio(tmp.filePath("loose"), "single.flac", 3, {"-c:a", "flac"}, -10),
+    };
+    ASSERT_FALSE(inputs.contains(QString()));
+    const CliRunResult run = runCli(QStringList{"--json", "--tags-only", "--album", "-o", tmp.filePath("out")} + inputs);
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    const QJsonArray results = run.json();
+    ASSERT_EQ(results.size(), 3);
+    double loudestPeak = 0;
+    for (int i = 0; i < 2; ++i)
+        loudestPeak = std::max(loudestPeak, results[i].toObject()["tags"].toObject()["track_peak"].toDouble());
+    for (int i = 0; i < 3; ++i) {
+        const QJsonObject o = results[i].toObject();
+        SCOPED_TRACE(inputs[i].toStdString());
+        ASSERT_EQ(o["result"].toString(), "tagged");
+        const QJsonObject album = o["album"].toObject(), tags = o["tags"].toObject();
+        EXPECT_EQ(album["name"].toString(), i < 2 ? QStringLiteral("Evenloud Sessions") : tmp.filePath("loose"));
+        EXPECT_TRUE(album["gain_db"].isNull());
+        EXPECT_TRUE(o["gain_db"].isNull());
+        ASSERT_TRUE(album["input_i"].isDouble());
+        EXPECT_NEAR(tags["track_gain_db"].toDouble(), -18.0 - o["input_i"].toDouble(), 0.02);
+        EXPECT_NEAR(tags["album_gain_db"].toDouble(), -18.0 - album["input_i"].toDouble(), 0.02);
+        if (i < 2) {
+            EXPECT_EQ(album, results[1 - i].toObject()["album"].toObject());
+            EXPECT_EQ(tags["album_peak"].toDouble(), loudestPeak);
+        } else {  // alone in its album
+            EXPECT_NEAR(album["input_i"].toDouble(), o["input_i"].toDouble(), 0.01);
+        }
+        const QMap<QString, QString> written = probeTags(o["output"].toString());
+        EXPECT_NEAR(written.value("REPLAYGAIN_ALBUM_GAIN").section(' ', 0, 0).toDouble(), tags["album_gain_db"].toDouble(), 0.005);
+    }
+    const double quiet = results[0].toObject()["input_i"].toDouble(), loud = results[1].toObject()["input_i"].toDouble();
+    const double albumI = results[0].toObject()["album"].toObject()["input_i"].toDouble();
+    EXPECT_TRUE(albumI > quiet && albumI < loud) << albumI;
+}
+
+// An interrupt while one track measures its album for both: the track
+// waiting for that measurement ends too, at once, and nothing is written.
+TEST_F(CliTags, InterruptWhileAnAlbumIsMeasuredCancelsEveryTrack)
+{
+    const QString first = fixtures::makeLong(tmp.path(), "long.flac", 1800);
+    ASSERT_FALSE(first.isEmpty());
+    const QString second = tmp.filePath("long2.flac");
+    ASSERT_TRUE(QFile::copy(first, second));
+    const QString out = tmp.filePath("out");
+    fixtures::FileWatch opened(first, fixtures::FileWatch::Use::Open);
+    QProcess p;
+    p.start(QStringLiteral(EVENLOUD_CLI), {"--json", "--tags-only", "--album", "-j", "2", "-o", out, first, second});
+    ASSERT_TRUE(p.waitForStarted(-1));
+    ASSERT_TRUE(opened.wait());  // probed, read for its album tag, measured
+    while (opened.wait(500)) {
+    }
+    ::kill(pid_t(p.processId()), SIGINT);
+    // Measuring the album takes well over a minute.
+    ASSERT_TRUE(p.waitForFinished(5000));
+    const QString err = QString::fromUtf8(p.readAllStandardError());
+    EXPECT_EQ(p.exitCode(), 128 + SIGINT) << err.toStdString();
+    EXPECT_TRUE(err.contains("Interrupted: cancelling the files being measured")) << err.toStdString();
+    const QJsonArray results = QJsonDocument::fromJson(p.readAllStandardOutput()).array();
+    ASSERT_EQ(results.size(), 2);
+    for (const QJsonValue &v : results)
+        EXPECT_EQ(v.toObject()["result"].toString(), "cancelled");
+    EXPECT_TRUE(entries(out).isEmpty());
 }
