@@ -38,23 +38,17 @@ bool RQBatchController::start(const QList<VXAudioGainPtr> &chosen, const VXJobSe
     VXJobSettings copy = settings;
     copy.preserveModificationTime = inPlace && settings.preserveModificationTime;
     QList<VXAudioGainPtr> items;
-    QStringList paths;
     for (const VXAudioGainPtr &item : chosen) {
-        if (isEligible(*item)) {
+        if (isEligible(*item))
             items.append(item);
-            paths.append(item->inputFile());
-        }
     }
-    // The albums of this press: its own files, grouped by the first job to run.
-    const auto albums
-        = copy.treatAsAlbums ? std::make_shared<VXAlbumBatch>(paths, copy.measureFlags() & VXMeasureDualMono) : nullptr;
+    // The albums of this press are its own files, grouped by the first job to run.
+    VXAlbumBatch::prepareJobs(items, copy);
     const QPointer<RQBatchController> self(this);
     for (const VXAudioGainPtr &item : std::as_const(items)) {
         item->setReplaceOriginalFile(inPlace);
         if (!item->replaceOriginalFile())
             item->setOutFolder(folder);
-        item->setJobSettings(copy);
-        item->setAlbumBatch(albums);
         m_batch.append(item);
         item->gainWithBlock([self, weak = std::weak_ptr<VXAudioGain>(item)](qint32 state, qint64) {
             if (!self)
