@@ -56,7 +56,7 @@ void cliWriteTags(QList<CliFileResult> &results, const QList<int> &indices, cons
         bool cancelled = false;  // stopped while measuring: nothing written
         VXLoudness track;
         VXReplayGain written;
-        VXPlacement::Result placed;
+        VXPlacement::Result placed = VXError();
     };
     std::vector<Done> done(size_t(indices.size()));
     cliRunOnPool(int(indices.size()), opt.jobs, [&](int k) {
@@ -65,13 +65,15 @@ void cliWriteTags(QList<CliFileResult> &results, const QList<int> &indices, cons
         Done &d = done[size_t(k)];
         const std::optional<VXAlbumMember> &member = albums[size_t(i)];
         if (opt.album && !member) {
-            d.placed.error = r.reason.isEmpty() ? QStringLiteral("the album could not be measured") : r.reason;
+            d.placed = VXError::because(r.reason.isEmpty() ? QStringLiteral("the album could not be measured") : r.reason);
             return;
         }
+        QString why;
         if (member)
             d.track = member->track;
         else if (!VXMeasureFile(r.input, VXMeasureTruePeak | (opt.dualMono ? VXMeasureDualMono : 0), &d.track,
-                                &d.placed.error, &cancel)) {
+                                &why, &cancel)) {
+            d.placed = VXError::because(why);
             d.cancelled = cancel.isCancelled();
             return;
         }
@@ -85,17 +87,17 @@ void cliWriteTags(QList<CliFileResult> &results, const QList<int> &indices, cons
         d.ended = true;
         r.measurement = VXMeasurementRecord(d.track);
         r.measurement.remove(QStringLiteral("target_offset"));
-        if (d.placed.ok) {
+        if (d.placed) {
             r.outcome = CliOutcome::Tagged;
-            r.output = d.placed.path;
-            r.warning = d.placed.warning;
+            r.output = d.placed->path;
+            r.warning = d.placed->warning;
             r.tagTrackGain = d.written.trackGainDb;
             r.tagTrackPeak = d.written.trackPeak;
             r.tagAlbumGain = d.written.albumGainDb;
             r.tagAlbumPeak = d.written.albumPeak;
         } else {
             r.outcome = CliOutcome::Failed;
-            r.reason = d.placed.error;
+            r.reason = d.placed.reason();
         }
         say(QStringLiteral("%1  %2%3").arg(outcomeName(r.outcome), -9).arg(r.input,
                                              r.reason.isEmpty() ? QString() : QStringLiteral(": ") + r.reason));

@@ -52,16 +52,16 @@ qint64 VXAudioGain::runTagsOnly()
     // in one step, or not at all.
     const VXPlacement::Result placed
         = VXTagFile(inputFile(), replaceOriginalFile() ? QString() : outFolder(), gains, jobSettings().preserveModificationTime);
-    if (!placed.ok)
-        return fail(placed.error);
+    if (!placed)
+        return fail(placed.reason());
     {
         QMutexLocker locker(&m_lock);
         m_result.tagged = true;
         m_result.tags = gains;
         m_result.gainDb = gains.trackGainDb;
         m_result.album = album ? album->name : QString();
-        m_result.warning = placed.warning;
+        m_result.warning = placed->warning;
     }
-    setOutPathFileFromJob(placed.path);
+    setOutPathFileFromJob(placed->path);
     return 0;
 }
