@@ -56,7 +56,7 @@ void VXAudioGain::setTargetLoudness(float value)
         emit formatTargetLoudnessChanged();
     }
     // Even an equal value makes a finished item idle, and startable again.
-    setState(0);
+    setState(VXGainIdle);
 }
 
 QString VXAudioGain::inputFile() const
@@ -132,7 +132,7 @@ void VXAudioGain::setState(qint32 state)
     emit stateChanged();
     emit stateImageChanged();
     emit outcomeTextChanged();
-    const bool wasEditable = old == 0 || old == 3;
+    const bool wasEditable = old == VXGainIdle || old == VXGainFinished;
     if (wasEditable != allowedTargetLoudnessEdit())
         emit allowedTargetLoudnessEditChanged();
 }
@@ -145,7 +145,7 @@ void VXAudioGain::setRetCode(qint64 retCode)
         return;
     emit retCodeChanged();
     emit stateImageChanged();
-    if (state() == 3)  // while running, retCode is only the progress
+    if (state() == VXGainFinished)  // while running, retCode is only the progress
         emit outcomeTextChanged();
 }
 
@@ -208,7 +208,7 @@ QString VXAudioGain::formatTargetLoudness() const
 bool VXAudioGain::allowedTargetLoudnessEdit() const
 {
     const qint32 s = state();
-    return s == 0 || s == 3;
+    return s == VXGainIdle || s == VXGainFinished;
 }
 
 float VXAudioGain::loudnormValue() const

@@ -127,7 +127,7 @@ public:
     QString formatTargetLoudness() const;
     bool allowedTargetLoudnessEdit() const;
     float loudnormValue() const;
-    bool isRunning() const { return state() == 1 || state() == 2; }
+    bool isRunning() const { return state() == VXGainStarted || state() == VXGainRunning; }
     // How the next job measures, holds peaks, skips and places; its
     // targetLoudness is not used (the item's own is). Read when a job starts.
     VXJobSettings jobSettings() const;

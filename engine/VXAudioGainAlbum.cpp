@@ -24,7 +24,7 @@ bool VXAudioGain::resolveAlbum(qint64 *end)
     QString why;
     std::optional<VXAlbumMember> member = batch->member(inputFile(), &m_cancel, &why);
     if (!member) {
-        *end = why.isEmpty() ? -2 : fail(why);
+        *end = why.isEmpty() ? VXGainCancelled : fail(why);
         return false;
     }
     setAlbumMember(std::move(member));
@@ -39,14 +39,14 @@ qint64 VXAudioGain::runTagsOnly()
     if (album)
         track = album->track;
     else if (!VXMeasureFile(inputFile(), jobSettings().measureFlags(), &track, &why, &m_cancel))
-        return m_cancel.isCancelled() ? -2 : fail(why);
+        return m_cancel.isCancelled() ? VXGainCancelled : fail(why);
     {
         QMutexLocker locker(&m_lock);
         m_measurement = VXMeasurementRecord(track);
         m_measurement.remove(QStringLiteral("target_offset"));
     }
     if (m_cancel.isCancelled())
-        return -2;
+        return VXGainCancelled;
     const VXReplayGain gains = VXReplayGainFor(track, album ? &album->album : nullptr);
     // Nothing left to cancel from here: the tagged copy replaces the file
     // in one step, or not at all.
@@ -63,5 +63,5 @@ qint64 VXAudioGain::runTagsOnly()
         m_result.warning = placed->warning;
     }
     setOutPathFileFromJob(placed->path);
-    return 0;
+    return VXGainSucceeded;
 }
