@@ -12,6 +12,18 @@ void VXAudioGain::setAlbumBatch(std::shared_ptr<VXAlbumBatch> batch)
     m_album.reset();  // the batch measures it afresh
 }
 
+void VXAudioGain::setAlbumMember(std::optional<VXAlbumMember> member)
+{
+    QMutexLocker locker(&m_lock);
+    m_album = std::move(member);
+}
+
+std::optional<VXAlbumMember> VXAudioGain::albumMember() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_album;
+}
+
 bool VXAudioGain::resolveAlbum(qint64 *end)
 {
     std::shared_ptr<VXAlbumBatch> batch;

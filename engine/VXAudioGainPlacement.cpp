@@ -1,6 +1,7 @@
 // Where a finished temporary file goes: into the output folder under a free
 // name, or in place of the input file.
 #include "engine/VXAudioGain.h"
+#include "engine/VXAudioGainShared.h"
 
 #include "engine/VXMainThread.h"
 #include "engine/VXPlacement.h"
@@ -9,6 +10,30 @@
 
 #include <QDir>
 #include <QFileInfo>
+
+bool VXAudioGain::chooseTempOutFile()
+{
+    const QFileInfo name(outFileName());
+    const QString path = VXTempDir::reserveFile(name.completeBaseName(), name.suffix());
+    QMutexLocker locker(&m_lock);
+    m_tempOutFile = path;
+    return !path.isEmpty();
+}
+
+qint64 VXAudioGain::fail(const QString &reason)
+{
+    QMutexLocker locker(&m_lock);
+    m_result.reason = reason;
+    return VXGainFailed;
+}
+
+qint64 VXAudioGain::finishWithPlacement()
+{
+    ++vxjob::shared().placing;
+    const bool placed = moveTempFileToFinalOut(tempOutFile());
+    --vxjob::shared().placing;
+    return placed ? VXGainSucceeded : VXGainFailed;
+}
 
 bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
 {

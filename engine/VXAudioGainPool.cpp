@@ -2,6 +2,7 @@
 // cancel, and the shutdown that waits for every job.
 #include "engine/VXAudioGain.h"
 #include "engine/VXAudioGainShared.h"
+#include "engine/VXGainJob.h"
 
 #include "engine/VXMainThread.h"
 #include "engine/codec/VXTranscoding.h"
@@ -53,7 +54,7 @@ void VXAudioGain::gainWithBlock(VXGainBlock block)
     }
     const bool reported = VXMainThread::isMainThread() && deliver(VXGainStarted, 0, block);
     VXStartOnPool(jobPool(), [self, block, reported]() mutable {
-        const qint64 result = reported || self->deliver(VXGainStarted, 0, block) ? self->runJob(block) : VXGainCancelled;
+        const qint64 result = reported || self->deliver(VXGainStarted, 0, block) ? VXGainJob(*self, block).run() : VXGainCancelled;
         if (result != VXGainSucceeded) {
             // The file stays until the cache is cleaned, but not its size: a
             // disk filled by one file must not fail the files after it.
