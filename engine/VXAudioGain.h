@@ -211,9 +211,9 @@ private:
     bool chooseTempOutFile();
     qint64 finishWithPlacement();
     qint64 fail(const QString &reason);
-    // Album mode: the album's figures, from the batch unless set already;
-    // false when the job must end (result code in *end).
-    bool resolveAlbum(qint64 *end);
+    // Album mode: the album's figures, from the batch unless set already.
+    // An error whose code is VXGainCancelled: the measurement was cancelled.
+    VXResult<> resolveAlbum();
     qint64 runTagsOnly();
     void setOutPathFileFromJob(const QString &path);
 

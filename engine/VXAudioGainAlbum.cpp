@@ -24,23 +24,21 @@ std::optional<VXAlbumMember> VXAudioGain::albumMember() const
     return m_album;
 }
 
-bool VXAudioGain::resolveAlbum(qint64 *end)
+VXResult<> VXAudioGain::resolveAlbum()
 {
     std::shared_ptr<VXAlbumBatch> batch;
     {
         QMutexLocker locker(&m_lock);
         if (m_album || !m_albumBatch)
-            return true;
+            return {};
         batch = m_albumBatch;
     }
     QString why;
     std::optional<VXAlbumMember> member = batch->member(inputFile(), &m_cancel, &why);
-    if (!member) {
-        *end = why.isEmpty() ? VXGainCancelled : fail(why);
-        return false;
-    }
+    if (!member)
+        return why.isEmpty() ? VXError::because(why, VXGainCancelled) : VXError::because(why);
     setAlbumMember(std::move(member));
-    return true;
+    return {};
 }
 
 qint64 VXAudioGain::runTagsOnly()

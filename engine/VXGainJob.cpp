@@ -37,8 +37,8 @@ VXGainEnd VXGainJob::run()
     }
     if (m_item.m_cancel.isCancelled())
         return VXGainCancelled;
-    if (qint64 ended = 0; !m_item.resolveAlbum(&ended))
-        return VXGainEnd(ended);
+    if (const VXResult<> album = m_item.resolveAlbum(); !album)
+        return end(album.error());
     if (m_settings.tagsOnly)
         return VXGainEnd(m_item.runTagsOnly());
     if (!m_item.chooseTempOutFile())
@@ -72,12 +72,14 @@ VXResult<VXGainJob::Measurement> VXGainJob::measure()
         record = QJsonObject::fromVariantMap(VXMeasurementRecord(album->track));
         report(50);
     } else {
-        VXResult<QJsonObject> caught = firstPassRecord(&m.unusable);
+        const VXResult<Caught> caught = firstPassRecord();
         if (!caught)
             return caught.error();
-        if (caught->isEmpty())
+        if (caught->record.isEmpty()) {
+            m.unusable = caught->unusable;
             return m;
-        record = *caught;
+        }
+        record = caught->record;
     }
     // With the loudnorm meter: loudnorm weighs channels by index, which
     // misreads some layouts (2.1, 6.1, 7.1); for those, pass 1 also measured

@@ -22,6 +22,13 @@ public:
     // The job's work up to its end: the result code of its end report.
     VXGainEnd run();
 
+    // Pass 1's record as its filter printed it; empty when none is usable,
+    // and then why not.
+    struct Caught {
+        QJsonObject record;
+        QString unusable;
+    };
+
 private:
     // What pass 1 left: the figures, or why there are none to plan from.
     struct Measurement {
@@ -41,7 +48,7 @@ private:
     VXGainEnd end(const VXError &error);
 
     VXResult<Measurement> measure();
-    VXResult<QJsonObject> firstPassRecord(QString *unusable);
+    VXResult<Caught> firstPassRecord();
     VXResult<QByteArray> runFirstPass(std::shared_ptr<VXTranscoding> pass1);
     VXResult<Normalised> normalise(const VXJobPlan &plan);
     VXResult<int> correct(const VXJobPlan &plan, VXFilter &filter, VXLoudness *output,

@@ -26,22 +26,24 @@ qint64 progressOf(int64_t percent, bool secondPass)
 
 // The record is the one flat JSON object in the print-out; a "}" before
 // the "{" does not count, so the closing brace is looked for after it.
-QJsonObject recordIn(const QByteArray &log, QString *unusable)
+VXGainJob::Caught recordIn(const QByteArray &log)
 {
-    *unusable = QStringLiteral("Unknown");
+    VXGainJob::Caught caught{{}, QStringLiteral("Unknown")};
     const VXRange open = rangeOfDataFind(log, QByteArrayLiteral("{"));
     if (open.location == VXNotFound)
-        return {};
+        return caught;
     const QByteArray rest = log.mid(open.location);
     const VXRange close = rangeOfDataFind(rest, QByteArrayLiteral("}"));
     const QByteArray bytes = close.location == VXNotFound ? QByteArray() : rest.left(close.location + close.length);
     if (bytes.isEmpty())
-        return {};
+        return caught;
     QJsonParseError error{};
     const QJsonDocument doc = QJsonDocument::fromJson(bytes, &error);
     if (error.error != QJsonParseError::NoError)
-        *unusable = error.errorString();
-    return doc.isObject() ? doc.object() : QJsonObject();
+        caught.unusable = error.errorString();
+    else if (doc.isObject())
+        caught.record = doc.object();
+    return caught;
 }
 
 } // namespace
@@ -106,9 +108,8 @@ std::shared_ptr<VXFilter> VXGainJob::makeLoudnessFilter() const
 // Pass 1: the loudness filter prints its record as the transcoding is
 // released, and the record is cut from what it printed. With the reference
 // meter the pass only decodes; with loudnorm it also writes a one-pass
-// normalised file, the fallback's output. An empty record: none usable,
-// why in *unusable.
-VXResult<QJsonObject> VXGainJob::firstPassRecord(QString *unusable)
+// normalised file, the fallback's output.
+VXResult<VXGainJob::Caught> VXGainJob::firstPassRecord()
 {
     QString why;
     auto pass1 = VXTranscoding::initWithInput(m_item.inputFile(), m_item.tempOutFile(), &why);
@@ -122,7 +123,7 @@ VXResult<QJsonObject> VXGainJob::firstPassRecord(QString *unusable)
     const VXResult<QByteArray> log = runFirstPass(std::move(pass1));
     if (!log)
         return log.error();
-    return recordIn(*log, unusable);
+    return recordIn(*log);
 }
 
 // Runs pass 1 and lets it go with its filter's print-out captured.
