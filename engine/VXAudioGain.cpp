@@ -1,5 +1,7 @@
 #include "engine/VXAudioGain.h"
 
+#include "engine/VXGainText.h"
+
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXDemuxerContext.h"
 
@@ -54,7 +56,7 @@ void VXAudioGain::setTargetLoudness(float value)
         emit formatTargetLoudnessChanged();
     }
     // Even an equal value makes a finished item idle, and startable again.
-    setState(0);
+    setState(VXGainIdle);
 }
 
 QString VXAudioGain::inputFile() const
@@ -130,7 +132,7 @@ void VXAudioGain::setState(qint32 state)
     emit stateChanged();
     emit stateImageChanged();
     emit outcomeTextChanged();
-    const bool wasEditable = old == 0 || old == 3;
+    const bool wasEditable = old == VXGainIdle || old == VXGainFinished;
     if (wasEditable != allowedTargetLoudnessEdit())
         emit allowedTargetLoudnessEditChanged();
 }
@@ -143,7 +145,7 @@ void VXAudioGain::setRetCode(qint64 retCode)
         return;
     emit retCodeChanged();
     emit stateImageChanged();
-    if (state() == 3)  // while running, retCode is only the progress
+    if (state() == VXGainFinished)  // while running, retCode is only the progress
         emit outcomeTextChanged();
 }
 
@@ -171,43 +173,7 @@ VXGainResult VXAudioGain::gainResult() const
     return m_result;
 }
 
-QString VXAudioGain::outcomeText() const
-{
-    if (state() != 3)
-        return {};
-    if (retCode() == -2)
-        return QStringLiteral("Cancelled");
-    const VXGainResult r = gainResult();
-    if (retCode() != 0)
-        return r.reason.isEmpty() ? QStringLiteral("Failed") : r.reason;
-    // U+2212 for the minus, as typeset figures have it.
-    auto figure = [](double v, const char *unit) {
-        return std::isfinite(v) ? QString::number(v, 'f', 1).replace(QLatin1Char('-'), QChar(0x2212))
-                + QLatin1Char(' ') + QLatin1String(unit)
-                                : QStringLiteral("silent");
-    };
-    QStringList parts;
-    if (r.skipped) {
-        // Left as it was: the level that was already close enough.
-        parts << QStringLiteral("skipped") << figure(r.measuredI, "LUFS");
-    } else if (r.tagged) {
-        // What a player will apply; the audio itself is as it was.
-        parts << QStringLiteral("tagged: track %1").arg(figure(r.tags.trackGainDb, "dB"));
-        if (std::isfinite(r.tags.albumGainDb))
-            parts << QStringLiteral("album %1").arg(figure(r.tags.albumGainDb, "dB"));
-    } else {
-        parts << figure(r.outputI, "LUFS");
-        if (std::isfinite(r.outputTp))
-            parts << figure(r.outputTp, "dBTP");
-        if (!r.normalization.isEmpty())
-            parts << r.normalization;
-    }
-    if (!r.album.isEmpty())
-        parts << QStringLiteral("album \u201c%1\u201d").arg(r.album);
-    if (!r.warning.isEmpty())
-        parts << r.warning;
-    return parts.join(QStringLiteral(" \u00b7 "));
-}
+QString VXAudioGain::outcomeText() const { return VXOutcomeText(state(), retCode(), gainResult()); }
 
 quint64 VXAudioGain::duration() const { return m_duration; }
 
@@ -242,7 +208,7 @@ QString VXAudioGain::formatTargetLoudness() const
 bool VXAudioGain::allowedTargetLoudnessEdit() const
 {
     const qint32 s = state();
-    return s == 0 || s == 3;
+    return s == VXGainIdle || s == VXGainFinished;
 }
 
 float VXAudioGain::loudnormValue() const
@@ -250,23 +216,9 @@ float VXAudioGain::loudnormValue() const
     return VXLoudnessScale::lufsForPosition(targetLoudness());
 }
 
-QString VXAudioGain::formatSize(quint64 bytes)
-{
-    if (bytes < 1024)
-        return QString::asprintf("%lluB", static_cast<unsigned long long>(bytes));
-    const float value = float(bytes);
-    if (bytes < 1048576)
-        return QString::asprintf("%.2fKB", double(value * (1.0f / 1024.0f)));
-    return QString::asprintf("%.2fMB", double(value * (1.0f / 1048576.0f)));
-}
+QString VXAudioGain::formatSize(quint64 bytes) { return VXFormatSize(bytes); }
 
-QString VXAudioGain::formatDuration(quint64 ticks)
-{
-    const unsigned long long s = ticks / VXTimebase;
-    if (s < 3600)
-        return QString::asprintf("%02llu:%02llu", s / 60, s % 60);
-    return QString::asprintf("%02llu:%02llu:%02llu", s / 3600, (s % 3600) / 60, s % 60);
-}
+QString VXAudioGain::formatDuration(quint64 ticks) { return VXFormatDuration(ticks); }
 
 QString VXAudioGain::tempOutFile() const
 {

@@ -21,8 +21,6 @@
 
 class QThreadPool;
 class VXAlbumBatch;
-class QJsonObject;
-class VXFilter;
 class VXTranscoding;
 
 // The report callback of a job: (state, retCode), called on the main thread
@@ -65,9 +63,8 @@ struct VXAlbumMember {
 };
 
 // One audio item: an input file, where its result goes, its target loudness
-// and the state of its two-pass job. States: 0 idle, 1 started, 2 running
-// (retCode = progress), 3 finished (retCode 0 success, -1 failure,
-// -2 cancelled).
+// and the state of its two-pass job (VXGainState; a finished job's retCode
+// is a VXGainEnd). The job itself is VXGainJob's, run on jobPool().
 class VXAudioGain : public QObject, public std::enable_shared_from_this<VXAudioGain> {
     Q_OBJECT
     Q_PROPERTY(float targetLoudness READ targetLoudness WRITE setTargetLoudness NOTIFY targetLoudnessChanged)
@@ -127,7 +124,7 @@ public:
     QString formatTargetLoudness() const;
     bool allowedTargetLoudnessEdit() const;
     float loudnormValue() const;
-    bool isRunning() const { return state() == 1 || state() == 2; }
+    bool isRunning() const { return state() == VXGainStarted || state() == VXGainRunning; }
     // How the next job measures, holds peaks, skips and places; its
     // targetLoudness is not used (the item's own is). Read when a job starts.
     VXJobSettings jobSettings() const;
@@ -152,6 +149,9 @@ public:
     // Stops the running pass; a cancel between passes stops the job before
     // its next pass.
     void cancelGain();
+    // A report of the running job, set on the item and handed to block on
+    // the main thread; from any thread. Dropped once the application is
+    // going away, which then cancels the job.
     void sendMessage(qint32 state, qint64 retCode, const VXGainBlock &block);
     QString tempOutFile() const;
     // The last job's pass-1 record ("input_i", "input_tp", ...); empty
@@ -204,32 +204,17 @@ signals:
     void outcomeTextChanged();
 
 private:
-    struct Job;
+    friend class VXGainJob;  // the job runner works on the item's state
     VXAudioGain(const QString &path, const QString &outFolder);
-    // The job's work up to its end; the result code of its end report.
-    qint64 runJob(const VXGainBlock &block);
     bool deliver(qint32 state, qint64 retCode, const VXGainBlock &block);
     void applyReport(qint32 state, qint64 retCode, const VXGainBlock &block);
     bool chooseTempOutFile();
-    // Runs one pass on the job's thread. Second: progress maps to 50..100;
-    // a correction pass reports none.
-    enum class Pass { First, Second, Correction };
-    void runPass(Job &job, const std::shared_ptr<VXTranscoding> &transcoding, Pass pass);
-    // The loudness filter with this item's target, ceiling and meter.
-    std::shared_ptr<VXFilter> makeLoudnessFilter() const;
-    bool runFirstPass(Job &job, QJsonObject *record, QString *reason, qint64 *end);
-    qint64 runOnePass(Job &job);
-    void releaseTransCoding();
-    // Runs a pass that writes the output and lets it go: 0 when it
-    // completed, else the job's end. Its output's figures go to *output.
-    qint64 runOutputPass(Job &job, std::shared_ptr<VXTranscoding> transcoding, Pass pass, VXLoudness *output);
     qint64 finishWithPlacement();
     qint64 fail(const QString &reason);
-    // Album mode: the album's figures, from the batch unless set already;
-    // false when the job must end (result code in *end).
-    bool resolveAlbum(qint64 *end);
+    // Album mode: the album's figures, from the batch unless set already.
+    // An error whose code is VXGainCancelled: the measurement was cancelled.
+    VXResult<> resolveAlbum();
     qint64 runTagsOnly();
-    qint64 verifyAndPlace(const VXGainResult &result, double expected);
     void setOutPathFileFromJob(const QString &path);
 
     mutable QMutex m_lock;  // guards the strings, m_tempOutFile and m_transCoding

@@ -12,23 +12,33 @@ void VXAudioGain::setAlbumBatch(std::shared_ptr<VXAlbumBatch> batch)
     m_album.reset();  // the batch measures it afresh
 }
 
-bool VXAudioGain::resolveAlbum(qint64 *end)
+void VXAudioGain::setAlbumMember(std::optional<VXAlbumMember> member)
+{
+    QMutexLocker locker(&m_lock);
+    m_album = std::move(member);
+}
+
+std::optional<VXAlbumMember> VXAudioGain::albumMember() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_album;
+}
+
+VXResult<> VXAudioGain::resolveAlbum()
 {
     std::shared_ptr<VXAlbumBatch> batch;
     {
         QMutexLocker locker(&m_lock);
         if (m_album || !m_albumBatch)
-            return true;
+            return {};
         batch = m_albumBatch;
     }
     QString why;
     std::optional<VXAlbumMember> member = batch->member(inputFile(), &m_cancel, &why);
-    if (!member) {
-        *end = why.isEmpty() ? -2 : fail(why);
-        return false;
-    }
+    if (!member)
+        return why.isEmpty() ? VXError::because(why, VXGainCancelled) : VXError::because(why);
     setAlbumMember(std::move(member));
-    return true;
+    return {};
 }
 
 qint64 VXAudioGain::runTagsOnly()
@@ -39,29 +49,29 @@ qint64 VXAudioGain::runTagsOnly()
     if (album)
         track = album->track;
     else if (!VXMeasureFile(inputFile(), jobSettings().measureFlags(), &track, &why, &m_cancel))
-        return m_cancel.isCancelled() ? -2 : fail(why);
+        return m_cancel.isCancelled() ? VXGainCancelled : fail(why);
     {
         QMutexLocker locker(&m_lock);
         m_measurement = VXMeasurementRecord(track);
         m_measurement.remove(QStringLiteral("target_offset"));
     }
     if (m_cancel.isCancelled())
-        return -2;
+        return VXGainCancelled;
     const VXReplayGain gains = VXReplayGainFor(track, album ? &album->album : nullptr);
     // Nothing left to cancel from here: the tagged copy replaces the file
     // in one step, or not at all.
     const VXPlacement::Result placed
         = VXTagFile(inputFile(), replaceOriginalFile() ? QString() : outFolder(), gains, jobSettings().preserveModificationTime);
-    if (!placed.ok)
-        return fail(placed.error);
+    if (!placed)
+        return fail(placed.reason());
     {
         QMutexLocker locker(&m_lock);
         m_result.tagged = true;
         m_result.tags = gains;
         m_result.gainDb = gains.trackGainDb;
         m_result.album = album ? album->name : QString();
-        m_result.warning = placed.warning;
+        m_result.warning = placed->warning;
     }
-    setOutPathFileFromJob(placed.path);
-    return 0;
+    setOutPathFileFromJob(placed->path);
+    return VXGainSucceeded;
 }

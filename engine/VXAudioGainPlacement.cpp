@@ -1,6 +1,7 @@
 // Where a finished temporary file goes: into the output folder under a free
 // name, or in place of the input file.
 #include "engine/VXAudioGain.h"
+#include "engine/VXAudioGainShared.h"
 
 #include "engine/VXMainThread.h"
 #include "engine/VXPlacement.h"
@@ -10,39 +11,61 @@
 #include <QDir>
 #include <QFileInfo>
 
+bool VXAudioGain::chooseTempOutFile()
+{
+    const QFileInfo name(outFileName());
+    const QString path = VXTempDir::reserveFile(name.completeBaseName(), name.suffix());
+    QMutexLocker locker(&m_lock);
+    m_tempOutFile = path;
+    return !path.isEmpty();
+}
+
+qint64 VXAudioGain::fail(const QString &reason)
+{
+    QMutexLocker locker(&m_lock);
+    m_result.reason = reason;
+    return VXGainFailed;
+}
+
+qint64 VXAudioGain::finishWithPlacement()
+{
+    ++vxjob::shared().placing;
+    const bool placed = moveTempFileToFinalOut(tempOutFile());
+    --vxjob::shared().placing;
+    return placed ? VXGainSucceeded : VXGainFailed;
+}
+
 bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
 {
     if (replaceOriginalFile()) {
         const VXPlacement::Result result =
             VXPlacement::replaceFile(tempPath, inputFile(), jobSettings().preserveModificationTime);
-        if (result.ok) {
+        if (result) {
             QMutexLocker locker(&m_lock);
-            m_result.warning = result.warning;
+            m_result.warning = result->warning;
             return true;
         }
-        if (result.beforeRemoval)
-            VXLog(QStringLiteral("Failed to replace original file.Can't remove original file(%1)").arg(result.error));
+        if (result.error().code == VXPlacement::kBeforeRemoval)
+            VXLog(QStringLiteral("Failed to replace original file.Can't remove original file(%1)").arg(result.reason()));
         else
-            VXLog(QStringLiteral("Failed to move file to dest path(%1).").arg(result.error));
-        fail(result.error);
+            VXLog(QStringLiteral("Failed to move file to dest path(%1).").arg(result.reason()));
+        fail(result.reason());
         return false;
     }
 
     const QString folder = outFolder();
     const QFileInfo name(outFileName());
-    VXPlacement::Result result;
     // A relative folder would land the file wherever the process happens to
     // be.
-    if (folder.isEmpty() || QDir::isRelativePath(folder))
-        result.error = QStringLiteral("No output folder");
-    else
-        result = VXPlacement::placeInFolder(tempPath, folder, name.completeBaseName(), name.suffix());
-    if (!result.ok) {
-        VXLog(QStringLiteral("Failed to move file to dest path(%1).").arg(result.error));
-        fail(result.error);
+    const VXPlacement::Result result = folder.isEmpty() || QDir::isRelativePath(folder)
+        ? VXPlacement::Result(VXError::because(QStringLiteral("No output folder")))
+        : VXPlacement::placeInFolder(tempPath, folder, name.completeBaseName(), name.suffix());
+    if (!result) {
+        VXLog(QStringLiteral("Failed to move file to dest path(%1).").arg(result.reason()));
+        fail(result.reason());
         return false;
     }
-    setOutPathFileFromJob(result.path);
+    setOutPathFileFromJob(result->path);
     return true;
 }
 

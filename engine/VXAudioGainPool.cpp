@@ -2,6 +2,7 @@
 // cancel, and the shutdown that waits for every job.
 #include "engine/VXAudioGain.h"
 #include "engine/VXAudioGainShared.h"
+#include "engine/VXGainJob.h"
 
 #include "engine/VXMainThread.h"
 #include "engine/codec/VXTranscoding.h"
@@ -51,10 +52,10 @@ void VXAudioGain::gainWithBlock(VXGainBlock block)
         QMutexLocker locker(&shared().jobsLock);
         shared().jobs.insert(this, self);
     }
-    const bool reported = VXMainThread::isMainThread() && deliver(1, 0, block);
+    const bool reported = VXMainThread::isMainThread() && deliver(VXGainStarted, 0, block);
     VXStartOnPool(jobPool(), [self, block, reported]() mutable {
-        const qint64 result = reported || self->deliver(1, 0, block) ? self->runJob(block) : -2;
-        if (result != 0) {
+        const qint64 result = reported || self->deliver(VXGainStarted, 0, block) ? VXGainJob(*self, block).run() : VXGainCancelled;
+        if (result != VXGainSucceeded) {
             // The file stays until the cache is cleaned, but not its size: a
             // disk filled by one file must not fail the files after it.
             const QString temp = self->tempOutFile();
@@ -70,7 +71,7 @@ void VXAudioGain::gainWithBlock(VXGainBlock block)
         // and this thread must not be the one to release the item then.
         VXAudioGain *item = self.get();
         VXRunOnMainThread([&] {
-            item->applyReport(3, result, block);
+            item->applyReport(VXGainFinished, result, block);
             block = nullptr;
             self.reset();
         });

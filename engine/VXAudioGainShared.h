@@ -1,7 +1,7 @@
 #pragma once
 
-// What every job of the process shares (VXAudioGainJob.cpp and
-// VXAudioGainPool.cpp only).
+// What every job of the process shares (the job runner, VXAudioGainPool.cpp
+// and the placement only).
 
 #include "engine/VXAudioGain.h"
 

@@ -33,59 +33,44 @@ QString clock(double seconds)
                      : QString::asprintf("%d:%02d", s / 60, s % 60);
 }
 
-} // namespace
+// The plot area and its scales: loudness up, time across.
+struct Canvas {
+    QPainter &p;
+    const VXLoudnessPictureColors &ink;
+    QRectF plot;
+    double bottom = -90.0;
+    double top = 0.0;
+    double seconds = kVXShortTermStep;
 
-QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
-{
-    const VXLoudnessPictureColors &ink = data.colors;
-    QImage image(size, QImage::Format_ARGB32_Premultiplied);
-    image.fill(ink.background);
-    QPainter p(&image);
-    p.setRenderHint(QPainter::Antialiasing);
-    QFont font = p.font();
-    font.setPixelSize(12);
-    p.setFont(font);
-
-    const QRectF plot(52, 30, size.width() - 52 - 16, size.height() - 30 - 28);
-    const auto band = VXLoudnessRangeBand(data.input.shortTerm);
-    // The scale runs from full scale down to 20 LU under the quietest thing
-    // worth seeing, in steps of 10.
-    double low = 0;
-    for (const double v : {data.targetLufs, data.input.integrated, band.first, data.output.integrated})
-        if (std::isfinite(v))
-            low = std::min(low, v);
-    const double bottom = std::max(-90.0, std::floor((low - 20.0) / 10.0) * 10.0);
-    const double top = 0.0;
-    auto y = [&](double lufs) { return plot.top() + (top - std::clamp(lufs, bottom, top)) / (top - bottom) * plot.height(); };
-    const size_t points = std::max(data.input.shortTerm.size(), data.output.shortTerm.size());
-    const double seconds = std::max(kVXShortTermStep, double(points) * kVXShortTermStep);
-    auto x = [&](double t) { return plot.left() + t / seconds * plot.width(); };
-
-    p.setPen(ink.grid);
-    for (double v = bottom; v <= top; v += 10.0) {
-        p.drawLine(QPointF(plot.left(), y(v)), QPointF(plot.right(), y(v)));
-        p.setPen(ink.text);
-        p.drawText(QRectF(0, y(v) - 8, plot.left() - 6, 16), Qt::AlignRight | Qt::AlignVCenter,
-                   QString::number(int(v)));
-        p.setPen(ink.grid);
+    double y(double lufs) const
+    {
+        return plot.top() + (top - std::clamp(lufs, bottom, top)) / (top - bottom) * plot.height();
     }
-    // Time marks at a round step giving about eight of them.
-    double step = 1;
-    for (const double s : {1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, 3600.0})
-        if (seconds / s >= 3) step = s;
-    p.setPen(ink.text);
-    for (double t = 0; t <= seconds + 1e-9; t += step)
-        p.drawText(QRectF(x(t) - 40, plot.bottom() + 4, 80, 18), Qt::AlignHCenter | Qt::AlignTop, clock(t));
+    double x(double t) const { return plot.left() + t / seconds * plot.width(); }
 
-    if (std::isfinite(band.first) && std::isfinite(band.second)) {
-        QColor fill = ink.input;
-        fill.setAlpha(45);
-        p.fillRect(QRectF(QPointF(plot.left(), y(band.second)), QPointF(plot.right(), y(band.first))), fill);
+    void grid() const
+    {
+        p.setPen(ink.grid);
+        for (double v = bottom; v <= top; v += 10.0) {
+            p.drawLine(QPointF(plot.left(), y(v)), QPointF(plot.right(), y(v)));
+            p.setPen(ink.text);
+            p.drawText(QRectF(0, y(v) - 8, plot.left() - 6, 16), Qt::AlignRight | Qt::AlignVCenter,
+                       QString::number(int(v)));
+            p.setPen(ink.grid);
+        }
+        // Time marks at a round step giving about eight of them.
+        double step = 1;
+        for (const double s : {1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, 3600.0})
+            if (seconds / s >= 3) step = s;
+        p.setPen(ink.text);
+        for (double t = 0; t <= seconds + 1e-9; t += step)
+            p.drawText(QRectF(x(t) - 40, plot.bottom() + 4, 80, 18), Qt::AlignHCenter | Qt::AlignTop, clock(t));
     }
 
     // One point a pixel column, the loudest of the steps it covers: a long
     // file still draws in a few milliseconds and no peak disappears.
-    auto curve = [&](const std::vector<float> &values, const QColor &colour) {
+    void curve(const std::vector<float> &values, const QColor &colour) const
+    {
         if (values.empty())
             return;
         const int columns = std::max(1, int(plot.width()));
@@ -105,30 +90,28 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
         p.setPen(QPen(colour, 1.5));
         p.setBrush(Qt::NoBrush);
         p.drawPath(path);
-    };
-    curve(data.input.shortTerm, ink.input);
-    curve(data.output.shortTerm, ink.output);
+    }
 
-    auto level = [&](double v, const QColor &colour, Qt::PenStyle style, const QString &label) {
+    void level(double v, const QColor &colour, Qt::PenStyle style, const QString &label) const
+    {
         if (!std::isfinite(v))
             return;
         p.setPen(QPen(colour, 1.2, style));
         p.drawLine(QPointF(plot.left(), y(v)), QPointF(plot.right(), y(v)));
         p.drawText(QRectF(plot.left() + 6, y(v) - 17, plot.width() - 12, 16), Qt::AlignRight | Qt::AlignBottom, label);
-    };
-    level(data.ceilingDbtp, ink.ceiling, Qt::DashLine, QStringLiteral("ceiling %1 dBTP").arg(data.ceilingDbtp, 0, 'f', 1));
-    level(data.targetLufs, ink.target, Qt::DashLine, QStringLiteral("target %1 LUFS").arg(data.targetLufs, 0, 'f', 1));
-    level(data.input.integrated, ink.integrated, Qt::SolidLine,
-          QStringLiteral("integrated %1 LUFS").arg(data.input.integrated, 0, 'f', 1));
+    }
 
-    p.setPen(ink.text);
-    QString legend = data.title + QStringLiteral("    short-term loudness (LUFS, 3 s)");
-    if (std::isfinite(data.input.range))
-        legend += QStringLiteral("    LRA %1 LU").arg(data.input.range, 0, 'f', 1);
-    if (std::isfinite(data.input.truePeak))
-        legend += QStringLiteral("    true peak %1 dBTP").arg(data.input.truePeak, 0, 'f', 1);
-    p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignLeft | Qt::AlignVCenter, legend);
-    if (!data.output.shortTerm.empty()) {
+    void legend(const VXLoudnessPictureData &data) const
+    {
+        p.setPen(ink.text);
+        QString legend = data.title + QStringLiteral("    short-term loudness (LUFS, 3 s)");
+        if (std::isfinite(data.input.range))
+            legend += QStringLiteral("    LRA %1 LU").arg(data.input.range, 0, 'f', 1);
+        if (std::isfinite(data.input.truePeak))
+            legend += QStringLiteral("    true peak %1 dBTP").arg(data.input.truePeak, 0, 'f', 1);
+        p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignLeft | Qt::AlignVCenter, legend);
+        if (data.output.shortTerm.empty())
+            return;
         const QString output = QStringLiteral("output %1 LUFS").arg(data.output.integrated, 0, 'f', 1);
         p.setPen(ink.output);
         p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignRight | Qt::AlignVCenter, output);
@@ -136,5 +119,49 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
         p.drawText(QRectF(plot.left(), 6, plot.width() - p.fontMetrics().horizontalAdvance(output) - 14, 18),
                    Qt::AlignRight | Qt::AlignVCenter, QStringLiteral("input"));
     }
+};
+
+} // namespace
+
+QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
+{
+    const VXLoudnessPictureColors &ink = data.colors;
+    QImage image(size, QImage::Format_ARGB32_Premultiplied);
+    image.fill(ink.background);
+    QPainter p(&image);
+    p.setRenderHint(QPainter::Antialiasing);
+    QFont font = p.font();
+    font.setPixelSize(12);
+    p.setFont(font);
+
+    Canvas canvas{p, ink, QRectF(52, 30, size.width() - 52 - 16, size.height() - 30 - 28)};
+    const auto band = VXLoudnessRangeBand(data.input.shortTerm);
+    // The scale runs from full scale down to 20 LU under the quietest thing
+    // worth seeing, in steps of 10.
+    double low = 0;
+    for (const double v : {data.targetLufs, data.input.integrated, band.first, data.output.integrated})
+        if (std::isfinite(v))
+            low = std::min(low, v);
+    canvas.bottom = std::max(-90.0, std::floor((low - 20.0) / 10.0) * 10.0);
+    const size_t points = std::max(data.input.shortTerm.size(), data.output.shortTerm.size());
+    canvas.seconds = std::max(kVXShortTermStep, double(points) * kVXShortTermStep);
+    canvas.grid();
+
+    if (std::isfinite(band.first) && std::isfinite(band.second)) {
+        QColor fill = ink.input;
+        fill.setAlpha(45);
+        p.fillRect(QRectF(QPointF(canvas.plot.left(), canvas.y(band.second)),
+                          QPointF(canvas.plot.right(), canvas.y(band.first))),
+                   fill);
+    }
+    canvas.curve(data.input.shortTerm, ink.input);
+    canvas.curve(data.output.shortTerm, ink.output);
+    canvas.level(data.ceilingDbtp, ink.ceiling, Qt::DashLine,
+                 QStringLiteral("ceiling %1 dBTP").arg(data.ceilingDbtp, 0, 'f', 1));
+    canvas.level(data.targetLufs, ink.target, Qt::DashLine,
+                 QStringLiteral("target %1 LUFS").arg(data.targetLufs, 0, 'f', 1));
+    canvas.level(data.input.integrated, ink.integrated, Qt::SolidLine,
+                 QStringLiteral("integrated %1 LUFS").arg(data.input.integrated, 0, 'f', 1));
+    canvas.legend(data);
     return image;
 }

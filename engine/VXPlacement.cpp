@@ -147,8 +147,8 @@ struct Staged {
     FdCloser locked;
 };
 
-bool stage(const QString &src, const QString &folder, const QString &name, mode_t mode, const struct stat *owner,
-           Staged *staged, QString *error)
+VXResult<> stage(const QString &src, const QString &folder, const QString &name, mode_t mode,
+                 const struct stat *owner, Staged *staged)
 {
     // "." + name + ".evenloud-XXXXXX" within a name's 255 bytes.
     const QString hidden = QLatin1Char('.') + leftBytes(name, 255 - 17) + QStringLiteral(".evenloud-XXXXXX");
@@ -157,8 +157,7 @@ bool stage(const QString &src, const QString &folder, const QString &name, mode_
     FdCloser &out = staged->locked;
     out.fd = ::mkostemp(pattern.data(), O_CLOEXEC);
     if (out.fd < 0) {
-        *error = QStringLiteral("Cannot create a file in %1: %2").arg(folder, errnoText(errno));
-        return false;
+        return VXError::because(QStringLiteral("Cannot create a file in %1: %2").arg(folder, errnoText(errno)));
     }
     ::flock(out.fd, LOCK_EX);
     staged->path = QFile::decodeName(pattern);
@@ -171,22 +170,21 @@ bool stage(const QString &src, const QString &folder, const QString &name, mode_
     } else if (errno == EXDEV) {
         FdCloser in{::open(native(src).constData(), O_RDONLY | O_CLOEXEC)};
         if (in.fd < 0 || !copyContent(in.fd, out.fd)) {
-            *error = QStringLiteral("Cannot copy %1 to %2: %3").arg(src, folder, errnoText(errno));
+            const QString why = QStringLiteral("Cannot copy %1 to %2: %3").arg(src, folder, errnoText(errno));
             ::unlink(pattern.constData());
-            return false;
+            return VXError::because(why);
         }
     } else {
-        *error = QStringLiteral("Cannot move %1 to %2: %3").arg(src, folder, errnoText(errno));
+        const QString why = QStringLiteral("Cannot move %1 to %2: %3").arg(src, folder, errnoText(errno));
         ::unlink(pattern.constData());
-        return false;
+        return VXError::because(why);
     }
     if (out.fd < 0 || ::fchmod(out.fd, mode) != 0 || ::fsync(out.fd) != 0) {
-        *error = QStringLiteral("Cannot write %1: %2").arg(staged->path, errnoText(errno));
-        return false;
+        return VXError::because(QStringLiteral("Cannot write %1: %2").arg(staged->path, errnoText(errno)));
     }
     if (owner)
         (void)!::fchown(out.fd, owner->st_uid, owner->st_gid);  // allowed only for some; not worth failing
-    return true;
+    return {};
 }
 
 // A failure hands the temporary file back where the job left it.
@@ -200,13 +198,12 @@ void unstage(const Staged &staged, const QString &src)
 
 // Once the staged file holds its final name: the name is made durable, and
 // a copy's source (a move across file systems) goes.
-void settle(const Staged &staged, const QString &src, const QString &folder, const QString &path, Result *result)
+Placed settle(const Staged &staged, const QString &src, const QString &folder, const QString &path)
 {
     syncFolder(folder);
     if (!staged.renamed)
         ::unlink(native(src).constData());
-    result->ok = true;
-    result->path = path;
+    return {path, {}};
 }
 
 QMutex g_noReplaceFallbackLock;
@@ -241,12 +238,11 @@ int renameNoReplace(const QString &from, const QString &to)
 
 Result placeInFolder(const QString &src, const QString &folder, const QString &base, const QString &ext)
 {
-    Result result;
     Staged staged;
     const QString name = ext.isEmpty() ? base : base + QLatin1Char('.') + ext;
-    if (!stage(src, folder, name, 0666 & ~g_umask, nullptr, &staged, &result.error)) {
+    if (const VXResult<> staging = stage(src, folder, name, 0666 & ~g_umask, nullptr, &staged); !staging) {
         unstage(staged, src);
-        return result;
+        return staging.error();
     }
     // Another job or program may take the free name between our look and our
     // rename; then the next free name is chosen.
@@ -256,16 +252,13 @@ Result placeInFolder(const QString &src, const QString &folder, const QString &b
         if (err == EEXIST)
             continue;
         if (err != 0) {
-            result.error = QStringLiteral("Cannot move %1 to %2: %3").arg(src, dest, errnoText(err));
             unstage(staged, src);
-            return result;
+            return VXError::because(QStringLiteral("Cannot move %1 to %2: %3").arg(src, dest, errnoText(err)));
         }
-        settle(staged, src, folder, dest, &result);
-        return result;
+        return settle(staged, src, folder, dest);
     }
-    result.error = QStringLiteral("No free name for %1 in %2").arg(name, folder);
     unstage(staged, src);
-    return result;
+    return VXError::because(QStringLiteral("No free name for %1 in %2").arg(name, folder));
 }
 
 namespace {
@@ -297,22 +290,20 @@ void copyExtendedAttributes(const QString &from, int toFd)
 
 Result replaceFile(const QString &src, const QString &target, bool keepModificationTime)
 {
-    Result result;
-    result.beforeRemoval = true;
     // A link is followed: the file the user sees through it is the one replaced.
     char resolved[PATH_MAX];
     const QString real = ::realpath(native(target).constData(), resolved) ? QFile::decodeName(resolved) : target;
     struct stat st {};
     if (::stat(native(real).constData(), &st) != 0) {
-        result.error = QStringLiteral("Cannot read %1: %2").arg(target, errnoText(errno));
-        return result;
+        return VXError::because(QStringLiteral("Cannot read %1: %2").arg(target, errnoText(errno)), kBeforeRemoval);
     }
     const QFileInfo realInfo(real);
     const QString folder = realInfo.path();
     Staged staged;
-    if (!stage(src, folder, realInfo.fileName(), st.st_mode & 07777, &st, &staged, &result.error)) {
+    if (const VXResult<> staging = stage(src, folder, realInfo.fileName(), st.st_mode & 07777, &st, &staged);
+        !staging) {
         unstage(staged, src);
-        return result;
+        return VXError::because(staging.reason(), kBeforeRemoval);
     }
     copyExtendedAttributes(real, staged.locked.fd);
     if (keepModificationTime) {
@@ -320,17 +311,16 @@ Result replaceFile(const QString &src, const QString &target, bool keepModificat
         ::futimens(staged.locked.fd, times);
     }
     ::fsync(staged.locked.fd);  // the attributes too, before the name is given up
-    if (st.st_nlink > 1)
-        result.warning = QStringLiteral("the file has %1 hard links; the other names keep the old audio")
-                             .arg(st.st_nlink);
-    result.beforeRemoval = false;
     if (::rename(native(staged.path).constData(), native(real).constData()) != 0) {
-        result.error = QStringLiteral("Cannot move %1 to %2: %3").arg(staged.path, real, errnoText(errno));
+        const QString why = QStringLiteral("Cannot move %1 to %2: %3").arg(staged.path, real, errnoText(errno));
         unstage(staged, src);
-        return result;
+        return VXError::because(why);
     }
-    settle(staged, src, folder, target, &result);
-    return result;
+    Placed placed = settle(staged, src, folder, target);
+    if (st.st_nlink > 1)
+        placed.warning = QStringLiteral("the file has %1 hard links; the other names keep the old audio")
+                             .arg(st.st_nlink);
+    return placed;
 }
 
 QString leftBytes(const QString &name, int maxBytes)

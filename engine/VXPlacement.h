@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engine/codec/VXError.h"
+
 #include <QString>
 
 // Putting a finished file in its final place without ever exposing a partial
@@ -7,13 +9,13 @@
 // accident. Thread-safe; used by the jobs' threads side by side.
 namespace VXPlacement {
 
-struct Result {
-    bool ok = false;
-    QString path;         // where the file now is, when ok
-    QString error;        // why not, when !ok
-    bool beforeRemoval = false;  // replace mode: failed before the original could be given up
-    QString warning;      // placed, but the user should know something
+struct Placed {
+    QString path;     // where the file now is
+    QString warning;  // placed, but the user should know something
 };
+// The code of a replace that failed before the original could be given up.
+inline constexpr int kBeforeRemoval = 1;
+using Result = VXResult<Placed>;
 
 // Moves src into folder as "base.ext", or the next free name when that is
 // taken, never replacing an existing entry, even one that appears while we

@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -89,120 +90,129 @@ VXReplayGain VXReplayGainFor(const VXLoudness &track, const VXLoudness *album)
     return g;
 }
 
-bool VXWriteReplayGainTags(const QString &path, const VXReplayGain &gains, QString *why)
+namespace {
+
+// One open and one save per container; false from save is a write error.
+template <class File>
+VXResult<> tagAndSave(File &file, const std::function<bool()> &tag)
 {
-    if (!std::isfinite(gains.trackGainDb)) {
-        *why = QStringLiteral("silent: no level to tag");
-        return false;
+    if (!file.isValid())
+        return VXError::because(QStringLiteral("the tags cannot be read"));
+    if (!tag())
+        return VXError::because(QStringLiteral("the tags cannot be written"));
+    return {};
+}
+
+// An .ogg may hold Opus, FLAC or Speex as well as Vorbis: each parser
+// accepts only its own.
+VXResult<> writeOgg(const char *name, const Fields &rg, const Fields &opus)
+{
+    {
+        TagLib::Ogg::Vorbis::File f(name, false);
+        if (f.isValid())
+            return tagAndSave(f, [&] { setXiph(f.tag(), rg); return f.save(); });
     }
-    const QByteArray name = QFile::encodeName(path);
-    const QString ext = QFileInfo(path).suffix().toLower();
-    const Fields rg = replayGainFields(gains);
-    // One open and one save per container; false from save is a write error.
-    auto run = [&](auto &&file, const std::function<bool()> &tagAndSave) {
-        if (!file.isValid()) {
-            *why = QStringLiteral("the tags cannot be read");
-            return false;
-        }
-        if (!tagAndSave()) {
-            *why = QStringLiteral("the tags cannot be written");
-            return false;
-        }
-        return true;
-    };
-    if (ext == QLatin1String("mp3") || ext == QLatin1String("mp2")) {
-        TagLib::MPEG::File f(name.constData(), false);
-        return run(f, [&] {
-            setId3(f.ID3v2Tag(true), rg);
-            return f.save(TagLib::MPEG::File::ID3v2, TagLib::File::StripNone);
-        });
+    {
+        TagLib::Ogg::Opus::File f(name, false);
+        if (f.isValid())
+            return tagAndSave(f, [&] { setXiph(f.tag(), opus); return f.save(); });
     }
-    if (ext == QLatin1String("flac")) {
-        TagLib::FLAC::File f(name.constData(), false);
-        return run(f, [&] { setXiph(f.xiphComment(true), rg); return f.save(); });
+    {
+        TagLib::Ogg::FLAC::File f(name, false);
+        if (f.isValid())
+            return tagAndSave(f, [&] { setXiph(f.tag(), rg); return f.save(); });
     }
-    if (ext == QLatin1String("opus")) {
-        TagLib::Ogg::Opus::File f(name.constData(), false);
-        return run(f, [&] { setXiph(f.tag(), opusFields(gains)); return f.save(); });
-    }
-    if (ext == QLatin1String("ogg") || ext == QLatin1String("oga")) {
-        // An .ogg may hold Opus, FLAC or Speex as well as Vorbis: each parser
-        // accepts only its own.
-        {
-            TagLib::Ogg::Vorbis::File f(name.constData(), false);
-            if (f.isValid())
-                return run(f, [&] { setXiph(f.tag(), rg); return f.save(); });
-        }
-        {
-            TagLib::Ogg::Opus::File f(name.constData(), false);
-            if (f.isValid())
-                return run(f, [&] { setXiph(f.tag(), opusFields(gains)); return f.save(); });
-        }
-        {
-            TagLib::Ogg::FLAC::File f(name.constData(), false);
-            if (f.isValid())
-                return run(f, [&] { setXiph(f.tag(), rg); return f.save(); });
-        }
-        TagLib::Ogg::Speex::File f(name.constData(), false);
-        return run(f, [&] { setXiph(f.tag(), rg); return f.save(); });
-    }
+    TagLib::Ogg::Speex::File f(name, false);
+    return tagAndSave(f, [&] { setXiph(f.tag(), rg); return f.save(); });
+}
+
+// The containers whose tags are not Xiph comments: freeform atoms in MP4,
+// attributes in ASF, ID3v2 in RIFF.
+std::optional<VXResult<>> writeOther(const QString &ext, const char *name, const Fields &rg)
+{
     if (ext == QLatin1String("m4a") || ext == QLatin1String("mp4") || ext == QLatin1String("m4b")
         || ext == QLatin1String("m4v") || ext == QLatin1String("mov") || ext == QLatin1String("3gp")) {
-        TagLib::MP4::File f(name.constData(), false);
-        return run(f, [&] {
+        TagLib::MP4::File f(name, false);
+        return tagAndSave(f, [&] {
             for (const auto &[key, value] : rg)
                 f.tag()->setItem("----:com.apple.iTunes:" + key, TagLib::MP4::Item(TagLib::StringList(value)));
             return f.save();
         });
     }
     if (ext == QLatin1String("wma") || ext == QLatin1String("asf") || ext == QLatin1String("wmv")) {
-        TagLib::ASF::File f(name.constData(), false);
-        return run(f, [&] {
+        TagLib::ASF::File f(name, false);
+        return tagAndSave(f, [&] {
             for (const auto &[key, value] : rg)
                 f.tag()->setAttribute(key, TagLib::ASF::Attribute(value));
             return f.save();
         });
     }
     if (ext == QLatin1String("wav")) {
-        TagLib::RIFF::WAV::File f(name.constData(), false);
-        return run(f, [&] {
+        TagLib::RIFF::WAV::File f(name, false);
+        return tagAndSave(f, [&] {
             setId3(f.ID3v2Tag(), rg);
             return f.save(TagLib::RIFF::WAV::File::ID3v2, TagLib::File::StripNone);
         });
     }
     if (ext == QLatin1String("aif") || ext == QLatin1String("aiff") || ext == QLatin1String("aifc")) {
-        TagLib::RIFF::AIFF::File f(name.constData(), false);
-        return run(f, [&] { setId3(f.tag(), rg); return f.save(); });
+        TagLib::RIFF::AIFF::File f(name, false);
+        return tagAndSave(f, [&] { setId3(f.tag(), rg); return f.save(); });
     }
-    *why = QStringLiteral("ReplayGain tags cannot be written to .%1 files").arg(ext);
-    return false;
+    return std::nullopt;
+}
+
+} // namespace
+
+VXResult<> VXWriteReplayGainTags(const QString &path, const VXReplayGain &gains)
+{
+    if (!std::isfinite(gains.trackGainDb))
+        return VXError::because(QStringLiteral("silent: no level to tag"));
+    const QByteArray name = QFile::encodeName(path);
+    const QString ext = QFileInfo(path).suffix().toLower();
+    const Fields rg = replayGainFields(gains);
+    if (ext == QLatin1String("mp3") || ext == QLatin1String("mp2")) {
+        TagLib::MPEG::File f(name.constData(), false);
+        return tagAndSave(f, [&] {
+            setId3(f.ID3v2Tag(true), rg);
+            return f.save(TagLib::MPEG::File::ID3v2, TagLib::File::StripNone);
+        });
+    }
+    if (ext == QLatin1String("flac")) {
+        TagLib::FLAC::File f(name.constData(), false);
+        return tagAndSave(f, [&] { setXiph(f.xiphComment(true), rg); return f.save(); });
+    }
+    if (ext == QLatin1String("opus")) {
+        TagLib::Ogg::Opus::File f(name.constData(), false);
+        return tagAndSave(f, [&] { setXiph(f.tag(), opusFields(gains)); return f.save(); });
+    }
+    if (ext == QLatin1String("ogg") || ext == QLatin1String("oga"))
+        return writeOgg(name.constData(), rg, opusFields(gains));
+    if (std::optional<VXResult<>> written = writeOther(ext, name.constData(), rg))
+        return *written;
+    return VXError::because(QStringLiteral("ReplayGain tags cannot be written to .%1 files").arg(ext));
 }
 
 VXPlacement::Result VXTagFile(const QString &input, const QString &outFolder, const VXReplayGain &gains,
                               bool keepModificationTime)
 {
-    VXPlacement::Result result;
     const QFileInfo info(input);
     const QString base = info.completeBaseName();
     const QString ext = info.suffix();
     // TagLib knows a container by its name's extension: the copy keeps it.
     const QString staged = VXTempDir::reserveFile(base, ext);
-    if (staged.isEmpty()) {
-        result.error = QStringLiteral("Cannot create a temporary file in %1").arg(VXTempDir::rootPath());
-        return result;
-    }
+    if (staged.isEmpty())
+        return VXError::because(QStringLiteral("Cannot create a temporary file in %1").arg(VXTempDir::rootPath()));
     QFile::remove(staged);
     if (!QFile::copy(input, staged)) {
-        result.error = QStringLiteral("Cannot copy %1").arg(input);
         QFile::remove(staged);
-        return result;
+        return VXError::because(QStringLiteral("Cannot copy %1").arg(input));
     }
     QFile::setPermissions(staged, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    if (!VXWriteReplayGainTags(staged, gains, &result.error)) {
+    if (const VXResult<> written = VXWriteReplayGainTags(staged, gains); !written) {
         QFile::remove(staged);
-        return result;
+        return written.error();
     }
-    result = outFolder.isEmpty() ? VXPlacement::replaceFile(staged, input, keepModificationTime)
+    VXPlacement::Result result = outFolder.isEmpty() ? VXPlacement::replaceFile(staged, input, keepModificationTime)
                                  : VXPlacement::placeInFolder(staged, outFolder, base, ext);
     QFile::remove(staged);  // gone already when it was moved; a failure leaves nothing behind
     return result;

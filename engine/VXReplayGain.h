@@ -4,6 +4,7 @@
 // it is, byte for byte.
 
 #include "engine/VXPlacement.h"
+#include "engine/codec/VXError.h"
 #include "engine/codec/VXLoudnessMeter.h"
 
 #include <QString>
@@ -25,8 +26,8 @@ VXReplayGain VXReplayGainFor(const VXLoudness &track, const VXLoudness *album);
 
 // Writes the tags into path itself, by its container (ID3v2 TXXX in MP3 and
 // WAV, Vorbis comments in FLAC and Ogg, R128_* in Opus, freeform atoms in
-// MP4, attributes in ASF). Other tags stay. False with a reason.
-bool VXWriteReplayGainTags(const QString &path, const VXReplayGain &gains, QString *why);
+// MP4, attributes in ASF). Other tags stay.
+VXResult<> VXWriteReplayGainTags(const QString &path, const VXReplayGain &gains);
 
 // The safe way: a copy of input is tagged in the private temporary folder,
 // then replaces input atomically (outFolder empty) or is placed in outFolder

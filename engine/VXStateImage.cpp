@@ -57,14 +57,14 @@ QImage VXAudioGain::defaultArtwork()
 QImage VXAudioGain::stateImage() const
 {
     switch (state()) {
-    case 1:
+    case VXGainStarted:
         return makeImageWithPrg(0);
-    case 2:
+    case VXGainRunning:
         return makeImageWithPrg(retCode());
-    case 3:
-        if (retCode() == 0)
+    case VXGainFinished:
+        if (retCode() == VXGainSucceeded)
             return successImage();
-        if (retCode() == -1)
+        if (retCode() == VXGainFailed)
             return failureImage();
         return {};
     default:

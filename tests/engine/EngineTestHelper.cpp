@@ -23,7 +23,7 @@ int main(int argc, char **argv)
             QFile::remove(temp);
             if (temp.isEmpty() || !QFile::copy(args[3 + i % 2], temp))
                 return 2;
-            if (!VXPlacement::replaceFile(temp, args[2]).ok)
+            if (!VXPlacement::replaceFile(temp, args[2]).ok())
                 return 3;
             if (i == 0) {
                 std::puts("replaced");

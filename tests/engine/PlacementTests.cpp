@@ -10,6 +10,7 @@
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
+#include <optional>
 #include <gtest/gtest.h>
 #include <latch>
 #include <fcntl.h>
@@ -57,7 +58,7 @@ TEST(Placement, ConcurrentJobsNeverShareOrOverwrite)
     // All threads ask for the same names at the same moment, as jobs of
     // files called song.mp3 in different folders would.
     std::latch start(kJobs);
-    std::vector<VXPlacement::Result> results(kJobs);
+    std::vector<std::optional<VXPlacement::Result>> results(kJobs);
     QStringList temps(kJobs);
     std::vector<std::thread> threads;
     for (int i = 0; i < kJobs; ++i) {
@@ -73,11 +74,11 @@ TEST(Placement, ConcurrentJobsNeverShareOrOverwrite)
 
     QSet<QString> paths;
     for (int i = 0; i < kJobs; ++i) {
-        ASSERT_TRUE(results[i].ok) << qPrintable(results[i].error);
-        EXPECT_TRUE(results[i].path.endsWith(QLatin1String(".mp3")));
-        EXPECT_EQ(readFile(results[i].path), QByteArray("result ") + QByteArray::number(i));
+        ASSERT_TRUE(results[i] && results[i]->ok()) << qPrintable(results[i]->reason());
+        EXPECT_TRUE((*results[i])->path.endsWith(QLatin1String(".mp3")));
+        EXPECT_EQ(readFile((*results[i])->path), QByteArray("result ") + QByteArray::number(i));
         EXPECT_FALSE(QFile::exists(sources[i]));
-        paths.insert(results[i].path);
+        paths.insert((*results[i])->path);
     }
     EXPECT_EQ(paths.size(), kJobs);
     EXPECT_EQ(readFile(existing), QByteArray("the user's own file"));
@@ -86,7 +87,7 @@ TEST(Placement, ConcurrentJobsNeverShareOrOverwrite)
     // The new files are readable like any other file of the user's, even
     // though the job's temporary files are private.
     struct stat st {};
-    ASSERT_EQ(::stat(QFile::encodeName(results[0].path).constData(), &st), 0);
+    ASSERT_EQ(::stat(QFile::encodeName((*results[0])->path).constData(), &st), 0);
     const mode_t mask = ::umask(022);
     ::umask(mask);
     EXPECT_EQ(st.st_mode & 0777, 0666 & ~mask);
@@ -106,7 +107,7 @@ TEST(Placement, ReplaceKeepsPermissionsAndLeavesNothingBehind)
         const QString temp = VXTempDir::reserveFile(QStringLiteral("orig"), QStringLiteral("flac"));
         ASSERT_TRUE(writeFile(temp, "result via " + path.toUtf8()));
         const VXPlacement::Result r = VXPlacement::replaceFile(temp, path);
-        ASSERT_TRUE(r.ok) << qPrintable(r.error);
+        ASSERT_TRUE(r.ok()) << qPrintable(r.reason());
         EXPECT_EQ(readFile(target), "result via " + path.toUtf8());
         EXPECT_FALSE(QFile::exists(temp));
         struct stat st {};
@@ -127,11 +128,11 @@ TEST(Placement, ReplaceKeepsPermissionsAndLeavesNothingBehind)
     const QString temp = VXTempDir::reserveFile(QStringLiteral("orig"), QStringLiteral("flac"));
     ASSERT_TRUE(writeFile(temp, "kept as it was"));
     const VXPlacement::Result r = VXPlacement::replaceFile(temp, target, true);
-    ASSERT_TRUE(r.ok) << qPrintable(r.error);
+    ASSERT_TRUE(r.ok()) << qPrintable(r.reason());
     struct stat st {};
     ASSERT_EQ(::stat(native.constData(), &st), 0);
     EXPECT_EQ(st.st_mtime, 1000000000);
-    EXPECT_TRUE(r.warning.contains("hard links")) << r.warning.toStdString();
+    EXPECT_TRUE(r->warning.contains("hard links")) << r->warning.toStdString();
     char value[8] = {};
     if (xattrs) {
         EXPECT_EQ(::getxattr(native.constData(), "user.evenloud.test", value, sizeof value), 4);
@@ -263,7 +264,7 @@ TEST(Placement, StaleStagingFilesAreSweptLiveOnesKept)
     const QString result = src.filePath("r.wav");
     ASSERT_TRUE(writeFile(result, "result"));
     const VXPlacement::Result placed = VXPlacement::placeInFolder(result, dir.path(), "r", "wav");
-    ASSERT_TRUE(placed.ok) << placed.error.toStdString();
+    ASSERT_TRUE(placed.ok()) << placed.reason().toStdString();
     EXPECT_FALSE(QFile::exists(stale));
     EXPECT_TRUE(QFile::exists(held) && QFile::exists(fresh) && QFile::exists(unrelated));
 }

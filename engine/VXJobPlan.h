@@ -1,0 +1,61 @@
+#pragma once
+
+// What a job does with a measurement, decided with no file at hand: the
+// gain of each stream, whether the file is skipped, and the level its
+// result is held to. The analysis and the job plan with the one VXPlanGain.
+
+#include "engine/VXAudioGain.h"
+#include "engine/VXJobSettings.h"
+#include "engine/codec/VXFilter.h"
+#include "engine/codec/VXLoudnessMeter.h"
+
+#include <QJsonObject>
+#include <QList>
+#include <map>
+#include <optional>
+
+// What pass 1 (or the album's measurement) found, as numbers.
+struct VXJobLoudness {
+    // The main stream as its record gives it: integrated, true peak, range,
+    // gate; NaN for a figure the record lacks or cannot spell as a number.
+    VXLoudness input;
+    double targetOffset = NAN;
+    // Album mode: the album's figures decide the gain, the track's own
+    // integrated figure the level its result must reach.
+    std::optional<VXAlbumMember> album;
+    // Further audio streams by input index, each normalised on its own.
+    std::map<int, VXLoudness> otherStreams;
+};
+
+struct VXJobPlan {
+    // Already within skipWithin of the target: nothing is written.
+    bool skipped = false;
+    double measuredI = NAN;  // the level the skip rule looked at
+    // The figures pass 2's filter is given: the album's integrated and true
+    // peak in album mode, the record's otherwise.
+    VXLoudness planned;
+    double inputTruePeak = NAN;  // the file's own, which the gain moves
+    double targetOffset = NAN;
+    float targetLufs = 0.0f;
+    // nullopt: nothing loud enough to measure; the file is left as it is.
+    std::optional<VXGainPlan> gain;
+    // The level the result must measure; NaN: not held to one.
+    double expectedLoudness = NAN;
+    // Rounds of pass 2 allowed for what a lossy encoder or a limiter lost:
+    // none in an album, where one track raised apart would upset the rest.
+    int maxCorrections = 0;
+    struct Stream {
+        int index = -1;
+        VXLoudness measured;
+        VXGainPlan gain;
+    };
+    QList<Stream> otherStreams;  // silent ones are left out, and as they are
+    QString album;  // the album whose gain this is; empty outside album mode
+};
+
+// The plan of a job: settings.targetLoudness is the item's own position.
+VXJobPlan VXPlanJob(const VXJobLoudness &loudness, const VXJobSettings &settings);
+
+// Pass 1's record ("input_i", "input_tp", ...) read once into numbers, the
+// way the filter reads an attribute.
+VXLoudness VXLoudnessFromRecord(const QJsonObject &record, double *targetOffset = nullptr);
