@@ -1,5 +1,6 @@
 #include "engine/codec/VXTranscode.h"
 
+#include "engine/codec/VXCodecBackend.h"
 #include "engine/codec/VXEncoderChoice.h"
 #include "engine/codec/VXFilterPrivate.h"
 #include "engine/codec/VXLog.h"
@@ -62,13 +63,11 @@ struct LaneState {
 
 // The steps of one run; transcode() below strings them together.
 struct Run {
-    Run(const TranscodeRequest &r, const std::atomic<bool> &c, const std::function<void(int)> &f)
-        : request(r), cancel(c), progress(f)
-    {
-    }
+    Run(const TranscodeRequest &r, const VXCancel &c, const std::function<void(int)> &f)
+        : request(r), cancel(c), progress(f) {}
 
     const TranscodeRequest &request;
-    const std::atomic<bool> &cancel;
+    const VXCancel &cancel;
     const std::function<void(int)> &progress;
     Pipeline *p = nullptr;
     std::vector<LaneState> lanes;
@@ -90,7 +89,7 @@ struct Run {
         }
         return false;
     }
-    bool stopping() const { return failed.load() || cancel.load(); }
+    bool stopping() const { return failed.load() || cancel.isCancelled(); }
 
     // The lanes: one for the main stream, one for each further audio stream
     // to be filtered or measured (the file is opened again for those, as its
@@ -299,24 +298,24 @@ struct Run {
         }
     }
 
-    TranscodeOutcome end(TranscodeOutcome outcome)
+    VXResult<TranscodeResult> end(TranscodeResult outcome)
     {
-        outcome.status = cancel.load() ? TranscodeOutcome::Cancelled
-            : failed                   ? TranscodeOutcome::Failed
-                                       : TranscodeOutcome::Completed;
-        outcome.reason = failure;
+        if (cancel.isCancelled())
+            return VXCancelledError();
+        if (failed)
+            return VXError::because(failure);
         return outcome;
     }
 };
 
 } // namespace
 
-TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipeline> &pipeline,
-                           const std::atomic<bool> &cancel, const std::function<void(int percent)> &progress)
+VXResult<TranscodeResult> transcode(const TranscodeRequest &request, std::unique_ptr<Pipeline> &pipeline,
+                                    const VXCancel &cancel, const std::function<void(int percent)> &progress)
 {
     Run run(request, cancel, progress);
-    TranscodeOutcome outcome;
-    if (cancel.load() || !run.prepare(pipeline))
+    TranscodeResult outcome;
+    if (cancel.isCancelled() || !run.prepare(pipeline))
         return run.end(outcome);
     Pipeline &p = *run.p;
     AVFormatContext *out = p.output.get();
@@ -327,10 +326,8 @@ TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipe
     }
 
     auto packet = makePacket();
-    if (!packet) {
-        run.fail(QStringLiteral("out of memory"));
+    if (!packet && !run.fail(QStringLiteral("out of memory")))
         return run.end(outcome);
-    }
     std::thread writer([&run] { run.write(); });
     bool ok = true;
     while (ok && !run.stopping() && (err = av_read_frame(p.input.get(), packet.get())) >= 0) {
@@ -377,10 +374,13 @@ TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipe
     for (size_t l = 1; l < run.lanes.size(); ++l)
         if (run.lanes[l].meter)
             outcome.otherAudio[p.lanes[l]->inIndex] = run.lanes[l].meter->finish();
-    if (request.measureOutput >= 0 && !cancel.load()) {
-        QString why;
-        if (!VXMeasureFile(request.output, request.measureOutput, &outcome.output, &why))
-            run.fail(QStringLiteral("cannot measure the result: %1").arg(why));
+    if (request.measureOutput >= 0 && !cancel.isCancelled()) {
+        // Here, whatever backend the program uses: this runs in process.
+        const auto measured = inProcessBackend().measure(request.output, request.measureOutput, nullptr, {});
+        if (measured)
+            outcome.output = measured->loudness;
+        else
+            run.fail(QStringLiteral("cannot measure the result: %1").arg(measured.reason()));
     }
     return run.end(outcome);
 }
