@@ -10,6 +10,7 @@ extern "C" {
 
 #include <QDir>
 #include <QFile>
+#include <QTemporaryDir>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
@@ -29,26 +30,11 @@ namespace {
 // The logs live in a folder of this process's own, mode 0700, so no other
 // user can plant a link where a log will be written: the one the program
 // names (its private temporary directory, which later runs sweep when this
-// one is killed), else one made by mkdtemp, emptied as filters go and
-// removed at exit. Chosen only when a log is first asked for, so a worker
+// one is killed), else a QTemporaryDir, emptied as filters go and removed
+// at exit. Chosen only when a log is first asked for, so a worker
 // child, whose filters' print-outs travel over its pipe, makes none.
 std::mutex logFolderLock;
 QString namedLogFolder;
-
-struct LogFolder {
-    QByteArray path;
-    LogFolder()
-    {
-        QByteArray pattern = QFile::encodeName(QDir::tempPath()) + "/evenloud-log-XXXXXX";
-        if (::mkdtemp(pattern.data()))
-            path = pattern;
-    }
-    ~LogFolder()
-    {
-        if (!path.isEmpty())
-            ::rmdir(path.constData());
-    }
-};
 
 QString freshLogPath()
 {
@@ -59,8 +45,8 @@ QString freshLogPath()
         if (!namedLogFolder.isEmpty())
             return QDir(namedLogFolder).filePath(name);
     }
-    static LogFolder folder;
-    return QDir(folder.path.isEmpty() ? QDir::tempPath() : QFile::decodeName(folder.path)).filePath(name);
+    static const QTemporaryDir folder(QDir::tempPath() + QStringLiteral("/evenloud-log-XXXXXX"));
+    return QDir(folder.isValid() ? folder.path() : QDir::tempPath()).filePath(name);
 }
 
 // Option strings for libav: floats with enough digits to round-trip, bools

@@ -4,6 +4,7 @@
 // per audio stream that is decoded and encoded again, the output with every
 // other stream copied, in the input's order.
 
+#include "engine/codec/VXError.h"
 #include "engine/codec/VXLibav.h"
 
 #include <QString>
@@ -60,7 +61,7 @@ struct Pipeline {
     // The other audio streams a lane could be opened for, by input index.
     std::vector<int> otherAudioStreams() const;
     // decoder -> filters -> back to the encoder's rate, format and layout.
-    bool buildGraph(Lane &lane, const std::vector<std::shared_ptr<VXFilter>> &filters, QString *why);
+    VXResult<> buildGraph(Lane &lane, const std::vector<std::shared_ptr<VXFilter>> &filters);
     // Frees the graphs (filters print their records now), then stops routing
     // their messages.
     void releaseGraph();

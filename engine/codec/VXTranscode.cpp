@@ -117,8 +117,8 @@ struct Run {
             Lane &lane = *p->lanes[l];
             const auto own = request.streamFilters.find(lane.inIndex);
             const auto &filters = l == 0 ? request.filters : own == request.streamFilters.end() ? none : own->second;
-            if (!p->buildGraph(lane, filters, &why))
-                return fail(why);
+            if (const VXResult<> built = p->buildGraph(lane, filters); !built)
+                return fail(built.reason());
             lanes[l].clamp = !isLossless(lane.encoder->codec_id);
             if (l > 0 && request.measureOthers)
                 lanes[l].meter = std::make_unique<VXFrameMeter>(true);
