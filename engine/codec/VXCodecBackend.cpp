@@ -19,12 +19,9 @@ class InProcessBackend final : public CodecBackend {
 public:
     VXResult<std::unique_ptr<Pipeline>> open(const QString &input, const QString &output) const override
     {
-        QString why;
-        std::unique_ptr<Pipeline> pipeline = Pipeline::open(input, output, &why);
-        if (!pipeline) {
-            VXLog(QStringLiteral("Cannot transcode %1: %2").arg(input, why));
-            return VXError::because(why);
-        }
+        VXResult<std::unique_ptr<Pipeline>> pipeline = Pipeline::open(input, output);
+        if (!pipeline)
+            VXLog(QStringLiteral("Cannot transcode %1: %2").arg(input, pipeline.reason()));
         return pipeline;
     }
 

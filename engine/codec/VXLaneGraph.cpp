@@ -117,11 +117,12 @@ VXResult<> Pipeline::buildGraph(Lane &lane, const std::vector<std::shared_ptr<VX
     AVFilterContext *last = lane.source;
     for (size_t i = 0; i < filters.size(); ++i) {
         const QByteArray name = "vxfilter" + QByteArray::number(qulonglong(i));
-        QString why;
-        AVFilterContext *ctx = VXFilterAccess::instantiate(*filters[i], graph, last, decoder->sample_rate,
-                                                           highPrecision, name.constData(), &why);
-        if (!ctx)
-            return VXError::because(why);
+        const VXResult<AVFilterContext *> made = VXFilterAccess::instantiate(*filters[i], graph, last,
+                                                                             decoder->sample_rate, highPrecision,
+                                                                             name.constData());
+        if (!made)
+            return made.error();
+        AVFilterContext *ctx = *made;
         auto state = VXFilterAccess::logState(*filters[i]);
         state->clearPending();
         registerLogContext(ctx, state);

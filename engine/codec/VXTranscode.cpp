@@ -94,21 +94,24 @@ struct Run {
     // The lanes: one for the main stream, one for each further audio stream
     // to be filtered or measured (the file is opened again for those, as its
     // output streams are fixed once opened); each with its graph.
+    bool reopen(std::unique_ptr<Pipeline> &pipeline, const std::vector<int> &more = {})
+    {
+        pipeline.reset();
+        VXResult<std::unique_ptr<Pipeline>> opened = Pipeline::open(request.input, request.output, more);
+        return opened ? bool(pipeline = std::move(*opened)) : fail(opened.reason());
+    }
+
     bool prepare(std::unique_ptr<Pipeline> &pipeline)
     {
-        QString why;
-        if (!pipeline && !(pipeline = Pipeline::open(request.input, request.output, &why)))
-            return fail(why);
+        if (!pipeline && !reopen(pipeline))
+            return false;
         if (request.measureOthers || !request.streamFilters.empty()) {
             std::vector<int> more;
             for (const int index : pipeline->otherAudioStreams())
                 if (request.measureOthers || request.streamFilters.count(index))
                     more.push_back(index);
-            if (!more.empty()) {
-                pipeline.reset();
-                if (!(pipeline = Pipeline::open(request.input, request.output, &why, more)))
-                    return fail(why);
-            }
+            if (!more.empty() && !reopen(pipeline, more))
+                return false;
         }
         p = pipeline.get();
         lanes.resize(p->lanes.size());
@@ -320,10 +323,8 @@ VXResult<TranscodeResult> transcode(const TranscodeRequest &request, std::unique
     Pipeline &p = *run.p;
     AVFormatContext *out = p.output.get();
     int err = avformat_write_header(out, nullptr);
-    if (err < 0) {
-        run.fail(QStringLiteral("writing the header: %1").arg(errorString(err)));
+    if (err < 0 && !run.fail(QStringLiteral("writing the header: %1").arg(errorString(err))))
         return run.end(outcome);
-    }
 
     auto packet = makePacket();
     if (!packet && !run.fail(QStringLiteral("out of memory")))
@@ -359,10 +360,8 @@ VXResult<TranscodeResult> transcode(const TranscodeRequest &request, std::unique
     if (run.stopping())
         return run.end(outcome);
 
-    if ((err = av_write_trailer(out)) < 0) {
-        run.fail(QStringLiteral("writing the trailer: %1").arg(errorString(err)));
+    if ((err = av_write_trailer(out)) < 0 && !run.fail(QStringLiteral("writing the trailer: %1").arg(errorString(err))))
         return run.end(outcome);
-    }
     // Closed before the end: the caller moves the file next.
     if (!(out->oformat->flags & AVFMT_NOFILE))
         avio_closep(&out->pb);

@@ -226,16 +226,17 @@ VXResult<WorkerReport> WorkerRun::run(const WorkerHandlers &handlers)
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) < 0)
         return startError();
-    QString why;
+    VXResult<quint64> started = VXCancelledError();
     {
         std::lock_guard<std::mutex> guard(m_lock);
         if (!m_cancelled.load())
-            m_id = Zygote::instance().start(withTestSeam(m_arguments), m_cpuSeconds, fds[1], &why);
+            started = Zygote::instance().start(withTestSeam(m_arguments), m_cpuSeconds, fds[1]);
+        m_id = started.valueOr(0);
     }
     ::close(fds[1]);
     if (!m_id) {
         ::close(fds[0]);
-        return m_cancelled.load() ? VXCancelledError() : VXError::because(why);
+        return m_cancelled.load() ? VXCancelledError() : started.error();
     }
     ReportReader reader(handlers);
     reader.read(fds[0], true);
@@ -283,13 +284,13 @@ VXResult<> WorkerSession::startChild()
     // The session's own CPU limit only bounds its life (its runs are
     // limited one by one): an hour is far more than its runs take.
     const QStringList serve{QStringLiteral("serve"), QString::number(int(std::ceil(m_cpuSeconds)))};
-    QString why;
-    m_id = Zygote::instance().start(serve, 3600, sv[1], &why);
+    const VXResult<quint64> started = Zygote::instance().start(serve, 3600, sv[1]);
     ::close(sv[1]);
-    if (!m_id) {
+    if (!started) {
         ::close(sv[0]);
-        return VXError::because(why);
+        return started.error();
     }
+    m_id = *started;
     m_fd = sv[0];
     return {};
 }

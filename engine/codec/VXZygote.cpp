@@ -47,11 +47,12 @@ Zygote &Zygote::instance()
     return *z;
 }
 
-quint64 Zygote::start(const QStringList &args, double cpuSeconds, int reportFd, QString *why)
+VXResult<quint64> Zygote::start(const QStringList &args, double cpuSeconds, int reportFd)
 {
     std::lock_guard<std::mutex> guard(m_lock);
-    if (m_sock < 0 && !launch(why))
-        return 0;
+    if (m_sock < 0)
+        if (VXResult<> launched = launch(); !launched)
+            return launched.error();
     const quint64 id = m_next++;
     QCborMap request = message("run");
     request.insert(QLatin1String("id"), qint64(id));
@@ -59,12 +60,10 @@ quint64 Zygote::start(const QStringList &args, double cpuSeconds, int reportFd, 
     request.insert(QLatin1String("args"), toCbor(args));
     const QByteArray frame = encodeFrame(request);
     if (size_t(frame.size()) > kWorkerMaxRequest) {
-        *why = QStringLiteral("cannot reach the worker: %1").arg(QString::fromLocal8Bit(strerror(EMSGSIZE)));
-        return 0;
+        return VXError::because(QStringLiteral("cannot reach the worker: %1").arg(QString::fromLocal8Bit(strerror(EMSGSIZE))));
     }
     if (sendRequest(m_sock, frame.constData(), size_t(frame.size()), reportFd) < 0) {
-        *why = QStringLiteral("cannot reach the worker: %1").arg(QString::fromLocal8Bit(strerror(errno)));
-        return 0;
+        return VXError::because(QStringLiteral("cannot reach the worker: %1").arg(QString::fromLocal8Bit(strerror(errno))));
     }
     m_running.emplace(id, kRunning);
     return id;
@@ -73,9 +72,9 @@ quint64 Zygote::start(const QStringList &args, double cpuSeconds, int reportFd, 
 void Zygote::warmUp()
 {
     std::lock_guard<std::mutex> guard(m_lock);
-    QString why;
-    if (m_sock < 0 && !launch(&why))
-        VXLog(why);
+    if (m_sock < 0)
+        if (VXResult<> launched = launch(); !launched)
+            VXLog(launched.reason());
 }
 
 void Zygote::kill(quint64 id)
@@ -97,12 +96,11 @@ int Zygote::wait(quint64 id)
     return status;
 }
 
-bool Zygote::launch(QString *why)
+VXResult<> Zygote::launch()
 {
     int sv[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) < 0) {
-        *why = QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno)));
-        return false;
+        return VXError::because(QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno))));
     }
     const QByteArray path = QFile::encodeName(workerProgram());
     char *argv[] = {const_cast<char *>(path.constData()), nullptr};
@@ -116,13 +114,12 @@ bool Zygote::launch(QString *why)
     ::close(sv[1]);
     if (err) {
         ::close(sv[0]);
-        *why = QStringLiteral("cannot start %1: %2").arg(QString::fromLocal8Bit(path),
-                                                          QString::fromLocal8Bit(strerror(err)));
-        return false;
+        return VXError::because(QStringLiteral("cannot start %1: %2").arg(QString::fromLocal8Bit(path),
+                                                                           QString::fromLocal8Bit(strerror(err))));
     }
     m_sock = sv[0];
     std::thread([this, sock = sv[0], pid] { readEnds(sock, pid); }).detach();
-    return true;
+    return {};
 }
 
 void Zygote::readEnds(int sock, pid_t pid)
