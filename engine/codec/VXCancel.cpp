@@ -53,3 +53,12 @@ void VXCancel::Stopper::release()
     m_cancel->m_stoppers.erase(m_it);
     m_cancel = nullptr;
 }
+
+VXError VXCancelledError()
+{
+    VXError e = VXError::because(QStringLiteral("cancelled"));
+    e.domain = QStringLiteral("VXCancel");
+    return e;
+}
+
+bool VXIsCancelled(const VXError &error) { return error.domain == QLatin1String("VXCancel"); }

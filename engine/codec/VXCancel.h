@@ -5,6 +5,8 @@
 // to kill, a wait to wake), called by cancel() on the cancelling thread. One
 // cancel may stop several works at a time (a batch's files).
 
+#include "engine/codec/VXError.h"
+
 #include <atomic>
 #include <functional>
 #include <list>
@@ -56,3 +58,8 @@ private:
     mutable std::mutex m_lock;
     mutable Stoppers m_stoppers;
 };
+
+// The error of a work that its cancel stopped ("cancelled"), and the test
+// for it: a cancel is no failure to report.
+VXError VXCancelledError();
+bool VXIsCancelled(const VXError &error);

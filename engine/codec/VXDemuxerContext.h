@@ -42,7 +42,6 @@ public:
 
 private:
     VXDemuxerContext();
-    static std::unique_ptr<VXDemuxerContext> initInWorker(const QString &path, VXError &err);
     struct Private;
     std::unique_ptr<Private> d;
 };

@@ -10,6 +10,7 @@ extern "C" {
 
 #include <QDir>
 #include <QFile>
+#include <QTemporaryDir>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
@@ -29,26 +30,11 @@ namespace {
 // The logs live in a folder of this process's own, mode 0700, so no other
 // user can plant a link where a log will be written: the one the program
 // names (its private temporary directory, which later runs sweep when this
-// one is killed), else one made by mkdtemp, emptied as filters go and
-// removed at exit. Chosen only when a log is first asked for, so a worker
+// one is killed), else a QTemporaryDir, emptied as filters go and removed
+// at exit. Chosen only when a log is first asked for, so a worker
 // child, whose filters' print-outs travel over its pipe, makes none.
 std::mutex logFolderLock;
 QString namedLogFolder;
-
-struct LogFolder {
-    QByteArray path;
-    LogFolder()
-    {
-        QByteArray pattern = QFile::encodeName(QDir::tempPath()) + "/evenloud-log-XXXXXX";
-        if (::mkdtemp(pattern.data()))
-            path = pattern;
-    }
-    ~LogFolder()
-    {
-        if (!path.isEmpty())
-            ::rmdir(path.constData());
-    }
-};
 
 QString freshLogPath()
 {
@@ -59,8 +45,8 @@ QString freshLogPath()
         if (!namedLogFolder.isEmpty())
             return QDir(namedLogFolder).filePath(name);
     }
-    static LogFolder folder;
-    return QDir(folder.path.isEmpty() ? QDir::tempPath() : QFile::decodeName(folder.path)).filePath(name);
+    static const QTemporaryDir folder(QDir::tempPath() + QStringLiteral("/evenloud-log-XXXXXX"));
+    return QDir(folder.isValid() ? folder.path() : QDir::tempPath()).filePath(name);
 }
 
 // Option strings for libav: floats with enough digits to round-trip, bools
@@ -206,18 +192,18 @@ std::optional<VXGainPlan> planFor(const QMap<QString, QVariant> &attributes)
     return plan;
 }
 
-AVFilterContext *createLinked(AVFilterGraph *graph, AVFilterContext *upstream, const char *filter,
-                              const QByteArray &instanceName, const QByteArray &args, QString *error)
+using Instance = VXResult<AVFilterContext *>;
+
+Instance createLinked(AVFilterGraph *graph, AVFilterContext *upstream, const char *filter,
+                      const QByteArray &instanceName, const QByteArray &args)
 {
     AVFilterContext *ctx = nullptr;
     int err = avfilter_graph_create_filter(&ctx, avfilter_get_by_name(filter), instanceName.constData(),
                                            args.constData(), nullptr, graph);
     if (err >= 0)
         err = avfilter_link(upstream, 0, ctx, 0);
-    if (err < 0) {
-        *error = QStringLiteral("%1: %2").arg(QLatin1String(filter), vx::errorString(err));
-        return nullptr;
-    }
+    if (err < 0)
+        return VXError::because(QStringLiteral("%1: %2").arg(QLatin1String(filter), vx::errorString(err)));
     return ctx;
 }
 
@@ -225,28 +211,27 @@ AVFilterContext *createLinked(AVFilterGraph *graph, AVFilterContext *upstream, c
 // trip through 192 kHz. Limited mode then oversamples to about 192 kHz, so
 // the limiter sees the peaks between samples, and holds them under the
 // ceiling with look-ahead; the graph's resampler brings the rate back.
-AVFilterContext *linearChain(const VXGainPlan &plan, double ceiling, AVFilterGraph *graph,
-                             AVFilterContext *upstream, int sampleRate, bool highPrecision,
-                             const QByteArray &name, QString *error)
+Instance linearChain(const VXGainPlan &plan, double ceiling, AVFilterGraph *graph, AVFilterContext *upstream,
+                     int sampleRate, bool highPrecision, const QByteArray &name)
 {
     const QByteArray volume = "volume=" + QByteArray::number(plan.gainDb, 'g', 17) + "dB:precision="
         + (highPrecision ? "double" : "float");
-    AVFilterContext *last = createLinked(graph, upstream, "volume", name, volume, error);
+    Instance last = createLinked(graph, upstream, "volume", name, volume);
     if (!last || plan.kind != VXNormalization::Limited)
         return last;
     const int factor = std::max(1, (176400 + sampleRate - 1) / std::max(sampleRate, 1));
     if (factor > 1) {
         const QByteArray up = "out_sample_rate=" + QByteArray::number(sampleRate * factor)
             + ":resampler=soxr:precision=28";
-        if (!(last = createLinked(graph, last, "aresample", name + "-up", up, error)))
-            return nullptr;
+        if (!(last = createLinked(graph, *last, "aresample", name + "-up", up)))
+            return last;
     }
     // A little under the ceiling: the way back to the file's rate may add a
     // few hundredths of a dB between samples.
     const double limit = std::pow(10.0, (ceiling - 0.2) / 20.0);
     const QByteArray limiter = "limit=" + QByteArray::number(std::max(limit, 0.0625), 'g', 9)
         + ":attack=5:release=80:level=false:latency=true";
-    return createLinked(graph, last, "alimiter", name + "-limit", limiter, error);
+    return createLinked(graph, *last, "alimiter", name + "-limit", limiter);
 }
 
 } // namespace
@@ -319,16 +304,16 @@ QString VXNormalizationName(VXNormalization kind)
     return {};
 }
 
-AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGraph *graph, AVFilterContext *upstream,
-                                             int sampleRate, bool highPrecision, const char *instanceName,
-                                             QString *error)
+VXResult<AVFilterContext *> VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGraph *graph,
+                                                        AVFilterContext *upstream, int sampleRate,
+                                                        bool highPrecision, const char *instanceName)
 {
     const QByteArray name = filter.name().toUtf8();
     const QMap<QString, QVariant> attributes = filter.attributes();
 
-    auto passThrough = [&](const QString &why) -> AVFilterContext * {
+    auto passThrough = [&](const QString &why) {
         VXLog(QStringLiteral("%1: %2; the level is left unchanged").arg(filter.name(), why));
-        return createLinked(graph, upstream, "anull", instanceName, {}, error);
+        return createLinked(graph, upstream, "anull", instanceName, {});
     };
 
     for (auto it = attributes.begin(); it != attributes.end(); ++it) {
@@ -338,15 +323,13 @@ AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGra
     if (name == VXALoudnormName) {
         if (const auto plan = planFor(attributes)) {
             const double ceiling = attributeNumber(attributes, kVXATruePeakTarget, VXDefaultTruePeakTarget);
-            return linearChain(*plan, ceiling, graph, upstream, sampleRate, highPrecision, instanceName, error);
+            return linearChain(*plan, ceiling, graph, upstream, sampleRate, highPrecision, instanceName);
         }
     }
 
     AVFilterContext *ctx = avfilter_graph_alloc_filter(graph, avfilter_get_by_name(name.constData()), instanceName);
-    if (!ctx) {
-        *error = QStringLiteral("cannot create filter %1").arg(filter.name());
-        return nullptr;
-    }
+    if (!ctx)
+        return VXError::because(QStringLiteral("cannot create filter %1").arg(filter.name()));
     for (auto it = attributes.begin(); it != attributes.end(); ++it) {
         if (it.key() == QLatin1String(kVXALimitPeaks) || it.key() == QLatin1String(kVXAMeter)
             || it.key() == QLatin1String(kVXADualMono))
@@ -358,17 +341,14 @@ AVFilterContext *VXFilterAccess::instantiate(const VXFilter &filter, AVFilterGra
             return passThrough(QStringLiteral("%1 %2 is out of range").arg(it.key(), it.value().toString()));
         }
         if (err < 0) {
-            *error = QStringLiteral("%1=%2: %3").arg(it.key(), it.value().toString(), vx::errorString(err));
             avfilter_free(ctx);
-            return nullptr;
+            return VXError::because(QStringLiteral("%1=%2: %3").arg(it.key(), it.value().toString(), vx::errorString(err)));
         }
     }
     int err = avfilter_init_str(ctx, nullptr);
     if (err >= 0)
         err = avfilter_link(upstream, 0, ctx, 0);
-    if (err < 0) {
-        *error = vx::errorString(err);
-        return nullptr;  // the graph owns ctx now and frees it
-    }
+    if (err < 0)
+        return VXError::because(vx::errorString(err));  // the graph owns ctx now and frees it
     return ctx;
 }

@@ -3,6 +3,7 @@
 // What the transcoding needs of a filter beyond its public interface: an
 // instance in a graph, and the sink its print-out is routed to.
 
+#include "engine/codec/VXError.h"
 #include "engine/codec/VXFilter.h"
 #include "engine/codec/VXLibav.h"
 #include "engine/codec/VXLoudnessMeter.h"
@@ -33,11 +34,11 @@ struct VXFilterAccess {
     // upstream, linked to it; returns the last one. Linear mode is a gain
     // (and a limiter) at the input's rate; when the attributes carry
     // measurements that cannot be used (a silent first pass prints "-inf"),
-    // it is a pass-through so the level stays as it is. nullptr with *error
-    // filled when the attributes are refused.
-    static AVFilterContext *instantiate(const VXFilter &filter, AVFilterGraph *graph, AVFilterContext *upstream,
-                                        int sampleRate, bool highPrecision, const char *instanceName,
-                                        QString *error);
+    // it is a pass-through so the level stays as it is. The reason when the
+    // attributes are refused.
+    static VXResult<AVFilterContext *> instantiate(const VXFilter &filter, AVFilterGraph *graph,
+                                                   AVFilterContext *upstream, int sampleRate, bool highPrecision,
+                                                   const char *instanceName);
     static std::shared_ptr<VXFilterLogState> logState(const VXFilter &filter);
     // An attribute's value as the filter's option string spells it.
     static QByteArray optionText(const QVariant &value);

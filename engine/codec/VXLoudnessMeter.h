@@ -90,9 +90,6 @@ bool VXLoudnormWeighsAlike(const AVChannelLayout &layout, bool dualMono = false)
 bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why,
                    const VXCancel *cancel = nullptr, std::map<int, VXLoudness> *others = nullptr);
 
-// The figures beyond integrated, true peak and range, as the worker's
-// measure command prints them for VXMeasureFile to read back.
-QByteArray VXCurvePrintOut(const VXLoudness &loudness);
 
 // The tracks of an album, each measured with its true peak, and the album:
 // integrated loudness and range over every track's gated blocks together,
@@ -109,5 +106,3 @@ struct VXAlbumLoudness {
 // measured.
 bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why,
                     const VXCancel *cancel = nullptr, int flags = 0);
-// The worker's measure-album print-out, for VXMeasureAlbum to read back.
-QByteArray VXAlbumPrintOut(const VXAlbumLoudness &album);

@@ -1,8 +1,9 @@
 #pragma once
 
-// The measuring loop itself, for the codec layer's own callers: the worker's
-// measure command and a transcoding whose loudness filter only measures.
+// The measuring loop itself, in this process: the in-process backend's
+// measure and measureAlbum, and a transcoding that measures its result.
 
+#include "engine/codec/VXCodecBackend.h"
 #include "engine/codec/VXLoudnessMeter.h"
 
 #include <functional>
@@ -11,17 +12,17 @@ class VXCancel;
 
 namespace vx {
 
-// Measures here, in this process, as VXMeasureFile describes. progress, when
-// given, hears 0..99 as the best stream is read, then 100 once the figures
-// are in; keep, when given, receives the best stream's meter with its state,
-// for figures over several files.
-bool measureHere(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
-                 std::map<int, VXLoudness> *others, const std::function<void(int)> &progress = {},
-                 std::unique_ptr<VXFrameMeter> *keep = nullptr);
+// Measures as VXMeasureFile describes. progress, when given, hears 0..99 as
+// the best stream is read, then 100 once the figures are in; keep, when
+// given, receives the best stream's meter with its state, for figures over
+// several files.
+VXResult<Measurement> measureHere(const QString &path, int flags, const VXCancel *cancel,
+                                  const std::function<void(int)> &progress = {},
+                                  std::unique_ptr<VXFrameMeter> *keep = nullptr);
 
-// VXMeasureFile with progress as measureHere reports it, from the worker
-// child when there is one.
-bool measure(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
-             std::map<int, VXLoudness> *others, const std::function<void(int)> &progress);
+// Every track, then the album's figure over their meters together; a track
+// that fails has its reason, and the album stays unmeasured when none
+// measures. Fails only when cancelled.
+VXResult<VXAlbumLoudness> measureAlbumHere(const QStringList &paths, int flags, const VXCancel *cancel);
 
 } // namespace vx

@@ -93,54 +93,46 @@ bool copyChapters(const AVFormatContext *in, AVFormatContext *out)
 
 } // namespace
 
-std::unique_ptr<Pipeline> Pipeline::open(const QString &inPath, const QString &outPath, QString *why,
-                                         const std::vector<int> &moreAudio)
+VXResult<std::unique_ptr<Pipeline>> Pipeline::open(const QString &inPath, const QString &outPath,
+                                                   const std::vector<int> &moreAudio)
 {
     auto p = std::make_unique<Pipeline>();
+    QString why;
     int code = 0;
-    p->input = openInput(inPath, why, &code);
+    p->input = openInput(inPath, &why, &code);
     if (!p->input)
-        return nullptr;
-    if (hasDrmHeader(inPath) || hasDrmStream(p->input.get())) {
-        *why = QStringLiteral("DRM-protected");
-        return nullptr;
-    }
+        return VXError::because(why, code);
+    if (hasDrmHeader(inPath) || hasDrmStream(p->input.get()))
+        return VXError::because(QStringLiteral("DRM-protected"));
     const int best = av_find_best_stream(p->input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-    if (best < 0) {
-        *why = QStringLiteral("no decodable audio stream");
-        return nullptr;
-    }
+    if (best < 0)
+        return VXError::because(QStringLiteral("no decodable audio stream"));
     p->durationUs = int64_t(headerLength(p->input.get(), best));
 
     AVFormatContext *raw = nullptr;
     const int err = avformat_alloc_output_context2(&raw, nullptr, nullptr, QFile::encodeName(outPath).constData());
-    if (err < 0 || !raw) {
-        *why = QStringLiteral("no muxer for %1: %2").arg(outPath, errorString(err));
-        return nullptr;
-    }
+    if (err < 0 || !raw)
+        return VXError::because(QStringLiteral("no muxer for %1: %2").arg(outPath, errorString(err)));
     p->output.reset(raw);
     p->laneOf.assign(p->input->nb_streams, -1);
-    if (!p->openLane(best, inPath, why))
-        return nullptr;
+    if (VXResult<> lane = p->openLane(best, inPath); !lane)
+        return lane.error();
     for (const int index : moreAudio) {
-        QString skipped;
-        if (index != best && index >= 0 && unsigned(index) < p->input->nb_streams && !p->openLane(index, inPath, &skipped))
-            VXLog(QStringLiteral("Audio stream %1 of %2 is copied unchanged: %3").arg(index).arg(inPath, skipped));
+        if (index == best || index < 0 || unsigned(index) >= p->input->nb_streams)
+            continue;
+        if (VXResult<> lane = p->openLane(index, inPath); !lane)
+            VXLog(QStringLiteral("Audio stream %1 of %2 is copied unchanged: %3").arg(index).arg(inPath, lane.reason()));
     }
-    if (!p->mapStreams(why))
-        return nullptr;
+    if (VXResult<> mapped = p->mapStreams(); !mapped)
+        return mapped.error();
     av_dict_copy(&p->output->metadata, p->input->metadata, 0);
     dropLoudnessTags(&p->output->metadata);
-    if (!copyChapters(p->input.get(), p->output.get())) {
-        *why = QStringLiteral("out of memory");
-        return nullptr;
-    }
+    if (!copyChapters(p->input.get(), p->output.get()))
+        return VXError::because(QStringLiteral("out of memory"));
     if (!(p->output->oformat->flags & AVFMT_NOFILE)) {
         const int e = avio_open(&p->output->pb, QFile::encodeName(outPath).constData(), AVIO_FLAG_WRITE);
-        if (e < 0) {
-            *why = QStringLiteral("cannot write %1: %2").arg(outPath, errorString(e));
-            return nullptr;
-        }
+        if (e < 0)
+            return VXError::because(QStringLiteral("cannot write %1: %2").arg(outPath, errorString(e)));
     }
     // A file prepared for streaming stays so: the muxer then moves its index
     // to the front once the media data is written.
@@ -149,10 +141,8 @@ std::unique_ptr<Pipeline> Pipeline::open(const QString &inPath, const QString &o
         av_dict_set(&options, "movflags", "+faststart", 0);
     const int e = avformat_init_output(p->output.get(), &options);
     av_dict_free(&options);
-    if (e < 0) {
-        *why = QStringLiteral("the %1 muxer refuses the streams: %2").arg(p->output->oformat->name, errorString(e));
-        return nullptr;
-    }
+    if (e < 0)
+        return VXError::because(QStringLiteral("the %1 muxer refuses the streams: %2").arg(p->output->oformat->name, errorString(e)));
     return p;
 }
 
@@ -172,46 +162,34 @@ std::vector<int> Pipeline::otherAudioStreams() const
 
 // A decoder and an encoder of the same codec for the stream; its output
 // stream is made in mapStreams, in the input's order.
-bool Pipeline::openLane(int index, const QString &inPath, QString *why)
+VXResult<> Pipeline::openLane(int index, const QString &inPath)
 {
     auto lane = std::make_unique<Lane>();
     lane->inIndex = index;
     const AVStream *ist = input->streams[index];
     const AVCodecID id = ist->codecpar->codec_id;
     const AVCodec *decoderCodec = avcodec_find_decoder(id);
-    if (!decoderCodec) {
-        *why = QStringLiteral("no decoder for %1").arg(avcodec_get_name(id));
-        return false;
-    }
+    if (!decoderCodec)
+        return VXError::because(QStringLiteral("no decoder for %1").arg(avcodec_get_name(id)));
     lane->decoder.reset(avcodec_alloc_context3(decoderCodec));
-    if (!lane->decoder || avcodec_parameters_to_context(lane->decoder.get(), ist->codecpar) < 0) {
-        *why = QStringLiteral("out of memory");
-        return false;
-    }
+    if (!lane->decoder || avcodec_parameters_to_context(lane->decoder.get(), ist->codecpar) < 0)
+        return VXError::because(QStringLiteral("out of memory"));
     AVCodecContext *dec = lane->decoder.get();
     dec->pkt_timebase = ist->time_base;
     int err = avcodec_open2(dec, decoderCodec, nullptr);
-    if (err < 0) {
-        *why = QStringLiteral("cannot open the decoder: %1").arg(errorString(err));
-        return false;
-    }
+    if (err < 0)
+        return VXError::because(QStringLiteral("cannot open the decoder: %1").arg(errorString(err)));
 
     const AVCodec *codec = findEncoder(id);
-    if (!codec) {
-        *why = QStringLiteral("no encoder for %1").arg(avcodec_get_name(id));
-        return false;
-    }
+    if (!codec)
+        return VXError::because(QStringLiteral("no encoder for %1").arg(avcodec_get_name(id)));
     lane->encoder.reset(avcodec_alloc_context3(codec));
-    if (!lane->encoder) {
-        *why = QStringLiteral("out of memory");
-        return false;
-    }
+    if (!lane->encoder)
+        return VXError::because(QStringLiteral("out of memory"));
     AVCodecContext *enc = lane->encoder.get();
     enc->sample_rate = chooseSampleRate(codec, dec->sample_rate);
-    if (!chooseLayout(codec, dec->ch_layout, &enc->ch_layout)) {
-        *why = QStringLiteral("%1 cannot encode %2 channels").arg(codec->name).arg(dec->ch_layout.nb_channels);
-        return false;
-    }
+    if (!chooseLayout(codec, dec->ch_layout, &enc->ch_layout))
+        return VXError::because(QStringLiteral("%1 cannot encode %2 channels").arg(codec->name).arg(dec->ch_layout.nb_channels));
     enc->sample_fmt = chooseSampleFormat(codec, dec->sample_fmt);
     enc->time_base = AVRational{1, enc->sample_rate};
     if (isLossless(id)) {
@@ -225,18 +203,16 @@ bool Pipeline::openLane(int index, const QString &inPath, QString *why)
     if (output->oformat->flags & AVFMT_GLOBALHEADER)
         enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     err = avcodec_open2(enc, codec, nullptr);
-    if (err < 0) {
-        *why = QStringLiteral("cannot open the %1 encoder: %2").arg(codec->name, errorString(err));
-        return false;
-    }
+    if (err < 0)
+        return VXError::because(QStringLiteral("cannot open the %1 encoder: %2").arg(codec->name, errorString(err)));
     laneOf[size_t(index)] = int(lanes.size());
     lanes.push_back(std::move(lane));
-    return true;
+    return {};
 }
 
 // Output streams in the input's order, each with the input's disposition:
 // players pick the same default track, and the file reads as it did.
-bool Pipeline::mapStreams(QString *why)
+VXResult<> Pipeline::mapStreams()
 {
     streamMap.assign(input->nb_streams, -1);
     const AVOutputFormat *format = output->oformat;
@@ -246,10 +222,8 @@ bool Pipeline::mapStreams(QString *why)
         if (const int l = laneOf[i]; l >= 0) {
             Lane &lane = *lanes[size_t(l)];
             AVStream *ost = avformat_new_stream(output.get(), nullptr);
-            if (!ost || avcodec_parameters_from_context(ost->codecpar, lane.encoder.get()) < 0) {
-                *why = QStringLiteral("out of memory");
-                return false;
-            }
+            if (!ost || avcodec_parameters_from_context(ost->codecpar, lane.encoder.get()) < 0)
+                return VXError::because(QStringLiteral("out of memory"));
             ost->time_base = lane.encoder->time_base;
             ost->disposition = ist->disposition;
             av_dict_copy(&ost->metadata, ist->metadata, 0);
@@ -291,7 +265,7 @@ bool Pipeline::mapStreams(QString *why)
         if (!comment.isEmpty() && !av_dict_get(audio->metadata, "METADATA_BLOCK_PICTURE", nullptr, 0))
             av_dict_set(&audio->metadata, "METADATA_BLOCK_PICTURE", comment.constData(), 0);
     }
-    return true;
+    return {};
 }
 
 Pipeline::~Pipeline() { releaseGraph(); }

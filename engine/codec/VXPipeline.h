@@ -4,6 +4,7 @@
 // per audio stream that is decoded and encoded again, the output with every
 // other stream copied, in the input's order.
 
+#include "engine/codec/VXError.h"
 #include "engine/codec/VXLibav.h"
 
 #include <QString>
@@ -52,23 +53,23 @@ struct Pipeline {
     std::vector<std::pair<const void *, std::shared_ptr<VXFilterLogState>>> routedLogs;
 
     // Opens everything up to the output's initialisation (the output file is
-    // created); nullptr with a reason when the pair cannot be transcoded.
+    // created); the reason when the pair cannot be transcoded.
     // The audio streams in moreAudio (input indexes) get lanes of their own;
     // a stream that cannot have one is copied.
-    static std::unique_ptr<Pipeline> open(const QString &inPath, const QString &outPath, QString *why,
-                                          const std::vector<int> &moreAudio = {});
+    static VXResult<std::unique_ptr<Pipeline>> open(const QString &inPath, const QString &outPath,
+                                                    const std::vector<int> &moreAudio = {});
     // The other audio streams a lane could be opened for, by input index.
     std::vector<int> otherAudioStreams() const;
     // decoder -> filters -> back to the encoder's rate, format and layout.
-    bool buildGraph(Lane &lane, const std::vector<std::shared_ptr<VXFilter>> &filters, QString *why);
+    VXResult<> buildGraph(Lane &lane, const std::vector<std::shared_ptr<VXFilter>> &filters);
     // Frees the graphs (filters print their records now), then stops routing
     // their messages.
     void releaseGraph();
     ~Pipeline();
 
 private:
-    bool openLane(int index, const QString &inPath, QString *why);
-    bool mapStreams(QString *why);
+    VXResult<> openLane(int index, const QString &inPath);
+    VXResult<> mapStreams();
 };
 
 } // namespace vx

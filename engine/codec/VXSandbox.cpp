@@ -1,6 +1,6 @@
 #include "engine/codec/VXSandbox.h"
 
-#include "engine/codec/VXWorker.h"
+#include "engine/codec/VXWorkerProtocol.h"
 
 #include <QFile>
 

@@ -1,5 +1,6 @@
 #include "engine/codec/VXTranscode.h"
 
+#include "engine/codec/VXCodecBackend.h"
 #include "engine/codec/VXEncoderChoice.h"
 #include "engine/codec/VXFilterPrivate.h"
 #include "engine/codec/VXLog.h"
@@ -62,13 +63,11 @@ struct LaneState {
 
 // The steps of one run; transcode() below strings them together.
 struct Run {
-    Run(const TranscodeRequest &r, const std::atomic<bool> &c, const std::function<void(int)> &f)
-        : request(r), cancel(c), progress(f)
-    {
-    }
+    Run(const TranscodeRequest &r, const VXCancel &c, const std::function<void(int)> &f)
+        : request(r), cancel(c), progress(f) {}
 
     const TranscodeRequest &request;
-    const std::atomic<bool> &cancel;
+    const VXCancel &cancel;
     const std::function<void(int)> &progress;
     Pipeline *p = nullptr;
     std::vector<LaneState> lanes;
@@ -90,26 +89,29 @@ struct Run {
         }
         return false;
     }
-    bool stopping() const { return failed.load() || cancel.load(); }
+    bool stopping() const { return failed.load() || cancel.isCancelled(); }
 
     // The lanes: one for the main stream, one for each further audio stream
     // to be filtered or measured (the file is opened again for those, as its
     // output streams are fixed once opened); each with its graph.
+    bool reopen(std::unique_ptr<Pipeline> &pipeline, const std::vector<int> &more = {})
+    {
+        pipeline.reset();
+        VXResult<std::unique_ptr<Pipeline>> opened = Pipeline::open(request.input, request.output, more);
+        return opened ? bool(pipeline = std::move(*opened)) : fail(opened.reason());
+    }
+
     bool prepare(std::unique_ptr<Pipeline> &pipeline)
     {
-        QString why;
-        if (!pipeline && !(pipeline = Pipeline::open(request.input, request.output, &why)))
-            return fail(why);
+        if (!pipeline && !reopen(pipeline))
+            return false;
         if (request.measureOthers || !request.streamFilters.empty()) {
             std::vector<int> more;
             for (const int index : pipeline->otherAudioStreams())
                 if (request.measureOthers || request.streamFilters.count(index))
                     more.push_back(index);
-            if (!more.empty()) {
-                pipeline.reset();
-                if (!(pipeline = Pipeline::open(request.input, request.output, &why, more)))
-                    return fail(why);
-            }
+            if (!more.empty() && !reopen(pipeline, more))
+                return false;
         }
         p = pipeline.get();
         lanes.resize(p->lanes.size());
@@ -118,8 +120,8 @@ struct Run {
             Lane &lane = *p->lanes[l];
             const auto own = request.streamFilters.find(lane.inIndex);
             const auto &filters = l == 0 ? request.filters : own == request.streamFilters.end() ? none : own->second;
-            if (!p->buildGraph(lane, filters, &why))
-                return fail(why);
+            if (const VXResult<> built = p->buildGraph(lane, filters); !built)
+                return fail(built.reason());
             lanes[l].clamp = !isLossless(lane.encoder->codec_id);
             if (l > 0 && request.measureOthers)
                 lanes[l].meter = std::make_unique<VXFrameMeter>(true);
@@ -299,38 +301,34 @@ struct Run {
         }
     }
 
-    TranscodeOutcome end(TranscodeOutcome outcome)
+    VXResult<TranscodeResult> end(TranscodeResult outcome)
     {
-        outcome.status = cancel.load() ? TranscodeOutcome::Cancelled
-            : failed                   ? TranscodeOutcome::Failed
-                                       : TranscodeOutcome::Completed;
-        outcome.reason = failure;
+        if (cancel.isCancelled())
+            return VXCancelledError();
+        if (failed)
+            return VXError::because(failure);
         return outcome;
     }
 };
 
 } // namespace
 
-TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipeline> &pipeline,
-                           const std::atomic<bool> &cancel, const std::function<void(int percent)> &progress)
+VXResult<TranscodeResult> transcode(const TranscodeRequest &request, std::unique_ptr<Pipeline> &pipeline,
+                                    const VXCancel &cancel, const std::function<void(int percent)> &progress)
 {
     Run run(request, cancel, progress);
-    TranscodeOutcome outcome;
-    if (cancel.load() || !run.prepare(pipeline))
+    TranscodeResult outcome;
+    if (cancel.isCancelled() || !run.prepare(pipeline))
         return run.end(outcome);
     Pipeline &p = *run.p;
     AVFormatContext *out = p.output.get();
     int err = avformat_write_header(out, nullptr);
-    if (err < 0) {
-        run.fail(QStringLiteral("writing the header: %1").arg(errorString(err)));
+    if (err < 0 && !run.fail(QStringLiteral("writing the header: %1").arg(errorString(err))))
         return run.end(outcome);
-    }
 
     auto packet = makePacket();
-    if (!packet) {
-        run.fail(QStringLiteral("out of memory"));
+    if (!packet && !run.fail(QStringLiteral("out of memory")))
         return run.end(outcome);
-    }
     std::thread writer([&run] { run.write(); });
     bool ok = true;
     while (ok && !run.stopping() && (err = av_read_frame(p.input.get(), packet.get())) >= 0) {
@@ -362,10 +360,8 @@ TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipe
     if (run.stopping())
         return run.end(outcome);
 
-    if ((err = av_write_trailer(out)) < 0) {
-        run.fail(QStringLiteral("writing the trailer: %1").arg(errorString(err)));
+    if ((err = av_write_trailer(out)) < 0 && !run.fail(QStringLiteral("writing the trailer: %1").arg(errorString(err))))
         return run.end(outcome);
-    }
     // Closed before the end: the caller moves the file next.
     if (!(out->oformat->flags & AVFMT_NOFILE))
         avio_closep(&out->pb);
@@ -377,10 +373,13 @@ TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipe
     for (size_t l = 1; l < run.lanes.size(); ++l)
         if (run.lanes[l].meter)
             outcome.otherAudio[p.lanes[l]->inIndex] = run.lanes[l].meter->finish();
-    if (request.measureOutput >= 0 && !cancel.load()) {
-        QString why;
-        if (!VXMeasureFile(request.output, request.measureOutput, &outcome.output, &why))
-            run.fail(QStringLiteral("cannot measure the result: %1").arg(why));
+    if (request.measureOutput >= 0 && !cancel.isCancelled()) {
+        // Here, whatever backend the program uses: this runs in process.
+        const auto measured = inProcessBackend().measure(request.output, request.measureOutput, nullptr, {});
+        if (measured)
+            outcome.output = measured->loudness;
+        else
+            run.fail(QStringLiteral("cannot measure the result: %1").arg(measured.reason()));
     }
     return run.end(outcome);
 }

@@ -4,10 +4,11 @@
 // decode, filter, encode, mux, drain. VXTranscoding wraps it for callers that
 // want it on a thread of its own or in a worker process.
 
+#include "engine/codec/VXCancel.h"
+#include "engine/codec/VXError.h"
 #include "engine/codec/VXLoudnessMeter.h"
 
 #include <QString>
-#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -33,10 +34,7 @@ struct TranscodeRequest {
     int measureOutput = -1;  // -1 no, else the VXMeasureFlag bits to measure with
 };
 
-struct TranscodeOutcome {
-    enum Status { Completed, Failed, Cancelled };
-    Status status = Failed;
-    QString reason;                         // when failed
+struct TranscodeResult {
     VXLoudness output;                      // when measureOutput was asked
     VXLoudness input;                       // when measureInput was asked and applied
     std::map<int, VXLoudness> otherAudio;   // when measureOthers was asked
@@ -47,9 +45,10 @@ struct TranscodeOutcome {
 // caller decides when the filters print their records (as they are freed).
 // Progress rises from 0 to 99 as the main stream is encoded (reported from
 // the encoding thread, which ends before this returns), and 100 comes once
-// the file is written and closed. A cancel is polled between packets.
-TranscodeOutcome transcode(const TranscodeRequest &request, std::unique_ptr<Pipeline> &pipeline,
-                           const std::atomic<bool> &cancel, const std::function<void(int percent)> &progress);
+// the file is written and closed. A cancel is polled between packets and
+// ends it with VXCancelledError().
+VXResult<TranscodeResult> transcode(const TranscodeRequest &request, std::unique_ptr<Pipeline> &pipeline,
+                                    const VXCancel &cancel, const std::function<void(int percent)> &progress);
 
 // Called once from each program's main(), before any codec work.
 void configureProcess();

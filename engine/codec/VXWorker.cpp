@@ -1,5 +1,8 @@
 #include "engine/codec/VXWorker.h"
 
+#include "engine/codec/VXCancel.h"
+#include "engine/codec/VXCodecConstants.h"
+#include "engine/codec/VXFrame.h"
 #include "engine/codec/VXLog.h"
 #include "engine/codec/VXWorkerProtocol.h"
 #include "engine/codec/VXZygote.h"
@@ -7,34 +10,17 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
-#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-// The report pipe carries one message per line, from the child to us:
-//   P <percent>              progress
-//   L <text>                 a diagnostic line for the parent's log
-//   F <filter> <bytes>\n...  a filter's print-out, that many bytes after the line
-//   M <I> <TP> <LRA>         a measurement
-//   R <text>                 why the work failed
-//   N <text>                 what the sandbox could not cage on this kernel
-//   V <name> <bytes>\n...     a named result, that many bytes after the line
-//   E <result>               the end: 0 completed, 1 failed, 2 cancelled
-
 namespace vx {
 namespace {
-
-// A named result bigger than this is no result of ours: a cover picture
-// over 50 MB is not shown anyway.
-constexpr qsizetype kMaxValueBytes = 64 * 1024 * 1024;
 
 QString signalReason(int sig, const QString &role)
 {
@@ -48,13 +34,16 @@ QString signalReason(int sig, const QString &role)
     }
 }
 
+VXError startError()
+{
+    return VXError::because(QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno))));
+}
+
 // What the kernel could not cage, said once per program.
-void noteSandbox(const QByteArray &note)
+void noteSandbox(const QString &note)
 {
     static std::once_flag once;
-    std::call_once(once, [&] {
-        VXLog(QStringLiteral("The codec worker runs without a full sandbox: %1").arg(QString::fromUtf8(note)));
-    });
+    std::call_once(once, [&] { VXLog(QStringLiteral("The codec worker runs without a full sandbox: %1").arg(note)); });
 }
 
 // Test seam: a codec run that names EVENLOUD_WORKER_ABORT_ON aborts in the
@@ -81,33 +70,115 @@ QStringList withTestSeam(QStringList arguments)
     return arguments;
 }
 
-// "V <name> <size>" and the bytes after it; false when the size is out of
-// bounds or the bytes do not come, which leaves the stream unreadable.
-bool readValue(FILE *in, const QByteArray &rest, WorkerRun::Outcome *out)
+// The one reader of a child's reports (see VXWorkerProtocol.h), for a run
+// and for a session's command alike.
+class ReportReader {
+public:
+    explicit ReportReader(const WorkerHandlers &handlers) : m_handlers(handlers) {}
+
+    // Until the end message, or on to the stream's end with untilClose (a
+    // child's last words may follow its end). Stops at a frame refused.
+    void read(int fd, bool untilClose)
+    {
+        while (untilClose || m_end < 0) {
+            const VXResult<QCborMap> frame = readFrame(fd);
+            // A frame cut short is a child that died writing: its status says why.
+            if (!frame && frame.error().code != kFrameEnd && frame.error().code != kFrameTruncated)
+                m_broken = frame.error();
+            if (!frame || !take(*frame))
+                return;
+        }
+    }
+
+    int end() const { return m_end; }
+    bool broken() const { return !m_broken.description.isEmpty(); }
+    VXError brokenError() const
+    {
+        return VXError::because(QStringLiteral("the worker's report cannot be read: %1").arg(m_broken.description));
+    }
+    // What the child said of its failure, when it did.
+    const VXError &childError() const { return m_childError; }
+    WorkerReport &report() { return m_report; }
+
+private:
+    bool take(const QCborMap &m)
+    {
+        const QString name = m.value(QLatin1String("m")).toString();
+        auto loudness = [&m] { return loudnessFromCbor(m.value(QLatin1String("loudness")).toMap()); };
+        if (name == QLatin1String("progress") && m_handlers.progress)
+            m_handlers.progress(int(m.value(QLatin1String("percent")).toInteger()));
+        else if (name == QLatin1String("log"))
+            VXLog(m.value(QLatin1String("text")).toString());
+        else if (name == QLatin1String("sandbox"))
+            noteSandbox(m.value(QLatin1String("text")).toString());
+        else if (name == QLatin1String("error"))
+            m_childError = errorFrom(m);
+        else if (name == QLatin1String("output"))
+            m_report.loudness = loudness();
+        else if (name == QLatin1String("input"))
+            m_report.input = loudness();
+        else if (name == QLatin1String("stream"))
+            m_report.streams[int(m.value(QLatin1String("index")).toInteger())] = loudness();
+        else if (name == QLatin1String("album"))
+            m_report.album = albumFromCbor(m), m_report.hasAlbum = true;
+        else if (name == QLatin1String("printOut") && m_handlers.printOut)
+            m_handlers.printOut(int(m.value(QLatin1String("filter")).toInteger(-1)), m.value(QLatin1String("bytes")).toByteArray());
+        else if (name == QLatin1String("value"))
+            return takeValue(m);
+        else if (name == QLatin1String("end"))
+            m_end = int(m.value(QLatin1String("result")).toInteger(1));
+        return true;
+    }
+
+    bool takeValue(const QCborMap &m)
+    {
+        const QByteArray bytes = m.value(QLatin1String("bytes")).toByteArray();
+        if (bytes.size() > kMaxValueBytes) {
+            m_broken = VXError::because(QStringLiteral("a value of %1 bytes is over the limit").arg(bytes.size()));
+            return false;
+        }
+        if (m_handlers.value)
+            m_handlers.value(m.value(QLatin1String("name")).toString(), bytes);
+        return true;
+    }
+
+    static VXError errorFrom(const QCborMap &m)
+    {
+        VXError e;
+        e.domain = m.value(QLatin1String("domain")).toString();
+        e.code = int(m.value(QLatin1String("code")).toInteger());
+        e.description = m.value(QLatin1String("text")).toString();
+        if (m.value(QLatin1String("drm")).toBool())
+            e.userInfo.insert(QLatin1String(VXTranscodingDRMProtected), true);
+        return e;
+    }
+
+    const WorkerHandlers &m_handlers;
+    WorkerReport m_report;
+    VXError m_childError;
+    VXError m_broken;
+    int m_end = -1;
+};
+
+// Why a child that gave no complete result stopped.
+VXError stoppedError(int status, const QString &role)
 {
-    const QList<QByteArray> v = rest.split(' ');
-    const qsizetype size = v.size() == 2 ? v[1].toLongLong() : -1;
-    QByteArray bytes(std::clamp<qsizetype>(size, 0, kMaxValueBytes), '\0');
-    if (size != bytes.size() || std::fread(bytes.data(), 1, size_t(size), in) != size_t(size))
-        return false;
-    out->values.insert(v[0], bytes);
-    return true;
+    if (status == -1)
+        return VXError::because(QStringLiteral("the worker stopped"));
+    if (WIFSIGNALED(status))
+        return VXError::because(signalReason(WTERMSIG(status), role));
+    return VXError::because(QStringLiteral("the worker ended without a result (status %1)").arg(WEXITSTATUS(status)));
+}
+
+// The child's own error when it gave one with a reason, else generic.
+VXError failedError(const ReportReader &reader, int status, const QString &role)
+{
+    if (!reader.childError().description.isEmpty() || !reader.childError().domain.isEmpty())
+        return reader.childError();
+    return stoppedError(status, role);
 }
 
 } // namespace
-
-QStringList measureAlbumCommand(const QStringList &tracks, int flags)
-{
-    return QStringList{QStringLiteral("measure-album"), QStringLiteral("--flags"), QString::number(flags)} + tracks;
-}
-
-QStringList measureAlbumTracks(const QStringList &args, int *flags)
-{
-    const bool given = args.size() >= 2 && args[0] == QLatin1String("--flags");
-    if (flags)
-        *flags = given ? args[1].toInt() : 0;
-    return given ? args.mid(2) : args;
-}
 
 void stopWorkerProcess() { Zygote::instance().stop(); }
 
@@ -150,110 +221,45 @@ void WorkerRun::cancel()
         Zygote::instance().kill(m_id);
 }
 
-WorkerRun::Outcome WorkerRun::run(const Handlers &handlers)
+VXResult<WorkerReport> WorkerRun::run(const WorkerHandlers &handlers)
 {
-    Outcome out;
     int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) < 0) {
-        out.reason = QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno)));
-        return out;
-    }
-    const QStringList arguments = withTestSeam(m_arguments);
-    QString why;
+    if (::pipe2(fds, O_CLOEXEC) < 0)
+        return startError();
+    VXResult<quint64> started = VXCancelledError();
     {
         std::lock_guard<std::mutex> guard(m_lock);
         if (!m_cancelled.load())
-            m_id = Zygote::instance().start(arguments, m_cpuSeconds, fds[1], &why);
+            started = Zygote::instance().start(withTestSeam(m_arguments), m_cpuSeconds, fds[1]);
+        m_id = started.valueOr(0);
     }
     ::close(fds[1]);
     if (!m_id) {
         ::close(fds[0]);
-        out.cancelled = m_cancelled.load();
-        out.reason = why;
-        return out;
+        return m_cancelled.load() ? VXCancelledError() : started.error();
     }
-
-    FILE *in = fdopen(fds[0], "r");
-    char *buffer = nullptr;
-    size_t capacity = 0;
-    ssize_t n;
-    int end = -1;
-    bool stopped = false;
-    while (in && !stopped && (n = getline(&buffer, &capacity, in)) > 0) {
-        const QByteArray line = QByteArray(buffer, n).chopped(buffer[n - 1] == '\n' ? 1 : 0);
-        const QByteArray rest = line.mid(2);
-        switch (line.isEmpty() ? 0 : line[0]) {
-        case 'P':
-            if (handlers.progress)
-                handlers.progress(rest.toInt());
-            break;
-        case 'L': VXLog(QString::fromUtf8(rest)); break;
-        case 'R': out.reason = QString::fromUtf8(rest); break;
-        case 'N': noteSandbox(rest); break;
-        case 'M':
-        case 'S': {
-            // "M I TP LRA": the output; "S index I TP LRA": a further stream.
-            QList<QByteArray> v = rest.split(' ');
-            VXLoudness *l = &out.loudness;
-            if (line[0] == 'S' && v.size() == 4)
-                l = &out.streams[v.takeFirst().toInt()];
-            if (v.size() == 3) {
-                l->integrated = v[0].toDouble();
-                l->truePeak = v[1].toDouble();
-                l->range = v[2].toDouble();
-            }
-            break;
-        }
-        case 'F': {
-            const QList<QByteArray> v = rest.split(' ');
-            const qsizetype size = v.size() == 2 ? v[1].toLongLong() : 0;
-            QByteArray bytes(size, '\0');
-            if (size > 0 && std::fread(bytes.data(), 1, size_t(size), in) != size_t(size))
-                break;
-            if (handlers.printOut)
-                handlers.printOut(v.value(0).toInt(), bytes);
-            break;
-        }
-        case 'I': {
-            // "I I LRA THRESHOLD": the main stream as decoded.
-            const QList<QByteArray> v = rest.split(' ');
-            if (v.size() == 3) {
-                out.input.integrated = std::strtod(v[0].constData(), nullptr);
-                out.input.range = std::strtod(v[1].constData(), nullptr);
-                out.input.threshold = std::strtod(v[2].constData(), nullptr);
-            }
-            break;
-        }
-        case 'V': stopped = !readValue(in, rest, &out); break;
-        case 'E': end = rest.toInt(); break;
-        default: break;
-        }
-    }
-    std::free(buffer);
-    if (in)
-        std::fclose(in);
-    else
-        ::close(fds[0]);
-
+    ReportReader reader(handlers);
+    reader.read(fds[0], true);
+    if (reader.broken())
+        Zygote::instance().kill(m_id);
+    // Closed before the wait: a child still writing then ends on a broken pipe.
+    ::close(fds[0]);
     const int status = Zygote::instance().wait(m_id);
     {
         std::lock_guard<std::mutex> guard(m_lock);
         m_id = 0;
     }
-    if (m_cancelled.load()) {
-        out.cancelled = true;
-    } else if (status == -1) {
-        out.reason = QStringLiteral("the worker stopped");
-    } else if (WIFSIGNALED(status)) {
-        out.reason = signalReason(WTERMSIG(status), m_role);
-    } else if (end == 0) {
-        out.completed = true;
-    } else if (end == 2) {
-        out.cancelled = true;
-    } else if (out.reason.isEmpty()) {
-        out.reason = QStringLiteral("the worker ended without a result (status %1)").arg(WEXITSTATUS(status));
-    }
-    return out;
+    if (m_cancelled.load())
+        return VXCancelledError();
+    if (reader.broken())
+        return reader.brokenError();
+    if (status == -1 || WIFSIGNALED(status))
+        return stoppedError(status, m_role);
+    if (reader.end() == 0)
+        return std::move(reader.report());
+    if (reader.end() == 2)
+        return VXCancelledError();
+    return failedError(reader, status, m_role);
 }
 
 WorkerSession::WorkerSession(double cpuSeconds, QString role) : m_cpuSeconds(cpuSeconds), m_role(std::move(role)) {}
@@ -262,92 +268,55 @@ WorkerSession::~WorkerSession() { end(); }
 
 void WorkerSession::end()
 {
-    if (!m_in)
+    if (m_fd < 0)
         return;
     // Our end closed is the child's cue to leave.
-    std::fclose(m_in);
-    m_in = nullptr;
+    ::close(m_fd);
+    m_fd = -1;
     Zygote::instance().wait(m_id);
 }
 
-WorkerRun::Outcome WorkerSession::run(const QStringList &arguments)
+VXResult<> WorkerSession::startChild()
 {
-    WorkerRun::Outcome out;
-    if (!m_in) {
-        int sv[2];
-        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) < 0) {
-            out.reason = QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno)));
-            return out;
-        }
-        // The session's own CPU limit only bounds its life (its runs are
-        // limited one by one): an hour is far more than its runs take.
-        const QStringList serve{QStringLiteral("serve"), QString::number(int(std::ceil(m_cpuSeconds)))};
-        QString why;
-        m_id = Zygote::instance().start(serve, 3600, sv[1], &why);
-        ::close(sv[1]);
-        if (!m_id) {
-            ::close(sv[0]);
-            out.reason = why;
-            return out;
-        }
-        m_in = fdopen(sv[0], "r");
-        if (!m_in) {
-            ::close(sv[0]);
-            Zygote::instance().kill(m_id);
-            Zygote::instance().wait(m_id);
-            out.reason = QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno)));
-            return out;
-        }
+    int sv[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) < 0)
+        return startError();
+    // The session's own CPU limit only bounds its life (its runs are
+    // limited one by one): an hour is far more than its runs take.
+    const QStringList serve{QStringLiteral("serve"), QString::number(int(std::ceil(m_cpuSeconds)))};
+    const VXResult<quint64> started = Zygote::instance().start(serve, 3600, sv[1]);
+    ::close(sv[1]);
+    if (!started) {
+        ::close(sv[0]);
+        return started.error();
     }
+    m_id = *started;
+    m_fd = sv[0];
+    return {};
+}
+
+VXResult<WorkerReport> WorkerSession::run(const QStringList &arguments, const WorkerHandlers &handlers)
+{
+    if (m_fd < 0)
+        if (VXResult<> started = startChild(); !started)
+            return started.error();
     ++m_runs;
-    QByteArray request;
-    for (const QString &a : withTestSeam(arguments))
-        request += a.toUtf8() + '\0';
-    request.prepend(QByteArray::number(request.size()) + '\n');
-    const int sock = fileno(m_in);
-    bool sent = true;
-    for (qsizetype done = 0; sent && done < request.size();) {
-        const ssize_t n = ::send(sock, request.constData() + done, size_t(request.size() - done), MSG_NOSIGNAL);
-        if (n > 0)
-            done += n;
-        else
-            sent = n < 0 && errno == EINTR;
-    }
-    char *buffer = nullptr;
-    size_t capacity = 0;
-    ssize_t n;
-    int end = -1;
-    bool readable = sent;
-    while (readable && end < 0 && (n = getline(&buffer, &capacity, m_in)) > 0) {
-        const QByteArray line = QByteArray(buffer, n).chopped(buffer[n - 1] == '\n' ? 1 : 0);
-        const QByteArray rest = line.mid(2);
-        switch (line.isEmpty() ? 0 : line[0]) {
-        case 'L': VXLog(QString::fromUtf8(rest)); break;
-        case 'R': out.reason = QString::fromUtf8(rest); break;
-        case 'N': noteSandbox(rest); break;
-        case 'V': readable = readValue(m_in, rest, &out); break;
-        case 'E': end = rest.toInt(); break;
-        default: break;
-        }
-    }
-    std::free(buffer);
-    if (end == 0) {
-        out.completed = true;
-    } else if (end < 0) {
-        // The child is gone, or cannot be read any more.
-        const quint64 id = m_id;
-        Zygote::instance().kill(id);
-        std::fclose(m_in);
-        m_in = nullptr;
-        const int status = Zygote::instance().wait(id);
-        if (status == -1)
-            out.reason = QStringLiteral("the worker stopped");
-        else if (WIFSIGNALED(status))
-            out.reason = signalReason(WTERMSIG(status), m_role);
-        else
-            out.reason = QStringLiteral("the worker ended without a result (status %1)").arg(WEXITSTATUS(status));
-    }
-    return out;
+    QCborMap request = message("run");
+    request.insert(QLatin1String("args"), toCbor(withTestSeam(arguments)));
+    ReportReader reader(handlers);
+    if (sendFrame(m_fd, request))
+        reader.read(m_fd, false);
+    if (reader.end() == 0)
+        return std::move(reader.report());
+    if (reader.end() > 0 && !reader.broken())
+        return failedError(reader, 0, m_role);
+    // The child is gone, or cannot be read any more.
+    const quint64 id = m_id;
+    Zygote::instance().kill(id);
+    ::close(m_fd);
+    m_fd = -1;
+    const int status = Zygote::instance().wait(id);
+    return reader.broken() ? reader.brokenError() : stoppedError(status, m_role);
 }
 
 } // namespace vx

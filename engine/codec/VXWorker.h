@@ -1,28 +1,28 @@
 #pragma once
 
-// Codec work in a child process. FFmpeg's decoders and the external encoders
-// can crash, abort or spin on a damaged file; in a child that costs the file,
-// never the batch or the window. The evenloud-worker program, started once,
-// forks one child per run; the child reports over a pipe and runs under
-// resource limits (address space, CPU time).
+// The program's side of codec work in a child process. FFmpeg's decoders
+// and the external encoders can crash, abort or spin on a damaged file; in a
+// child that costs the file, never the batch or the window. The
+// evenloud-worker program (VXWorkerServer.h), started once, forks one child
+// per run (VXWorkerChild.h); the child reports over a pipe, in frames
+// (VXWorkerProtocol.h), and runs under resource limits (address space, CPU
+// time).
 
+#include "engine/codec/VXError.h"
 #include "engine/codec/VXLoudnessMeter.h"
 
 #include <QByteArray>
-#include <QList>
-#include <QMap>
 #include <QString>
 #include <QStringList>
 #include <atomic>
-#include <cstdio>
 #include <functional>
 #include <map>
 #include <mutex>
-#include <sys/types.h>
 
 namespace vx {
 
-// The worker program; empty means codec work stays in this process.
+// The worker program; empty means codec work stays in this process. Setting
+// it chooses the program's codec backend (VXCodecBackend.h) to match.
 void setWorkerProgram(const QString &path);
 QString workerProgram();
 // Programs call this once at start: the worker named by EVENLOUD_WORKER, else
@@ -33,32 +33,37 @@ bool useWorkerProcess();
 // At the end of a program: ends the worker server and waits for it.
 void stopWorkerProcess();
 
+// What a run's reports add up to.
+struct WorkerReport {
+    VXLoudness loudness;  // "output"
+    VXLoudness input;     // "input"
+    std::map<int, VXLoudness> streams;  // "stream", by index
+    VXAlbumLoudness album;  // "album"
+    bool hasAlbum = false;
+};
+
+// What a run hears as the child sends it, on the caller's thread.
+struct WorkerHandlers {
+    std::function<void(int percent)> progress;
+    std::function<void(int filter, const QByteArray &printOut)> printOut;
+    std::function<void(const QString &name, const QByteArray &bytes)> value;
+};
+
 // One run of the worker: arguments in, reports out, as the child sends them.
 class WorkerRun {
 public:
-    struct Handlers {
-        std::function<void(int percent)> progress;
-        std::function<void(int filter, const QByteArray &printOut)> printOut;
-    };
-    struct Outcome {
-        bool completed = false;
-        bool cancelled = false;
-        QString reason;  // why it failed, in words, when it did
-        VXLoudness loudness;
-        QMap<QByteArray, QByteArray> values;  // named results, as the command sends them
-        std::map<int, VXLoudness> streams;  // further audio streams, by index
-        VXLoudness input;  // the main stream as decoded, when measured
-    };
-
     // role names what runs in the child in the reason for its crash
     // ("the decoder crashed on this file").
     explicit WorkerRun(QStringList arguments, double cpuSeconds, QString role = QStringLiteral("decoder"));
-    // Runs the child to its end; blocks. Handlers are called on this thread.
-    Outcome run(const Handlers &handlers);
+    // Runs the child to its end; blocks. A failure is what the child said,
+    // or why it died; a cancel is VXCancelledError().
+    VXResult<WorkerReport> run(const WorkerHandlers &handlers);
     // From any thread: the child is stopped at once, the run ends cancelled.
     void cancel();
 
 private:
+    VXResult<WorkerReport> ended(int end, VXResult<WorkerReport> read);
+
     QStringList m_arguments;
     double m_cpuSeconds;
     QString m_role;
@@ -75,35 +80,25 @@ public:
     // cpuSeconds holds for each run; role as WorkerRun's.
     WorkerSession(double cpuSeconds, QString role);
     ~WorkerSession();  // ends the child
-    // Runs one command. When the child dies on it, the outcome has the reason
+    // Runs one command. When the child dies on it, the error has the reason
     // and the session is over (alive() false): earlier runs may have left the
     // child broken, so a caller gives the command a child of its own to know.
-    WorkerRun::Outcome run(const QStringList &arguments);
-    bool alive() const { return m_in != nullptr; }
+    VXResult<WorkerReport> run(const QStringList &arguments, const WorkerHandlers &handlers);
+    bool alive() const { return m_fd >= 0; }
     int runs() const { return m_runs; }
 
     WorkerSession(const WorkerSession &) = delete;
     WorkerSession &operator=(const WorkerSession &) = delete;
 
 private:
+    VXResult<> startChild();
     void end();
 
     double m_cpuSeconds;
     QString m_role;
     quint64 m_id = 0;
-    FILE *m_in = nullptr;  // the socket, read as reports
+    int m_fd = -1;  // the socket: requests out, reports in
     int m_runs = 0;
 };
-
-// The measure-album command, "measure-album [--flags N] TRACK...", N being
-// VXMeasureFlag bits: written with the flags, read with or without them.
-QStringList measureAlbumCommand(const QStringList &tracks, int flags);
-// Its arguments after the verb: the tracks, and the flags (0 when left out).
-QStringList measureAlbumTracks(const QStringList &args, int *flags = nullptr);
-
-// Worker side: the program's whole main (it serves the program that started it).
-int workerMain(int argc, char **argv);
-// One forked child's work, its reports going to standard output.
-int runWorkerCommand(QStringList args);
 
 } // namespace vx

@@ -1,73 +1,76 @@
 #pragma once
 
-// What the programs and the worker server say to each other over their
-// socket (SOCK_SEQPACKET, one message per packet).
+// What the programs, the worker server and its children say to each other.
+// Every message is one frame (VXFrame.h): a CBOR map whose key "m" names it.
+//
+// A child to the program, on its report pipe (one run) or its session socket:
+//   progress {percent}              work done, 0..100
+//   log      {text}                 a diagnostic line for the program's log
+//   printOut {filter, bytes}        a main-stream filter's print-out as it was freed
+//   output   {loudness}             the measurement: the written file, or the measured input
+//   stream   {index, loudness}      a further audio stream, by input index
+//   input    {loudness}             the main stream as decoded
+//   album    {tracks, album}        an album's figures: [{loudness, reason}], loudness
+//   value    {name, bytes}          a probe's named result (length, picture)
+//   error    {text, domain, code, drm}  why the work failed
+//   sandbox  {text}                 what the kernel could not cage
+//   end      {result}               0 completed, 1 failed, 2 cancelled; nothing follows
+// The program to a session child (see WorkerSession):
+//   run      {args}                 one command; its reports follow, up to its end
+// The program to the worker server, one frame a SOCK_SEQPACKET packet:
+//   run      {id, cpu, args}        fork a child for args, its report pipe passed along
+//   kill     {id}                   kill run id's child
+// The worker server to the program:
+//   ended    {id, status}           run id's wait status (-1: it could not start)
+//
+// A loudness is a map of the figures a message carries: I, TP, LRA,
+// thresh, maxS, maxM and curve (an array), each only where it is sent.
 
+#include "engine/codec/VXLoudnessMeter.h"
+
+#include <QCborArray>
+#include <QCborMap>
+#include <QStringList>
 #include <QtGlobal>
-#include <cerrno>
-#include <cstring>
-#include <sys/socket.h>
+#include <sys/types.h>
 
 namespace vx {
 
 // The server's end of the socket, in the server.
 inline constexpr int kWorkerSocketFd = 3;
+// A request to the server is one packet; a command's arguments (paths) fit.
 inline constexpr size_t kWorkerMaxRequest = 64 * 1024;
+// A named result bigger than this is no result of ours: a cover picture
+// over 50 MB is not shown anyway.
+inline constexpr qsizetype kMaxValueBytes = 64 * 1024 * 1024;
 
-// 'R': run the command that follows ('\0'-separated arguments), its report
-// pipe passed along; 'K': kill run id.
-struct WorkerRequest {
-    char type;
-    quint64 id;
-    quint64 cpuSeconds;
+// The figures a loudness message carries, as they always have: each
+// command sends what its reader uses and no more.
+enum LoudnessFields {
+    kFigures = 1,      // integrated, true peak, range
+    kGate = 2,         // threshold
+    kMaxima = 4,       // max short-term, max momentary
+    kCurve = 8,        // the short-term curve, to 0.01 LU as a picture needs
+    kInputFigures = 16 // integrated and range without the true peak
 };
 
-// 'X': run id has ended with this wait status (-1: it could not start).
-struct WorkerEnded {
-    char type;
-    quint64 id;
-    int status;
-};
+QCborMap loudnessToCbor(const VXLoudness &l, int fields);
+VXLoudness loudnessFromCbor(const QCborMap &map);
+QCborMap albumToCbor(const VXAlbumLoudness &album);
+VXAlbumLoudness albumFromCbor(const QCborMap &message);
 
-inline ssize_t sendRequest(int sock, const void *data, size_t size, int fd)
-{
-    iovec iov{const_cast<void *>(data), size};
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    if (fd >= 0) {
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        cmsghdr *c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
-    }
-    ssize_t n;
-    while ((n = ::sendmsg(sock, &msg, MSG_NOSIGNAL)) < 0 && errno == EINTR) {
-    }
-    return n;
-}
+QCborMap message(const char *name);
+QCborArray toCbor(const QStringList &list);
+QStringList stringsFromCbor(const QCborValue &array);
 
-inline ssize_t receiveRequest(int sock, void *data, size_t size, int *fd)
-{
-    iovec iov{data, size};
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    ssize_t n;
-    while ((n = ::recvmsg(sock, &msg, MSG_CMSG_CLOEXEC)) < 0 && errno == EINTR) {
-    }
-    *fd = -1;
-    for (cmsghdr *c = CMSG_FIRSTHDR(&msg); n > 0 && c; c = CMSG_NXTHDR(&msg, c))
-        if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS)
-            std::memcpy(fd, CMSG_DATA(c), sizeof *fd);
-    return n;
-}
+// The measure-album command, "measure-album [--flags N] TRACK...", N being
+// VXMeasureFlag bits: written with the flags, read with or without them.
+QStringList measureAlbumCommand(const QStringList &tracks, int flags);
+// Its arguments after the verb: the tracks, and the flags (0 when left out).
+QStringList measureAlbumTracks(const QStringList &args, int *flags = nullptr);
+
+// One packet on the server's socket, a descriptor passed along when fd >= 0.
+ssize_t sendRequest(int sock, const void *data, size_t size, int fd);
+ssize_t receiveRequest(int sock, void *data, size_t size, int *fd);
 
 } // namespace vx

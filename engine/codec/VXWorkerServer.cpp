@@ -1,9 +1,12 @@
-// The worker program's side: a small server that forks one child per run.
+// The worker program: a small server that forks one child per run.
 // It loads FFmpeg once; a fork then costs a millisecond where starting the
 // program again would cost a tenth of a second of library loading.
 
+#include "engine/codec/VXWorkerServer.h"
+
+#include "engine/codec/VXFrame.h"
 #include "engine/codec/VXSandbox.h"
-#include "engine/codec/VXWorker.h"
+#include "engine/codec/VXWorkerChild.h"
 #include "engine/codec/VXWorkerProtocol.h"
 
 #include <QBuffer>
@@ -52,6 +55,95 @@ void limitChild(quint64 cpuSeconds)
 #endif
 }
 
+// The server's state: its socket, the signal descriptor that tells of
+// ended children, and which run each child is.
+struct Server {
+    int sock = kWorkerSocketFd;
+    int childEvents = -1;
+    sigset_t previous{};
+    std::map<pid_t, quint64> children;
+
+    void reply(quint64 id, int status) const
+    {
+        QCborMap ended = message("ended");
+        ended.insert(QLatin1String("id"), qint64(id));
+        ended.insert(QLatin1String("status"), status);
+        const QByteArray frame = encodeFrame(ended);
+        ::send(sock, frame.constData(), size_t(frame.size()), MSG_NOSIGNAL);
+    }
+
+    void reap()
+    {
+        signalfd_siginfo info;
+        while (::read(childEvents, &info, sizeof info) < 0 && errno == EINTR) {
+        }
+        int status = 0;
+        pid_t pid;
+        while ((pid = ::waitpid(-1, &status, WNOHANG)) > 0) {
+            if (const auto it = children.find(pid); it != children.end()) {
+                reply(it->second, status);
+                children.erase(it);
+            }
+        }
+    }
+
+    // The program has gone or is ending: so do its runs.
+    void endAll()
+    {
+        for (const auto &child : children)
+            ::kill(child.first, SIGKILL);
+        while (::wait(nullptr) > 0 || errno == EINTR) {
+        }
+    }
+
+    void fork(const QCborMap &request, int passed)
+    {
+        const quint64 id = quint64(request.value(QLatin1String("id")).toInteger());
+        const QStringList args = stringsFromCbor(request.value(QLatin1String("args")));
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            sigprocmask(SIG_SETMASK, &previous, nullptr);
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            ::close(sock);
+            ::close(childEvents);
+            ::dup2(passed, 1);
+            ::close(passed);
+            limitChild(quint64(request.value(QLatin1String("cpu")).toInteger()));
+            std::fflush(nullptr);
+            _exit(runWorkerCommand(args));
+        }
+        ::close(passed);
+        if (pid < 0)
+            reply(id, -1);
+        else
+            children.emplace(pid, id);
+    }
+
+    // One request; false when the program has gone.
+    bool serveRequest()
+    {
+        std::vector<char> buffer(kWorkerMaxRequest);
+        int passed = -1;
+        const ssize_t n = receiveRequest(sock, buffer.data(), buffer.size(), &passed);
+        if (n <= 0)
+            return false;
+        const VXResult<QCborMap> request = decodeFrame(QByteArray(buffer.data(), n));
+        const QString type = request ? request->value(QLatin1String("m")).toString() : QString();
+        if (type == QLatin1String("kill")) {
+            const quint64 id = quint64(request->value(QLatin1String("id")).toInteger());
+            for (const auto &child : children)
+                if (child.second == id)
+                    ::kill(child.first, SIGKILL);
+        } else if (type == QLatin1String("run") && passed >= 0) {
+            fork(*request, passed);
+            return true;
+        }
+        if (passed >= 0)
+            ::close(passed);
+        return true;
+    }
+};
+
 } // namespace
 
 int workerMain(int, char **)
@@ -61,84 +153,24 @@ int workerMain(int, char **)
     // No parent-death signal here: it follows the thread that started us,
     // which may be any short-lived thread. The socket's end tells instead:
     // it closes with the program, whatever way that ends.
-    const int sock = kWorkerSocketFd;
-    sigset_t childSignals, previous;
+    Server server;
+    sigset_t childSignals;
     sigemptyset(&childSignals);
     sigaddset(&childSignals, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &childSignals, &previous);
-    const int childEvents = signalfd(-1, &childSignals, SFD_CLOEXEC);
-    if (childEvents < 0)
+    sigprocmask(SIG_BLOCK, &childSignals, &server.previous);
+    server.childEvents = signalfd(-1, &childSignals, SFD_CLOEXEC);
+    if (server.childEvents < 0)
         return 2;
-    std::map<pid_t, quint64> children;
-    auto reply = [sock](quint64 id, int status) {
-        const WorkerEnded message{'X', id, status};
-        ::send(sock, &message, sizeof message, MSG_NOSIGNAL);
-    };
     for (;;) {
-        pollfd fds[2] = {{sock, POLLIN, 0}, {childEvents, POLLIN, 0}};
+        pollfd fds[2] = {{server.sock, POLLIN, 0}, {server.childEvents, POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0)
             continue;
-        if (fds[1].revents & POLLIN) {
-            signalfd_siginfo info;
-            while (::read(childEvents, &info, sizeof info) < 0 && errno == EINTR) {
-            }
-            int status = 0;
-            pid_t pid;
-            while ((pid = ::waitpid(-1, &status, WNOHANG)) > 0) {
-                if (const auto it = children.find(pid); it != children.end()) {
-                    reply(it->second, status);
-                    children.erase(it);
-                }
-            }
-        }
-        if (!(fds[0].revents & (POLLIN | POLLHUP)))
-            continue;
-        std::vector<char> buffer(kWorkerMaxRequest);
-        int passed = -1;
-        const ssize_t n = receiveRequest(sock, buffer.data(), buffer.size(), &passed);
-        if (n <= 0) {  // the program has gone or is ending: so do its runs
-            for (const auto &child : children)
-                ::kill(child.first, SIGKILL);
-            while (::wait(nullptr) > 0 || errno == EINTR) {
-            }
+        if (fds[1].revents & POLLIN)
+            server.reap();
+        if ((fds[0].revents & (POLLIN | POLLHUP)) && !server.serveRequest()) {
+            server.endAll();
             return 0;
         }
-        WorkerRequest request;
-        if (size_t(n) < sizeof request) {
-            if (passed >= 0)
-                ::close(passed);
-            continue;
-        }
-        std::memcpy(&request, buffer.data(), sizeof request);
-        if (request.type == 'K') {
-            for (const auto &child : children)
-                if (child.second == request.id)
-                    ::kill(child.first, SIGKILL);
-            continue;
-        }
-        if (request.type != 'R' || passed < 0)
-            continue;
-        QStringList args;
-        for (const QByteArray &a : QByteArray(buffer.data() + sizeof request, n - qsizetype(sizeof request)).split('\0'))
-            if (!a.isEmpty())
-                args << QString::fromUtf8(a);
-        const pid_t pid = ::fork();
-        if (pid == 0) {
-            sigprocmask(SIG_SETMASK, &previous, nullptr);
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::close(sock);
-            ::close(childEvents);
-            ::dup2(passed, 1);
-            ::close(passed);
-            limitChild(request.cpuSeconds);
-            std::fflush(nullptr);
-            _exit(runWorkerCommand(args));
-        }
-        ::close(passed);
-        if (pid < 0)
-            reply(request.id, -1);
-        else
-            children.emplace(pid, request.id);
     }
 }
 

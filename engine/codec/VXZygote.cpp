@@ -1,6 +1,8 @@
 #include "engine/codec/VXZygote.h"
 
 #include "engine/codec/VXLog.h"
+#include "engine/codec/VXCodecBackend.h"
+#include "engine/codec/VXFrame.h"
 #include "engine/codec/VXWorker.h"
 #include "engine/codec/VXWorkerProtocol.h"
 
@@ -26,8 +28,11 @@ QString program;
 
 void setWorkerProgram(const QString &path)
 {
-    std::lock_guard<std::mutex> guard(programLock);
-    program = path;
+    {
+        std::lock_guard<std::mutex> guard(programLock);
+        program = path;
+    }
+    setCodecBackend(path.isEmpty() ? inProcessBackend() : workerBackend());
 }
 
 QString workerProgram()
@@ -42,39 +47,44 @@ Zygote &Zygote::instance()
     return *z;
 }
 
-quint64 Zygote::start(const QStringList &args, double cpuSeconds, int reportFd, QString *why)
+VXResult<quint64> Zygote::start(const QStringList &args, double cpuSeconds, int reportFd)
 {
-    QByteArray message(sizeof(WorkerRequest), '\0');
-    for (const QString &a : args)
-        message += a.toUtf8() + '\0';
     std::lock_guard<std::mutex> guard(m_lock);
-    if (m_sock < 0 && !launch(why))
-        return 0;
-    const WorkerRequest request{'R', m_next++, quint64(std::max(1.0, cpuSeconds))};
-    std::memcpy(message.data(), &request, sizeof request);
-    if (size_t(message.size()) > kWorkerMaxRequest
-        || sendRequest(m_sock, message.constData(), size_t(message.size()), reportFd) < 0) {
-        *why = QStringLiteral("cannot reach the worker: %1").arg(QString::fromLocal8Bit(strerror(errno)));
-        return 0;
+    if (m_sock < 0)
+        if (VXResult<> launched = launch(); !launched)
+            return launched.error();
+    const quint64 id = m_next++;
+    QCborMap request = message("run");
+    request.insert(QLatin1String("id"), qint64(id));
+    request.insert(QLatin1String("cpu"), qint64(std::max(1.0, cpuSeconds)));
+    request.insert(QLatin1String("args"), toCbor(args));
+    const QByteArray frame = encodeFrame(request);
+    if (size_t(frame.size()) > kWorkerMaxRequest) {
+        return VXError::because(QStringLiteral("cannot reach the worker: %1").arg(QString::fromLocal8Bit(strerror(EMSGSIZE))));
     }
-    m_running.emplace(request.id, kRunning);
-    return request.id;
+    if (sendRequest(m_sock, frame.constData(), size_t(frame.size()), reportFd) < 0) {
+        return VXError::because(QStringLiteral("cannot reach the worker: %1").arg(QString::fromLocal8Bit(strerror(errno))));
+    }
+    m_running.emplace(id, kRunning);
+    return id;
 }
 
 void Zygote::warmUp()
 {
     std::lock_guard<std::mutex> guard(m_lock);
-    QString why;
-    if (m_sock < 0 && !launch(&why))
-        VXLog(why);
+    if (m_sock < 0)
+        if (VXResult<> launched = launch(); !launched)
+            VXLog(launched.reason());
 }
 
 void Zygote::kill(quint64 id)
 {
     std::lock_guard<std::mutex> guard(m_lock);
-    const WorkerRequest request{'K', id, 0};
+    QCborMap request = message("kill");
+    request.insert(QLatin1String("id"), qint64(id));
+    const QByteArray frame = encodeFrame(request);
     if (m_sock >= 0 && m_running.count(id))
-        sendRequest(m_sock, &request, sizeof request, -1);
+        sendRequest(m_sock, frame.constData(), size_t(frame.size()), -1);
 }
 
 int Zygote::wait(quint64 id)
@@ -86,12 +96,11 @@ int Zygote::wait(quint64 id)
     return status;
 }
 
-bool Zygote::launch(QString *why)
+VXResult<> Zygote::launch()
 {
     int sv[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) < 0) {
-        *why = QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno)));
-        return false;
+        return VXError::because(QStringLiteral("cannot start the worker: %1").arg(QString::fromLocal8Bit(strerror(errno))));
     }
     const QByteArray path = QFile::encodeName(workerProgram());
     char *argv[] = {const_cast<char *>(path.constData()), nullptr};
@@ -105,25 +114,26 @@ bool Zygote::launch(QString *why)
     ::close(sv[1]);
     if (err) {
         ::close(sv[0]);
-        *why = QStringLiteral("cannot start %1: %2").arg(QString::fromLocal8Bit(path),
-                                                          QString::fromLocal8Bit(strerror(err)));
-        return false;
+        return VXError::because(QStringLiteral("cannot start %1: %2").arg(QString::fromLocal8Bit(path),
+                                                                           QString::fromLocal8Bit(strerror(err))));
     }
     m_sock = sv[0];
     std::thread([this, sock = sv[0], pid] { readEnds(sock, pid); }).detach();
-    return true;
+    return {};
 }
 
 void Zygote::readEnds(int sock, pid_t pid)
 {
-    WorkerEnded ended{};
+    QByteArray packet(4096, '\0');
     ssize_t n;
-    while ((n = ::recv(sock, &ended, sizeof ended, 0)) > 0 || (n < 0 && errno == EINTR)) {
-        if (n != ssize_t(sizeof ended) || ended.type != 'X')
+    while ((n = ::recv(sock, packet.data(), size_t(packet.size()), 0)) > 0 || (n < 0 && errno == EINTR)) {
+        const VXResult<QCborMap> ended = decodeFrame(packet.left(n < 0 ? 0 : n));
+        if (!ended || ended->value(QLatin1String("m")).toString() != QLatin1String("ended"))
             continue;
         std::lock_guard<std::mutex> guard(m_lock);
-        if (const auto it = m_running.find(ended.id); it != m_running.end())
-            it->second = ended.status;
+        const quint64 id = quint64(ended->value(QLatin1String("id")).toInteger());
+        if (const auto it = m_running.find(id); it != m_running.end())
+            it->second = int(ended->value(QLatin1String("status")).toInteger(-1));
         m_changed.notify_all();
     }
     // The server is gone: its runs with it. The next run starts another.

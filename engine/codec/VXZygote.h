@@ -5,6 +5,8 @@
 // server forks; requests go over a socket, and a run's reports come back on
 // the descriptor handed over with its request.
 
+#include "engine/codec/VXError.h"
+
 #include <QString>
 #include <QStringList>
 #include <climits>
@@ -19,8 +21,8 @@ class Zygote {
 public:
     static Zygote &instance();
 
-    // A run of args whose reports go to reportFd; its id, or 0 and why.
-    quint64 start(const QStringList &args, double cpuSeconds, int reportFd, QString *why);
+    // A run of args whose reports go to reportFd; its id (never 0), or why not.
+    VXResult<quint64> start(const QStringList &args, double cpuSeconds, int reportFd);
     // Started ahead of the first file, so that file does not wait for it.
     void warmUp();
     void kill(quint64 id);
@@ -33,7 +35,7 @@ public:
 private:
     static constexpr int kRunning = INT_MIN;
 
-    bool launch(QString *why);
+    VXResult<> launch();
     void readEnds(int sock, pid_t pid);
 
     std::mutex m_lock;

@@ -1,5 +1,5 @@
 #include "engine/codec/VXTranscode.h"
-#include "engine/codec/VXWorker.h"
+#include "engine/codec/VXWorkerServer.h"
 
 int main(int argc, char **argv)
 {
