@@ -41,6 +41,9 @@ VXGainJob::Caught recordIn(const QByteArray &log)
     const QJsonDocument doc = QJsonDocument::fromJson(bytes, &error);
     if (error.error != QJsonParseError::NoError)
         caught.unusable = error.errorString();
+    // Without its level a record plans nothing: loudnorm's one pass does better.
+    else if (doc.isObject() && !doc.object().contains(QLatin1String("input_i")))
+        caught.unusable = QStringLiteral("no input_i");
     else if (doc.isObject())
         caught.record = doc.object();
     return caught;

@@ -132,6 +132,7 @@ TEST_F(JobTest, UnusableMeasurementFallsBackToThePassOneResult)
         {"no record here at all", "Unknown"},
         {"} before { and no end", "Unknown"},
         {"noise { this is not json } noise", ""},
+        {"{\"input_tp\" : \"-3.0\", \"input_lra\" : \"5.0\"}", "no input_i"},
         // A record among other text is found, so no fallback.
         {"before {\"input_i\" : \"-15.0\", \"input_tp\" : \"-3.0\", \"input_lra\" : \"5.0\", "
          "\"input_thresh\" : \"-25.0\", \"target_offset\" : \"0.1\"} after }",
