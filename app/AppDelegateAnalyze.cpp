@@ -38,8 +38,9 @@ void AppDelegate::analyze(const VXAudioGainPtr &item, const QString &path, bool 
     QtConcurrent::run(&m_analysisPool,
                       [path, cancel, flags] {
                           Measurement m;
-                          QString why;
-                          m.ok = VXMeasureFile(path, flags, &m.loudness, &why, cancel.get());
+                          const VXResult<VXLoudness> measured = VXMeasureFile(path, flags, cancel.get());
+                          m.ok = measured.ok();
+                          m.loudness = measured.valueOr({});
                           return m;
                       })
         .then(this, [this, weak = std::weak_ptr<VXAudioGain>(item), output](const Measurement &m) {

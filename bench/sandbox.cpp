@@ -47,10 +47,8 @@ int main(int argc, char **argv)
     const double caged = childrenMs(kChildren, true, file);
     QElapsedTimer clock;
     clock.start();
-    VXLoudness loudness;
-    QString why;
-    if (!VXMeasureFile(file, true, &loudness, &why)) {
-        std::fprintf(stderr, "cannot measure %s: %s\n", argv[1], qPrintable(why));
+    if (const VXResult<VXLoudness> measured = VXMeasureFile(file, VXMeasureTruePeak); !measured) {
+        std::fprintf(stderr, "cannot measure %s: %s\n", argv[1], qPrintable(measured.reason()));
         return 1;
     }
     const double measure = double(clock.nsecsElapsed()) / 1e6;

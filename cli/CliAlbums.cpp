@@ -11,8 +11,7 @@ void cliMeasureAlbums(VXAlbumBatch &albums, int jobs, const VXCancel &cancel)
     // One track asks for each album, so no pool thread waits for another.
     const QStringList leads = albums.leadTracks();
     cliRunOnPool(int(leads.size()), jobs, [&](int i) {
-        QString why;  // read back with the report
-        albums.member(leads[i], &cancel, &why);
+        albums.member(leads[i], &cancel);  // its reason is read back with the report
     }, [](int) {}, cancel);
 }
 

@@ -36,14 +36,12 @@ void cliRunOnPool(int count, int jobs, const std::function<void(int)> &work, con
     loop.exec();
 }
 
-bool cliWritePicture(const QString &folder, const QString &input, const VXLoudnessPictureData &data, QString *why)
+VXResult<> cliWritePicture(const QString &folder, const QString &input, const VXLoudnessPictureData &data)
 {
     const QString path = folder + QLatin1Char('/') + QFileInfo(input).fileName() + QStringLiteral(".png");
     // Written whole or not at all: a picture cut short by a full disk is not left behind.
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || !VXLoudnessPicture(data).save(&file, "PNG") || !file.commit()) {
-        *why = QStringLiteral("cannot write %1: %2").arg(path, file.errorString());
-        return false;
-    }
-    return true;
+    if (!file.open(QIODevice::WriteOnly) || !VXLoudnessPicture(data).save(&file, "PNG") || !file.commit())
+        return VXError::because(QStringLiteral("cannot write %1: %2").arg(path, file.errorString()));
+    return {};
 }

@@ -4,6 +4,7 @@
 // decode-only work, spread over the job pool like the batch's jobs.
 
 #include "engine/VXLoudnessPicture.h"
+#include "engine/codec/VXError.h"
 
 #include <QString>
 #include <functional>
@@ -18,4 +19,4 @@ void cliRunOnPool(int count, int jobs, const std::function<void(int)> &work, con
                   const VXCancel &cancel);
 
 // DIR/<file name>.png; false with a reason when it cannot be written.
-bool cliWritePicture(const QString &folder, const QString &input, const VXLoudnessPictureData &data, QString *why);
+VXResult<> cliWritePicture(const QString &folder, const QString &input, const VXLoudnessPictureData &data);

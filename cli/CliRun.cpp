@@ -37,7 +37,7 @@ void CliRun::drawPicture(int i, const VXLoudness &output)
     data.output = output;
     data.targetLufs = targetLufs;
     data.ceilingDbtp = opt.settings.truePeakCeiling;
-    cliWritePicture(opt.plotFolder, input, data, &pictureWarnings[size_t(i)]);
+    pictureWarnings[size_t(i)] = cliWritePicture(opt.plotFolder, input, data).reason();
 }
 
 namespace {
@@ -251,10 +251,10 @@ void cliDrawResults(CliRun &run)
         const int i = done[k];
         const CliFileResult &r = std::as_const(run.results)[i];
         VXLoudness output;
-        QString why;
         if (!r.output.isEmpty())
-            VXMeasureFile(r.output, VXMeasureCurve | (run.opt.settings.dualMono ? VXMeasureDualMono : 0), &output,
-                          &why, &run.measuring);
+            output = VXMeasureFile(r.output, VXMeasureCurve | (run.opt.settings.dualMono ? VXMeasureDualMono : 0),
+                                   &run.measuring)
+                         .valueOr({});
         if (!run.measuring.isCancelled())
             run.drawPicture(i, output);
     }, [](int) {}, run.measuring);

@@ -33,31 +33,25 @@ std::pair<VXAlbumBatch::Album *, int> VXAlbumBatch::place(const QString &path)
     return {m_albums[size_t(place->first)].get(), place->second};
 }
 
-std::optional<VXAlbumMember> VXAlbumBatch::memberLocked(const Album &album, int track, QString *why)
+VXResult<VXAlbumMember> VXAlbumBatch::memberLocked(const Album &album, int track)
 {
     const VXAlbumLoudness &a = album.loudness;
-    if (!album.reason.isEmpty() || !a.album.measured()) {
-        *why = album.reason.isEmpty() ? QStringLiteral("the album could not be measured") : album.reason;
-        return std::nullopt;
-    }
+    if (!album.reason.isEmpty() || !a.album.measured())
+        return VXError::because(album.reason.isEmpty() ? QStringLiteral("the album could not be measured")
+                                                        : album.reason);
     if (size_t(track) >= a.tracks.size() || !a.tracks[size_t(track)].measured()) {
-        *why = a.reasons.value(track);
-        if (why->isEmpty())
-            *why = QStringLiteral("this track could not be measured");
-        return std::nullopt;
+        const QString why = a.reasons.value(track);
+        return VXError::because(why.isEmpty() ? QStringLiteral("this track could not be measured") : why);
     }
     return VXAlbumMember{album.name, a.tracks[size_t(track)], a.album};
 }
 
-std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const VXCancel *cancel,
-                                                  QString *why)
+VXResult<VXAlbumMember> VXAlbumBatch::member(const QString &path, const VXCancel *cancel)
 {
     const auto [placedAlbum, track] = place(path);
     Album *const album = placedAlbum;
-    if (!album) {
-        *why = QStringLiteral("not one of the album batch's files");
-        return std::nullopt;
-    }
+    if (!album)
+        return VXError::because(QStringLiteral("not one of the album batch's files"));
     // Waiting for another track to measure the album can take a while: a
     // cancel wakes the wait. Declared before the lock, the stopper is
     // removed after the lock is released, since a cancel takes its own
@@ -70,23 +64,21 @@ std::optional<VXAlbumMember> VXAlbumBatch::member(const QString &path, const VXC
     std::unique_lock<std::mutex> locker(album->lock);
     album->changed.wait(locker, [&] { return !album->measuring || cancelled(); });
     if (cancelled())
-        return std::nullopt;
+        return VXCancelledError();
     if (!album->measured) {
         album->measuring = true;
         locker.unlock();
-        VXAlbumLoudness loudness;
-        QString reason;
-        const bool ok = VXMeasureAlbum(album->tracks, &loudness, &reason, cancel, m_flags);
+        VXResult<VXAlbumLoudness> loudness = VXMeasureAlbum(album->tracks, m_flags, cancel);
         locker.lock();
         album->measuring = false;
         album->changed.notify_all();
-        if (!ok && cancelled())
-            return std::nullopt;  // the next track measures it
+        if (!loudness && cancelled())
+            return VXCancelledError();  // the next track measures it
         album->measured = true;
-        album->loudness = std::move(loudness);
-        album->reason = ok ? QString() : reason;
+        album->loudness = loudness.valueOr({});
+        album->reason = loudness.reason();
     }
-    return memberLocked(*album, track, why);
+    return memberLocked(*album, track);
 }
 
 std::optional<VXAlbumBatch::Report> VXAlbumBatch::report(const QString &path)
@@ -99,7 +91,7 @@ std::optional<VXAlbumBatch::Report> VXAlbumBatch::report(const QString &path)
     r.name = album->name;
     r.album = album->loudness.album;
     if (album->measured)
-        memberLocked(*album, track, &r.why);
+        r.why = memberLocked(*album, track).reason();
     return r;
 }
 

@@ -27,9 +27,9 @@ public:
     // are read at the first call, and each album is measured once, by the
     // first of its tracks to ask; the others wait for it. A cancel ends the
     // wait at once; one that stops the measurement leaves it to the next
-    // track. nullopt with a reason when the album or this track could not
-    // be measured, or with none when cancelled.
-    std::optional<VXAlbumMember> member(const QString &path, const VXCancel *cancel, QString *why);
+    // track. An error with its reason when the album or this track could
+    // not be measured, VXCancelledError() when cancelled.
+    VXResult<VXAlbumMember> member(const QString &path, const VXCancel *cancel);
 
     // What a report says of path's album once the jobs have ended: its
     // name, its figures (NaN while not measured) and why path was left out
@@ -63,7 +63,7 @@ private:
     // Under m_groupLock: reads the tags of every file the first time.
     void groupLocked();
     // Album's lock held, once measured: the track's figures or why not.
-    static std::optional<VXAlbumMember> memberLocked(const Album &album, int track, QString *why);
+    static VXResult<VXAlbumMember> memberLocked(const Album &album, int track);
     // path's album and track within it, grouping first; null when not one of the batch's.
     std::pair<Album *, int> place(const QString &path);
 

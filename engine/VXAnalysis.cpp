@@ -45,9 +45,13 @@ VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, b
 {
     VXAnalysis a;
     const int flags = VXMeasureTruePeak | VXMeasureCurve | (dualMono ? VXMeasureDualMono : 0);
-    a.ok = VXMeasureFile(path, flags, &a.loudness, &a.reason, cancel);
-    if (!a.ok)
+    const VXResult<VXLoudness> measured = VXMeasureFile(path, flags, cancel);
+    a.ok = measured.ok();
+    if (!a.ok) {
+        a.reason = measured.reason();
         return a;
+    }
+    a.loudness = *measured;
     if (const auto plan = VXPlanGain(a.loudness, targetLufs, ceiling, limitPeaks)) {
         a.gainDb = plan->gainDb;
         a.normalization = VXNormalizationName(plan->kind);

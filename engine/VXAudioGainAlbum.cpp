@@ -33,11 +33,10 @@ VXResult<> VXAudioGain::resolveAlbum()
             return {};
         batch = m_albumBatch;
     }
-    QString why;
-    std::optional<VXAlbumMember> member = batch->member(inputFile(), &m_cancel, &why);
+    VXResult<VXAlbumMember> member = batch->member(inputFile(), &m_cancel);
     if (!member)
-        return why.isEmpty() ? VXError::because(why, VXGainCancelled) : VXError::because(why);
-    setAlbumMember(std::move(member));
+        return VXIsCancelled(member.error()) ? VXError::because({}, VXGainCancelled) : member.error();
+    setAlbumMember(std::move(*member));
     return {};
 }
 
@@ -45,11 +44,14 @@ qint64 VXAudioGain::runTagsOnly()
 {
     const std::optional<VXAlbumMember> album = albumMember();
     VXLoudness track;
-    QString why;
-    if (album)
+    if (album) {
         track = album->track;
-    else if (!VXMeasureFile(inputFile(), jobSettings().measureFlags(), &track, &why, &m_cancel))
-        return m_cancel.isCancelled() ? VXGainCancelled : fail(why);
+    } else {
+        const VXResult<VXLoudness> measured = VXMeasureFile(inputFile(), jobSettings().measureFlags(), &m_cancel);
+        if (!measured)
+            return m_cancel.isCancelled() ? VXGainCancelled : fail(measured.reason());
+        track = *measured;
+    }
     {
         QMutexLocker locker(&m_lock);
         m_measurement = VXMeasurementRecord(track);

@@ -162,8 +162,8 @@ VXResult<QByteArray> VXGainJob::runFirstPass(std::shared_ptr<VXTranscoding> pass
 // nothing, so that pass runs now.
 VXGainEnd VXGainJob::runOnePass()
 {
-    QString why;
     if (!m_settings.measureWithLoudnorm) {
+        QString why;
         auto onePass = VXTranscoding::initWithInput(m_item.inputFile(), m_item.tempOutFile(), &why);
         if (!onePass)
             return end(VXError::because(why));
@@ -176,11 +176,11 @@ VXGainEnd VXGainJob::runOnePass()
     }
     VXGainResult result;
     result.normalization = VXNormalizationName(VXNormalization::OnePass);
-    VXLoudness loudness;
-    if (!VXMeasureFile(m_item.tempOutFile(), m_settings.measureFlags(), &loudness, &why))
-        return end(VXError::because(QStringLiteral("Cannot measure the result: %1").arg(why)));
-    result.outputI = loudness.integrated;
-    result.outputTp = loudness.truePeak;
-    result.outputLra = loudness.range;
+    const VXResult<VXLoudness> loudness = VXMeasureFile(m_item.tempOutFile(), m_settings.measureFlags());
+    if (!loudness)
+        return end(VXError::because(QStringLiteral("Cannot measure the result: %1").arg(loudness.reason())));
+    result.outputI = loudness->integrated;
+    result.outputTp = loudness->truePeak;
+    result.outputLra = loudness->range;
     return verifyAndPlace(result, double(m_target));
 }

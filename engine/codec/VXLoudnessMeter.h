@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engine/codec/VXError.h"
+
 // An EBU R128 meter (libebur128) that is independent of loudnorm: it checks
 // what a job really wrote, and measures files without writing anything.
 
@@ -83,12 +85,12 @@ bool VXLoudnormWeighsAlike(const AVChannelLayout &layout, bool dualMono = false)
 // Measures the audio stream a transcoding would normalise (the best one),
 // decoding only; flags are VXMeasureFlag bits (true: the true peak too).
 // With VXMeasureDualMono a mono file reads 3 dB louder.
-// False with a reason when the file cannot be read; a cancel, when one is
-// given, stops it at once, in the worker child too (also false, "cancelled").
+// An error with its reason when the file cannot be read; a cancel, when one
+// is given, stops it at once, in the worker child too ("cancelled").
 // With VXMeasureOtherStreams and others given, the further audio streams'
 // figures go there by stream index.
-bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why,
-                   const VXCancel *cancel = nullptr, std::map<int, VXLoudness> *others = nullptr);
+VXResult<VXLoudness> VXMeasureFile(const QString &path, int flags, const VXCancel *cancel = nullptr,
+                                   std::map<int, VXLoudness> *others = nullptr);
 
 
 // The tracks of an album, each measured with its true peak, and the album:
@@ -100,9 +102,8 @@ struct VXAlbumLoudness {
     VXLoudness album;
 };
 
-// Measures paths as one album; false with a reason when no track measures,
-// or when cancel stops it (as VXMeasureFile's). Of the flags,
+// Measures paths as one album: an error with its reason when no track
+// measures, or when cancel stops it (as VXMeasureFile's). Of the flags,
 // VXMeasureDualMono applies (to each mono track); the true peak is always
 // measured.
-bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why,
-                    const VXCancel *cancel = nullptr, int flags = 0);
+VXResult<VXAlbumLoudness> VXMeasureAlbum(const QStringList &paths, int flags = 0, const VXCancel *cancel = nullptr);

@@ -190,32 +190,22 @@ VXResult<VXAlbumLoudness> vx::measureAlbumHere(const QStringList &paths, int fla
     return out;
 }
 
-bool VXMeasureFile(const QString &path, int flags, VXLoudness *out, QString *why, const VXCancel *cancel,
-                   std::map<int, VXLoudness> *others)
+VXResult<VXLoudness> VXMeasureFile(const QString &path, int flags, const VXCancel *cancel,
+                                   std::map<int, VXLoudness> *others)
 {
     const VXResult<vx::Measurement> measured = vx::codecBackend().measure(path, flags, cancel, {});
-    if (!measured) {
-        *why = measured.reason();
-        return false;
-    }
-    *out = measured->loudness;
+    if (!measured)
+        return measured.error();
     if ((flags & VXMeasureOtherStreams) && others)
         *others = measured->others;
-    return true;
+    return measured->loudness;
 }
 
-bool VXMeasureAlbum(const QStringList &paths, VXAlbumLoudness *out, QString *why, const VXCancel *cancel,
-                    int flags)
+VXResult<VXAlbumLoudness> VXMeasureAlbum(const QStringList &paths, int flags, const VXCancel *cancel)
 {
-    *out = {};
     flags = VXMeasureTruePeak | (flags & VXMeasureDualMono);
     VXResult<VXAlbumLoudness> measured = vx::codecBackend().measureAlbum(paths, flags, cancel);
-    if (!measured) {
-        *why = measured.reason();
-        return false;
-    }
-    *out = std::move(*measured);
-    if (!out->album.measured())
-        *why = QStringLiteral("no track of the album could be measured");
-    return out->album.measured();
+    if (measured && !measured->album.measured())
+        return VXError::because(QStringLiteral("no track of the album could be measured"));
+    return measured;
 }

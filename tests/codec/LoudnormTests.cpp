@@ -262,9 +262,9 @@ TEST(LoudnormMeter, ShortTermCurveFollowsKnownLevels)
     ASSERT_TRUE(fixtures::run("ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i", tone.arg(std::pow(10, -23 / 20.0)),
                                          "-f", "lavfi", "-i", tone.arg(std::pow(10, -33 / 20.0)), "-filter_complex",
                                          "[0][1]concat=n=2:v=0:a=1", "-c:a", "pcm_f32le", path}));
-    VXLoudness l;
-    QString why;
-    ASSERT_TRUE(VXMeasureFile(path, VXMeasureCurve, &l, &why)) << why.toStdString();
+    const VXResult<VXLoudness> measured = VXMeasureFile(path, VXMeasureCurve);
+    ASSERT_TRUE(measured) << measured.reason().toStdString();
+    const VXLoudness &l = *measured;
     ASSERT_EQ(l.shortTerm.size(), size_t(12.0 / kVXShortTermStep + 0.5));
     const size_t window = size_t(kVXShortTermWindow / kVXShortTermStep + 0.5);
     for (size_t k = window - 1; k < 60; ++k)
@@ -297,9 +297,9 @@ TEST(LoudnormMeter, InputIsMeasuredWhereLoudnormWeighsChannelsWrong)
         const QString name = QStringLiteral("input-%1.wav").arg(c.layout.isEmpty() ? "unstated" : c.layout);
         const QString path = fixtures::makeChannels(scratchDir(), name, c.layout, c.channels, 3.0, {"-c:a", "pcm_s16le"});
         ASSERT_FALSE(path.isEmpty()) << name.toStdString();
-        VXLoudness reference;
-        QString why;
-        ASSERT_TRUE(VXMeasureFile(path, 0, &reference, &why)) << why.toStdString();
+        const VXResult<VXLoudness> measured = VXMeasureFile(path, 0);
+        ASSERT_TRUE(measured) << measured.reason().toStdString();
+        const VXLoudness &reference = *measured;
 
         VXLoudness input;
         const QJsonObject record = measure(path, outPath(name), measuringFilter(-23.0f, VXMeterLoudnorm), &input);

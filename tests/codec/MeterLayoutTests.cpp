@@ -46,10 +46,9 @@ QString probedLayout(const QString &path)
 
 double integrated(const QString &path, int flags = 0)
 {
-    VXLoudness l;
-    QString why;
-    EXPECT_TRUE(VXMeasureFile(path, flags, &l, &why)) << path.toStdString() << ": " << why.toStdString();
-    return l.integrated;
+    const VXResult<VXLoudness> l = VXMeasureFile(path, flags);
+    EXPECT_TRUE(l) << path.toStdString() << ": " << l.reason().toStdString();
+    return l.valueOr({}).integrated;
 }
 
 // 10 log10(1.41): what BS.1770 adds for a surround.
@@ -135,10 +134,10 @@ TEST(MeterDualMono, MonoReadsThreeDbLouderAndStereoAsEver)
     ASSERT_FALSE(mono.isEmpty() || stereo.isEmpty());
     enum { Mono, MonoDual, Stereo, StereoDual, AlbumMono, AlbumMonoDual, AlbumStereo, AlbumStereoDual, Album, AlbumDual };
     auto measureAll = [&] {
-        VXAlbumLoudness plain, dual;
-        QString why;
-        EXPECT_TRUE(VXMeasureAlbum({mono, stereo}, &plain, &why)) << why.toStdString();
-        EXPECT_TRUE(VXMeasureAlbum({mono, stereo}, &dual, &why, nullptr, VXMeasureDualMono)) << why.toStdString();
+        const VXResult<VXAlbumLoudness> plainAlbum = VXMeasureAlbum({mono, stereo});
+        const VXResult<VXAlbumLoudness> dualAlbum = VXMeasureAlbum({mono, stereo}, VXMeasureDualMono);
+        EXPECT_TRUE(plainAlbum && dualAlbum) << plainAlbum.reason().toStdString() << dualAlbum.reason().toStdString();
+        const VXAlbumLoudness plain = plainAlbum.valueOr({}), dual = dualAlbum.valueOr({});
         if (plain.tracks.size() != 2 || dual.tracks.size() != 2)
             return std::vector<double>(10, NAN);
         return std::vector<double>{integrated(mono), integrated(mono, VXMeasureDualMono),

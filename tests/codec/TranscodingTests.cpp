@@ -204,10 +204,9 @@ TEST(Transcoding, OddInputKeepsTheSignalPathWhole)
     t = VXTranscoding::initWithInput(hot.fileName(), outPath("hot.mp3"));
     ASSERT_TRUE(t);
     EXPECT_EQ(runToEnd(*t), VXTranscodingCompleted);
-    VXLoudness loudness;
-    QString why;
-    EXPECT_TRUE(VXMeasureFile(outPath("hot.mp3"), true, &loudness, &why)) << why.toStdString();
+    const VXResult<VXLoudness> loudness = VXMeasureFile(outPath("hot.mp3"), VXMeasureTruePeak);
+    ASSERT_TRUE(loudness) << loudness.reason().toStdString();
     // Clipped at full scale before the encoder (a lossy codec's overshoot
     // on clipped material aside), no longer some 60 dB beyond it.
-    EXPECT_LT(loudness.truePeak, 20.0);
+    EXPECT_LT(loudness->truePeak, 20.0);
 }

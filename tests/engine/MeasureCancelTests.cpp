@@ -83,9 +83,10 @@ TEST(MeasureCancel, AFileEndsAtOnceInTheWorker)
         ASSERT_TRUE(opened.valid());
         const QSet<pid_t> idle = codecRuns();
         std::future<Measured> measuring = std::async(std::launch::async, [cancel] {
-            VXLoudness loudness;
             Measured m;
-            m.ok = VXMeasureFile(longInput(), VXMeasureTruePeak, &loudness, &m.why, cancel);
+            const VXResult<VXLoudness> measured = VXMeasureFile(longInput(), VXMeasureTruePeak, cancel);
+            m.ok = measured.ok();
+            m.why = measured.reason();
             return m;
         });
         QSet<pid_t> child;
@@ -120,14 +121,10 @@ TEST(MeasureCancel, AnAlbumEndsAtOnceAndSoDoesATrackWaitingForIt)
     const QString second = makeWav(dir.path(), QStringLiteral("2.wav"), 1.0);
     ASSERT_FALSE(second.isEmpty());
     VXAlbumBatch batch({first, second});
-    using Member = std::pair<std::optional<VXAlbumMember>, QString>;
-    auto member = [&batch](const QString &path, const VXCancel *cancel) {
-        Member m;
-        m.first = batch.member(path, cancel, &m.second);
-        return m;
-    };
+    using Member = VXResult<VXAlbumMember>;
+    auto member = [&batch](const QString &path, const VXCancel *cancel) { return batch.member(path, cancel); };
     // Grouped first (by folder: no tags), which opens the files too.
-    EXPECT_FALSE(member(dir.filePath(QStringLiteral("elsewhere.wav")), nullptr).first);
+    EXPECT_FALSE(member(dir.filePath(QStringLiteral("elsewhere.wav")), nullptr));
 
     fixtures::FileWatch opened(first, fixtures::FileWatch::Use::Open);
     ASSERT_TRUE(opened.valid());
@@ -143,8 +140,8 @@ TEST(MeasureCancel, AnAlbumEndsAtOnceAndSoDoesATrackWaitingForIt)
     waiterCancel.cancel();
     ASSERT_EQ(waiter.wait_for(kPrompt), std::future_status::ready);
     const Member waited = waiter.get();
-    EXPECT_FALSE(waited.first);
-    EXPECT_TRUE(waited.second.isEmpty()) << waited.second.toStdString();
+    EXPECT_FALSE(waited);
+    EXPECT_TRUE(VXIsCancelled(waited.error())) << waited.reason().toStdString();
     EXPECT_EQ(measurer.wait_for(0s), std::future_status::timeout);
     EXPECT_FALSE(gone(child));
 
@@ -154,7 +151,7 @@ TEST(MeasureCancel, AnAlbumEndsAtOnceAndSoDoesATrackWaitingForIt)
     ASSERT_EQ(measurer.wait_for(kPrompt), std::future_status::ready);
     RecordProperty("cancel_to_return_ms", int(clock.elapsed()));
     const Member measured = measurer.get();
-    EXPECT_FALSE(measured.first);
-    EXPECT_TRUE(measured.second.isEmpty()) << measured.second.toStdString();
+    EXPECT_FALSE(measured);
+    EXPECT_TRUE(VXIsCancelled(measured.error())) << measured.reason().toStdString();
     EXPECT_TRUE(gone(child));
 }
