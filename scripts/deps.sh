@@ -4,7 +4,7 @@ set -euo pipefail
 pkgs=(cmake g++ make pkg-config libgtest-dev
       qt6-base-dev qt6-base-dev-tools libqt6svg6-dev qt6-qpa-plugins
       libavformat-dev libavcodec-dev libavfilter-dev libswresample-dev libavutil-dev
-      ffmpeg sox libsox-fmt-all libebur128-dev libseccomp-dev libtag1-dev
+      ffmpeg sox libsox-fmt-all libebur128-dev libseccomp-dev libtag1-dev libsqlite3-dev parallel
       clang libclang-rt-14-dev
       desktop-file-utils appstream qt6-l10n-tools dpkg-dev file groff-base)
 missing=()

@@ -3,6 +3,7 @@
 #include "engine/codec/VXLibav.h"
 
 extern "C" {
+#include <libavfilter/avfilter.h>
 #include <libavutil/channel_layout.h>
 }
 
@@ -12,6 +13,10 @@ extern "C" {
 #include <cstdlib>
 
 namespace {
+
+// Raised whenever the figures this meter gives for the same audio change
+// (channel weights, gating, the curve's steps).
+constexpr int kMeterRevision = 1;
 
 struct MeterCloser {
     void operator()(ebur128_state *s) const { ebur128_destroy(&s); }
@@ -292,4 +297,15 @@ double VXFrameMeter::combinedLoudness(const std::vector<const VXFrameMeter *> &m
     if (range && ebur128_loudness_range_multiple(states.data(), states.size(), range) != EBUR128_SUCCESS)
         *range = NAN;
     return integrated;
+}
+
+QString VXMeterIdentity(bool loudnorm)
+{
+    if (loudnorm) {
+        const unsigned v = avfilter_version();
+        return QStringLiteral("loudnorm/lavfi-%1.%2.%3").arg(v >> 16).arg((v >> 8) & 0xff).arg(v & 0xff);
+    }
+    int major = 0, minor = 0, patch = 0;
+    ebur128_get_version(&major, &minor, &patch);
+    return QStringLiteral("ebur128/%1.%2.%3-r%4").arg(major).arg(minor).arg(patch).arg(kMeterRevision);
 }

@@ -82,6 +82,12 @@ private:
 // With dualMono, a mono stream is never alike: loudnorm counts it once.
 bool VXLoudnormWeighsAlike(const AVChannelLayout &layout, bool dualMono = false);
 
+// Which meter measured, as a cache or a file's provenance records it: the
+// meter's name with the version of what computes it, so that figures of
+// another meter, or of this one before its weights changed, are never taken
+// for its own. loudnorm: FFmpeg's filter; else the reference meter.
+QString VXMeterIdentity(bool loudnorm);
+
 // Measures the audio stream a transcoding would normalise (the best one),
 // decoding only; flags are VXMeasureFlag bits (true: the true peak too).
 // With VXMeasureDualMono a mono file reads 3 dB louder.
