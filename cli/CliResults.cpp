@@ -47,8 +47,8 @@ CliResults::CliResults(bool jsonl) : m_jsonl(jsonl)
     // with the rest of what it left.
     m_spoolPath = VXTempDir::reserveFile(QStringLiteral("results"), QStringLiteral("spool"));
     m_spool.setFileName(m_spoolPath);
-    if (m_spoolPath.isEmpty() || !m_spool.open(QIODevice::ReadWrite | QIODevice::Truncate))
-        cliSay(QStringLiteral("evenloud-cli: cannot keep the results for the report in %1").arg(VXTempDir::rootPath()));
+    if (!m_spoolPath.isEmpty())
+        m_spool.open(QIODevice::ReadWrite | QIODevice::Truncate);
 }
 
 CliResults::~CliResults()
@@ -66,6 +66,11 @@ void CliResults::add(const CliFileResult &r, qint64 order)
         cliWriteOut(stdout, jsonLine(r));
     if (!m_index.empty() && order < m_index.back().order)
         m_sorted = false;
+    if (!m_spool.isOpen()) {
+        m_index.push_back({order, qint64(m_memory.size())});
+        m_memory.push_back(r);
+        return;
+    }
     m_spool.seek(m_spool.size());
     m_index.push_back({order, m_spool.pos()});
     QDataStream out(&m_spool);
@@ -81,6 +86,8 @@ void CliResults::sortIndex()
 
 CliFileResult CliResults::read(qint64 offset)
 {
+    if (!m_spool.isOpen())
+        return m_memory[size_t(offset)];
     m_spool.seek(offset);
     QDataStream in(&m_spool);
     CliFileResult r;

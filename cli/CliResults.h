@@ -33,7 +33,7 @@ public:
 private:
     struct Place {
         qint64 order;
-        qint64 offset;
+        qint64 offset;  // in the spool, or in m_memory without one
     };
     void sortIndex();
     CliFileResult read(qint64 offset);
@@ -41,6 +41,9 @@ private:
     const bool m_jsonl;
     QFile m_spool;
     QString m_spoolPath;
+    // Where no spool can be made (no usable temporary folder), the results
+    // are kept here instead: the report still comes out whole.
+    std::vector<CliFileResult> m_memory;
     std::vector<Place> m_index;
     qint64 m_succeeded = 0;
     bool m_sorted = true;
