@@ -91,25 +91,36 @@ void CliBatch::launch(qsizetype file)
         analyze(file);
         return;
     }
-    if (!m_run.plot()) {
-        runJob(file);
-        return;
-    }
-    // With --replace nothing else is left of the input afterwards: its
-    // curve is measured before its job.
+    // What needs no item is done on the pool first: whether the file can be
+    // left as it is without a decode, and with --plot the input's curve
+    // (with --replace nothing else is left of the input afterwards).
     const QString path = m_run.files[size_t(file)];
+    const bool plot = m_run.plot();
     const int flags = VXMeasureCurve | (m_run.opt.settings.dualMono ? VXMeasureDualMono : 0);
-    VXStartOnPool(VXAudioGain::jobPool(), [this, file, path, flags] {
-        VXLoudness curve = VXMeasureFile(path, flags, &m_run.measuring).valueOr({});
-        VXPostTo(this, [this, file, curve = std::move(curve)]() mutable {
-            m_slots[file].inputCurve = std::move(curve);
+    VXStartOnPool(VXAudioGain::jobPool(), [this, file, path, plot, flags] {
+        std::optional<CliFileResult> done = precheck(path);
+        VXLoudness curve;
+        if (!done && plot)
+            curve = VXMeasureFile(path, flags, &m_run.measuring).valueOr({});
+        VXPostTo(this, [this, file, done = std::move(done), curve = std::move(curve)]() mutable {
+            if (done) {
+                end(file, *done);
+                return;
+            }
             if (m_cancelling) {
                 end(file, m_run.result(m_run.files[size_t(file)], CliOutcome::Cancelled));
                 return;
             }
+            m_slots[file].inputCurve = std::move(curve);
             runJob(file);
         });
     });
+}
+
+std::optional<CliFileResult> CliBatch::precheck(const QString &path) const
+{
+    Q_UNUSED(path);
+    return std::nullopt;
 }
 
 void CliBatch::analyze(qsizetype file)

@@ -3,6 +3,7 @@
 #include <QElapsedTimer>
 #include <QObject>
 
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -49,6 +50,9 @@ private:
     void prepareSorted();
     void startNext();
     void launch(qsizetype file);
+    // On a pool thread: the file's result when it can be had without an
+    // item, its probe or a decode.
+    std::optional<CliFileResult> precheck(const QString &path) const;
     void analyze(qsizetype file);
     void runJob(qsizetype file);
     void onReport(qsizetype file, qint32 state, qint64 retCode);
