@@ -48,7 +48,8 @@ QString helpText(const QList<QCommandLineOption> &options)
                            "                    [--limit-peaks] [--meter ebur128|loudnorm] [--dual-mono]\n"
                            "                    [--album] [--skip-within LU]\n"
                            "                    [--plot DIR] (--output-folder DIR | --replace [--preserve-mtime])\n"
-                           "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n"
+                           "                    [--recursive] [--jobs N] [--json | --jsonl] [--journal FILE]\n"
+                           "                    [--shard K/N] [--files-from FILE|- [-0]] FILE|DIR...\n"
                            "       %1 --analyze [--album] [--dual-mono] [--target POS | --lufs LUFS | --preset NAME]\n"
                            "                    [--plot DIR] [--json] FILE|DIR...\n"
                            "       %1 --tags-only [--album] [--dual-mono] [--output-folder DIR] [--preserve-mtime]\n"
@@ -185,6 +186,26 @@ struct Options {
     const QCommandLineOption jobs;
     const QCommandLineOption json{QStringLiteral("json"),
                                   QStringLiteral("print the results as a JSON array, one object per file")};
+    const QCommandLineOption jsonl{QStringLiteral("jsonl"),
+                                   QStringLiteral("print each file's result as one line of JSON as soon as it "
+                                                  "ends (JSON Lines; the objects of --json), instead of the table")};
+    const QCommandLineOption filesFrom{QStringLiteral("files-from"),
+                                       QStringLiteral("also take the files and folders listed in FILE, one a line "
+                                                      "(- reads standard input)"),
+                                       QStringLiteral("FILE")};
+    const QCommandLineOption nul{{QStringLiteral("0"), QStringLiteral("null")},
+                                 QStringLiteral("the --files-from list is separated by NUL characters, as "
+                                                "find -print0 writes it")};
+    const QCommandLineOption journal{QStringLiteral("journal"),
+                                     QStringLiteral("record each finished file in FILE; the same command with the "
+                                                    "same journal, after an interruption or a kill, skips what was "
+                                                    "done and finishes the rest"),
+                                     QStringLiteral("FILE")};
+    const QCommandLineOption shard{QStringLiteral("shard"),
+                                   QStringLiteral("process only the K-th of N shares of the files (K from 1 to "
+                                                  "N), chosen by their paths below the folders given, so N "
+                                                  "processes on any machines split one library"),
+                                   QStringLiteral("K/N")};
     const QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")},
                                   QStringLiteral("show this help and exit")};
     const QCommandLineOption version{{QStringLiteral("V"), QStringLiteral("version")},
@@ -193,7 +214,8 @@ struct Options {
     QList<QCommandLineOption> all() const
     {
         return {target, lufs, preset, truePeak, limitPeaks, analyze, meter, dualMono, quick, album, tagsOnly,
-                skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, json, help, version};
+                skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, json, jsonl, filesFrom, nul,
+                journal, shard, help, version};
     }
 };
 
@@ -311,10 +333,42 @@ Problem readPlaces(const QCommandLineParser &parser, const Options &x, CliOption
         return QStringLiteral("no output folder: give --output-folder DIR, or --replace to overwrite the originals");
     }
     o.recursive = parser.isSet(x.recursive);
-    o.json = parser.isSet(x.json);
     o.inputs = parser.positionalArguments();
-    if (o.inputs.isEmpty())
+    if (parser.isSet(x.filesFrom)) {
+        if (parser.value(x.filesFrom).isEmpty())
+            return QStringLiteral("--files-from needs a file, or - for standard input");
+        o.filesFrom = parser.value(x.filesFrom);
+    }
+    o.nulSeparated = parser.isSet(x.nul);
+    if (o.nulSeparated && o.filesFrom.isEmpty())
+        return QStringLiteral("-0 describes the --files-from list: give --files-from too");
+    if (o.inputs.isEmpty() && o.filesFrom.isEmpty())
         return QStringLiteral("no input files or folders");
+    return std::nullopt;
+}
+
+// What is reported, what is remembered, and which share of the files is ours.
+Problem readRun(const QCommandLineParser &parser, const Options &x, CliOptions &o)
+{
+    o.json = parser.isSet(x.json);
+    o.jsonl = parser.isSet(x.jsonl);
+    if (o.json && o.jsonl)
+        return QStringLiteral("--json and --jsonl are alternatives; give one");
+    if (parser.isSet(x.journal)) {
+        if (parser.value(x.journal).isEmpty())
+            return QStringLiteral("--journal needs a file");
+        o.journal = QDir::cleanPath(QFileInfo(parser.value(x.journal)).absoluteFilePath());
+    }
+    if (parser.isSet(x.shard)) {
+        static const QRegularExpression form(QStringLiteral("^\\s*(\\d+)\\s*/\\s*(\\d+)\\s*$"));
+        const QRegularExpressionMatch m = form.match(parser.value(x.shard));
+        const int k = m.hasMatch() ? m.captured(1).toInt() : 0;
+        const int n = m.hasMatch() ? m.captured(2).toInt() : 0;
+        if (n < 1 || n > 1000000 || k < 1 || k > n)
+            return QStringLiteral("invalid --shard '%1': expected K/N with 1 <= K <= N").arg(parser.value(x.shard));
+        o.shardK = k;
+        o.shardN = n;
+    }
     return std::nullopt;
 }
 
@@ -341,7 +395,7 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
     }
     CliOptions o;
     o.jobs = defaultJobs;
-    for (auto step : {readTarget, readLimits, readModes, readPlaces}) {
+    for (auto step : {readTarget, readLimits, readModes, readPlaces, readRun}) {
         if (const Problem problem = step(parser, x, o)) {
             result.text = usageError(*problem);
             return result;

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 
+#include "engine/VXFileId.h"
 #include "engine/VXGainState.h"
 #include "engine/VXJobSettings.h"
 #include "engine/VXLoudnessScale.h"
@@ -21,6 +22,7 @@
 
 class QThreadPool;
 class VXAlbumBatch;
+class VXJournal;
 class VXTranscoding;
 
 // The report callback of a job: (state, retCode), called on the main thread
@@ -137,6 +139,10 @@ public:
     // Set before the job starts; the job takes its album's figures from the
     // batch (measured by whichever track comes first). Null: no album.
     void setAlbumBatch(std::shared_ptr<VXAlbumBatch> batch);
+    // Set before the job starts: the journal its result's publish and its
+    // end go into, so that the run started again after a kill skips it.
+    // Null: none.
+    void setJournal(std::shared_ptr<VXJournal> journal);
 
     static QString formatSize(quint64 bytes);
     static QString formatDuration(quint64 ticks);
@@ -215,6 +221,10 @@ private:
     // An error whose code is VXGainCancelled: the measurement was cancelled.
     VXResult<> resolveAlbum();
     qint64 runTagsOnly();
+    // The journal's hold on a publish, or nothing without a journal.
+    std::function<VXResult<>(const QString &, const VXFileId &)> journalHook() const;
+    // After a job that succeeded: its end into the journal.
+    void journalDone();
     void setOutPathFileFromJob(const QString &path);
 
     mutable QMutex m_lock;  // guards the strings, m_tempOutFile and m_transCoding
@@ -229,6 +239,8 @@ private:
     VXGainResult m_result;      // under m_lock
     std::optional<VXAlbumMember> m_album;  // under m_lock
     std::shared_ptr<VXAlbumBatch> m_albumBatch;  // under m_lock
+    std::shared_ptr<VXJournal> m_journal;        // under m_lock
+    VXFileId m_inputId;  // the input as the job found it, under m_lock
     VXJobSettings m_settings;  // under m_lock
     std::shared_ptr<VXTranscoding> m_transCoding;
     // Set under m_lock, read there with m_transCoding; its stoppers reach

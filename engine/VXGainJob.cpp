@@ -34,6 +34,7 @@ VXGainEnd VXGainJob::run()
         QMutexLocker locker(&m_item.m_lock);
         m_item.m_measurement.clear();
         m_item.m_result = {};
+        m_item.m_inputId = VXFileId::of(m_item.m_inputFile);
     }
     if (m_item.m_cancel.isCancelled())
         return VXGainCancelled;
