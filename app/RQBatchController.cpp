@@ -1,5 +1,6 @@
 #include "app/RQBatchController.h"
 
+#include "app/RQBatchJournal.h"
 #include "app/RQDesktopServices.h"
 #include "engine/VXAlbumBatch.h"
 #include "engine/VXGainState.h"
@@ -10,6 +11,10 @@ RQBatchController::RQBatchController(QObject *parent) : QObject(parent)
 {
     m_notify = [](const QString &summary, const QString &body) { RQDesktopServices::notify(summary, body); };
 }
+
+// A batch still under way as the window goes stays in its journal: its
+// jobs are being cancelled, and what they did not finish is offered again.
+RQBatchController::~RQBatchController() = default;
 
 void RQBatchController::setFace(Face face)
 {
@@ -44,11 +49,18 @@ bool RQBatchController::start(const QList<VXAudioGainPtr> &chosen, const VXJobSe
     }
     // The albums of this press are its own files, grouped by the first job to run.
     VXAlbumBatch::prepareJobs(items, copy);
+    if (!items.isEmpty()) {
+        if (!batchRunning || !m_journal)
+            m_journal = RQBatchJournal::begin(items);
+        else
+            RQBatchJournal::add(*m_journal, items);
+    }
     const QPointer<RQBatchController> self(this);
     for (const VXAudioGainPtr &item : std::as_const(items)) {
         item->setReplaceOriginalFile(inPlace);
         if (!item->replaceOriginalFile())
             item->setOutFolder(folder);
+        item->setJournal(m_journal);
         m_batch.append(item);
         item->gainWithBlock([self, weak = std::weak_ptr<VXAudioGain>(item)](qint32 state, qint64) {
             if (!self)
@@ -87,6 +99,7 @@ void RQBatchController::batchReported(qint32 state)
         return;
     }
     RQDesktopServices::setLauncherProgress(0, false);
+    RQBatchJournal::finish(std::move(m_journal));
     // A short batch is watched; a long one may have been left behind another window.
     if (m_batchClock.isValid() && m_batchClock.elapsed() > kNotifyAfterMsecs && m_window
         && !m_window->isActiveWindow() && m_notify) {

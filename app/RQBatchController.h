@@ -11,6 +11,7 @@
 #include "engine/VXJobSettings.h"
 
 class QWidget;
+class VXJournal;
 
 // The gain jobs of a press of Gain (and those added while it runs): starts
 // them with a copy of the settings, follows their reports for the
@@ -33,6 +34,7 @@ public:
     static constexpr qint64 kNotifyAfterMsecs = 10000;
 
     explicit RQBatchController(QObject *parent = nullptr);
+    ~RQBatchController() override;
 
     Face face() const { return m_face; }
     void setFace(Face face);
@@ -66,5 +68,8 @@ private:
     // at its end.
     QList<VXAudioGainPtr> m_batch;
     QElapsedTimer m_batchClock;
+    // What the batch has done, kept until it ends, for the next start should
+    // this program die first.
+    std::shared_ptr<VXJournal> m_journal;
     QElapsedTimer m_progressClock;
 };

@@ -84,6 +84,10 @@ void VXJournal::read(const QByteArray &content)
         if (o.value(QLatin1String("s")).toString() != m_settingsKey)
             continue;
         const QString event = o.value(QLatin1String("e")).toString();
+        if (event != QLatin1String("placing") && event != QLatin1String("done")) {
+            m_notes.append(o);
+            continue;
+        }
         Entry &e = m_entries[o.value(QLatin1String("in")).toString()];
         if (event == QLatin1String("placing")) {
             e.intents.append({o.value(QLatin1String("dest")).toString(), idFrom(o.value(QLatin1String("staged")).toString()),
@@ -173,6 +177,21 @@ void VXJournal::doneLocked(const QString &key, const VXFileId &inputId, const QS
 }
 
 void VXJournal::sync() { ::fdatasync(m_fd); }
+
+void VXJournal::note(const QJsonObject &record)
+{
+    QJsonObject o = record;
+    o[QStringLiteral("s")] = m_settingsKey;
+    QMutexLocker locker(&m_lock);
+    m_notes.append(o);
+    append(QJsonDocument(o).toJson(QJsonDocument::Compact));
+}
+
+QList<QJsonObject> VXJournal::notes() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_notes;
+}
 
 qsizetype VXJournal::doneCount() const
 {

@@ -15,6 +15,7 @@
 #include "engine/codec/VXError.h"
 
 #include <QHash>
+#include <QJsonObject>
 #include <QList>
 #include <QMutex>
 #include <QString>
@@ -43,6 +44,10 @@ public:
     void done(const QString &input, const VXFileId &inputId, const QString &output, const QString &result);
     // Everything written so far is on disk.
     void sync();
+    // A record of the caller's own (its "e" other than the journal's), kept
+    // with the journal and read back by notes(): what a batch held, say.
+    void note(const QJsonObject &record);
+    QList<QJsonObject> notes() const;
 
     QString path() const { return m_path; }
     // Files recorded as done with these settings.
@@ -74,4 +79,5 @@ private:
     const int m_fd;
     mutable QMutex m_lock;
     QHash<QString, Entry> m_entries;  // by absolute input path
+    QList<QJsonObject> m_notes;
 };
