@@ -3,6 +3,7 @@
 #include "cli/CliProgress.h"
 
 #include <algorithm>
+#include "engine/VXGainText.h"
 #include "engine/codec/VXFilter.h"
 
 CliBatch::CliBatch(QList<Job> jobs, QList<CliFileResult> &results, int maxRunning,
@@ -48,7 +49,7 @@ void CliBatch::launch(int index)
     ++m_running;
     m_clocks[index].start();
     // Tags take no time to speak of once measured: no bars, one line at the end.
-    if (!item->jobSettings().tagsOnly)
+    if (!item->jobSettings().tagsOnly || item->jobSettings().lossless)
         m_progress.fileStarted(index, item->inputFile(), item->duration());
     // The item reports its start before gainWithBlock returns, so everything
     // the report touches is set up first.
@@ -66,7 +67,8 @@ void CliBatch::onReport(int index, qint32 state, qint64 retCode)
 
     const VXAudioGainPtr &item = m_jobs[index].item;
     CliFileResult &r = m_results[m_jobs[index].result];
-    if (item->jobSettings().tagsOnly) {
+    const VXJobSettings settings = item->jobSettings();
+    if (settings.tagsOnly && !settings.lossless) {
         readTagsResult(*item, VXGainEnd(retCode), r);
         // A cancelled file has no line of its own: the summary counts it.
         if (r.outcome != CliOutcome::Cancelled)
@@ -109,14 +111,24 @@ void CliBatch::readGainResult(const VXAudioGain &item, VXGainEnd end, CliFileRes
     r.corrections = gain.corrections;
     r.warning = gain.warning;
     r.otherStreams = gain.otherStreams;
+    r.lossless = gain.lossless;
+    r.notes = VXLosslessNotes(gain);
+    if (gain.tagged) {
+        // --lossless --tags-only: the rest of the way is in the tags.
+        r.tagTrackGain = gain.tags.trackGainDb;
+        r.tagTrackPeak = gain.tags.trackPeak;
+        r.tagAlbumGain = gain.tags.albumGainDb;
+        r.tagAlbumPeak = gain.tags.albumPeak;
+    }
     switch (end) {
     case VXGainSucceeded:
         if (gain.skipped) {
             r.outcome = CliOutcome::Skipped;
             break;
         }
-        r.outcome = gain.normalization == VXNormalizationName(VXNormalization::OnePass) ? CliOutcome::OnePass
-                                                                                         : CliOutcome::Ok;
+        r.outcome = gain.lossless.restored ? CliOutcome::Restored
+            : gain.normalization == VXNormalizationName(VXNormalization::OnePass) ? CliOutcome::OnePass
+                                                                                  : CliOutcome::Ok;
         r.output = outputOf(item);
         break;
     case VXGainCancelled:

@@ -75,8 +75,9 @@ void reportMissingInputs(CliRun &run)
 void collectFiles(CliRun &run)
 {
     const CliOptions &opt = run.opt;
-    // Tags go into copies with an output folder, else into the files.
-    const bool inPlace = opt.replace || (opt.settings.tagsOnly && opt.outputFolder.isEmpty());
+    // Tags (and an undo) go into copies with an output folder, else into the files.
+    const bool inPlace
+        = opt.replace || ((opt.settings.tagsOnly || opt.settings.undoLossless) && opt.outputFolder.isEmpty());
     std::set<std::pair<dev_t, ino_t>> seen;
     VXImport::walk(opt.inputs, opt.recursive, CliSignals::pending(), [&](const QString &file) {
         struct stat st {};

@@ -25,7 +25,7 @@ _evenloud_cli()
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W '--target --lufs --preset --true-peak --limit-peaks --output-folder
             --replace --preserve-mtime --recursive --jobs --json --analyze --meter --dual-mono --quick --skip-within --plot
-            --album --tags-only --help --version' -- "$cur")
+            --album --tags-only --lossless --undo-lossless --help --version' -- "$cur")
         return
     fi
     # Files with the extensions it takes, and folders to walk.
