@@ -126,7 +126,9 @@ void CliBatch::readGainResult(const VXAudioGain &item, VXGainEnd end, CliFileRes
             r.outcome = CliOutcome::Skipped;
             break;
         }
-        r.outcome = gain.lossless.restored ? CliOutcome::Restored
+        // Tags only where no gain field could take the gain: the audio is as it was.
+        r.outcome = gain.lossless.restored                                                     ? CliOutcome::Restored
+            : gain.tagged && gain.normalization.isEmpty()                                      ? CliOutcome::Tagged
             : gain.normalization == VXNormalizationName(VXNormalization::OnePass) ? CliOutcome::OnePass
                                                                                   : CliOutcome::Ok;
         r.output = outputOf(item);
