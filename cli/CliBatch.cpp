@@ -4,6 +4,7 @@
 #include "cli/CliProgress.h"
 #include "cli/CliRun.h"
 #include "engine/VXAnalysis.h"
+#include "engine/VXGainText.h"
 #include "engine/VXJournal.h"
 #include "engine/VXMainThread.h"
 #include "engine/codec/VXCodecConstants.h"
@@ -160,8 +161,9 @@ bool CliBatch::makeItem(qsizetype file)
         return true;
     const CliOptions &opt = m_run.opt;
     const QString &path = m_run.files[size_t(file)];
-    // Tags go into copies with an output folder, else into the files.
-    const bool inPlace = opt.replace || (opt.settings.tagsOnly && opt.outputFolder.isEmpty());
+    // Tags (and an undo) go into copies with an output folder, else into the files.
+    const bool inPlace
+        = opt.replace || ((opt.settings.tagsOnly || opt.settings.undoLossless) && opt.outputFolder.isEmpty());
     VXError error;
     slot.item = VXAudioGain::initWithFile(path, inPlace ? QString() : opt.outputFolder, &error);
     if (!slot.item) {
@@ -190,7 +192,7 @@ void CliBatch::runJob(qsizetype file)
     }
     const VXAudioGainPtr item = m_slots[file].item;
     // Tags take no time to speak of once measured: one line at the end.
-    if (!item->jobSettings().tagsOnly)
+    if (!item->jobSettings().tagsOnly || item->jobSettings().lossless)
         m_progress.fileStarted(int(file), item->inputFile(), item->duration());
     // The item reports its start before gainWithBlock returns, so everything
     // the report touches is set up first.
@@ -208,7 +210,8 @@ void CliBatch::onReport(qsizetype file, qint32 state, qint64 retCode)
     Slot &slot = m_slots[file];
     const VXAudioGain &item = *slot.item;
     CliFileResult r = m_run.result(item.inputFile(), CliOutcome::Failed);
-    if (item.jobSettings().tagsOnly)
+    const VXJobSettings settings = item.jobSettings();
+    if (settings.tagsOnly && !settings.lossless)
         readTagsResult(item, VXGainEnd(retCode), r);
     else
         readGainResult(item, VXGainEnd(retCode), r);
@@ -256,7 +259,7 @@ void CliBatch::end(qsizetype file, const CliFileResult &result, double audioSeco
     }
     if (m_run.opt.analyze && r.outcome == CliOutcome::Analyzed && m_run.journal)
         m_run.journal->done(r.input, VXFileId::of(r.input), QString(), outcomeName(r.outcome));
-    const bool tags = m_run.opt.settings.tagsOnly;
+    const bool tags = m_run.opt.settings.tagsOnly && !m_run.opt.settings.lossless;
     const QString line = endLine(r) + (tags || m_run.opt.analyze ? QString() : QStringLiteral(" (%1 s)").arg(r.seconds, 0, 'f', 1));
     // A cancelled file has no line of its own: the summary counts it.
     if (r.outcome != CliOutcome::Cancelled || !(tags || m_run.opt.analyze))
@@ -288,14 +291,26 @@ void CliBatch::readGainResult(const VXAudioGain &item, VXGainEnd end, CliFileRes
     r.corrections = gain.corrections;
     r.warning = gain.warning;
     r.otherStreams = gain.otherStreams;
+    r.lossless = gain.lossless;
+    r.notes = VXLosslessNotes(gain);
+    if (gain.tagged) {
+        // --lossless --tags-only: the rest of the way is in the tags.
+        r.tagTrackGain = gain.tags.trackGainDb;
+        r.tagTrackPeak = gain.tags.trackPeak;
+        r.tagAlbumGain = gain.tags.albumGainDb;
+        r.tagAlbumPeak = gain.tags.albumPeak;
+    }
     switch (end) {
     case VXGainSucceeded:
         if (gain.skipped) {
             r.outcome = CliOutcome::Skipped;
             break;
         }
-        r.outcome = gain.normalization == VXNormalizationName(VXNormalization::OnePass) ? CliOutcome::OnePass
-                                                                                         : CliOutcome::Ok;
+        // Tags only where no gain field could take the gain: the audio is as it was.
+        r.outcome = gain.lossless.restored                                            ? CliOutcome::Restored
+            : gain.tagged && gain.normalization.isEmpty()                             ? CliOutcome::Tagged
+            : gain.normalization == VXNormalizationName(VXNormalization::OnePass) ? CliOutcome::OnePass
+                                                                                  : CliOutcome::Ok;
         r.output = outputOf(item);
         break;
     case VXGainCancelled:

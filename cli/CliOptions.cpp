@@ -53,7 +53,10 @@ QString helpText(const QList<QCommandLineOption> &options)
                            "       %1 --analyze [--album] [--dual-mono] [--target POS | --lufs LUFS | --preset NAME]\n"
                            "                    [--plot DIR] [--json] FILE|DIR...\n"
                            "       %1 --tags-only [--album] [--dual-mono] [--output-folder DIR] [--preserve-mtime]\n"
-                           "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n")
+                           "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n"
+                           "       %1 --lossless [--tags-only] [options as above] FILE|DIR...\n"
+                           "       %1 --undo-lossless [--output-folder DIR] [--preserve-mtime] [--recursive]\n"
+                           "                    [--jobs N] [--json] FILE|DIR...\n")
                 .arg(kProgram);
     text += QStringLiteral(
         "Bring audio and video files to one loudness: each file is measured, then\n"
@@ -101,7 +104,8 @@ QString helpText(const QList<QCommandLineOption> &options)
                            "  %1 --replace --json podcast.mp3\n"
                            "  %1 --lufs -14 --true-peak -1 --limit-peaks -o out/ album/\n"
                            "  %1 --analyze --preset podcast --plot plots/ episode.wav\n"
-                           "  %1 --skip-within 0.5 --replace --recursive library/\n")
+                           "  %1 --skip-within 0.5 --replace --recursive library/\n"
+                           "  %1 --lossless --replace --recursive mp3s/\n")
                 .arg(kProgram);
     return text;
 }
@@ -165,6 +169,16 @@ struct Options {
                                       QStringLiteral("measure and write ReplayGain 2.0 tags (-18 LUFS; R128_* in "
                                                      "Opus) instead of changing the audio; in place, or into "
                                                      "copies with --output-folder")};
+    const QCommandLineOption lossless{QStringLiteral("lossless"),
+                                      QStringLiteral("change only the gain fields of Opus in Ogg (its header "
+                                                     "gain, exactly) and MP3 (whole 1.5 dB steps under the "
+                                                     "ceiling), copying every coded packet; other formats are "
+                                                     "normalised the usual way. With --tags-only, ReplayGain "
+                                                     "tags carry the rest")};
+    const QCommandLineOption undoLossless{QStringLiteral("undo-lossless"),
+                                          QStringLiteral("put back the gain fields a --lossless run changed, "
+                                                         "as the file records them; in place, or into copies "
+                                                         "with --output-folder")};
     const QCommandLineOption skipWithin{QStringLiteral("skip-within"),
                                         QStringLiteral("leave files already within LU of the target untouched "
                                                        "and report them as skipped"),
@@ -214,8 +228,8 @@ struct Options {
     QList<QCommandLineOption> all() const
     {
         return {target, lufs, preset, truePeak, limitPeaks, analyze, meter, dualMono, quick, album, tagsOnly,
-                skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, json, jsonl, filesFrom, nul,
-                journal, shard, help, version};
+                lossless, undoLossless, skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, json,
+                jsonl, filesFrom, nul, journal, shard, help, version};
     }
 };
 
@@ -305,7 +319,16 @@ Problem readModes(const QCommandLineParser &parser, const Options &x, CliOptions
     o.analyze = parser.isSet(x.analyze);
     o.settings.treatAsAlbums = parser.isSet(x.album);
     o.settings.tagsOnly = parser.isSet(x.tagsOnly);
-    if (o.settings.tagsOnly
+    o.settings.lossless = parser.isSet(x.lossless);
+    o.settings.undoLossless = parser.isSet(x.undoLossless);
+    if (o.settings.undoLossless
+        && (o.analyze || o.settings.lossless || o.settings.tagsOnly || o.settings.treatAsAlbums
+            || parser.isSet(x.skipWithin) || parser.isSet(x.limitPeaks)))
+        return QStringLiteral("--undo-lossless only puts back what the files record: --analyze, --lossless, "
+                              "--tags-only, --album, --limit-peaks and --skip-within do not go with it");
+    if (o.settings.lossless && o.analyze)
+        return QStringLiteral("--analyze writes nothing: --lossless does not go with it");
+    if (o.settings.tagsOnly && !o.settings.lossless
         && (o.analyze || parser.isSet(x.replace) || parser.isSet(x.skipWithin) || parser.isSet(x.limitPeaks)))
         return QStringLiteral("--tags-only changes no audio: --analyze, --replace, --limit-peaks "
                               "and --skip-within do not go with it");
@@ -321,7 +344,8 @@ Problem readPlaces(const QCommandLineParser &parser, const Options &x, CliOption
     if (o.analyze && (o.replace || preserveMtime || parser.isSet(x.outFolder) || parser.isSet(x.skipWithin)))
         return QStringLiteral("--analyze writes nothing: --output-folder, --replace, "
                               "--preserve-mtime and --skip-within do not go with it");
-    if (preserveMtime && !o.replace && !o.settings.tagsOnly)
+    const bool inPlaceByDefault = o.settings.tagsOnly || o.settings.undoLossless;
+    if (preserveMtime && !o.replace && !inPlaceByDefault)
         return QStringLiteral("--preserve-mtime goes with --replace");
     if (parser.isSet(x.outFolder)) {
         if (o.replace)
@@ -329,7 +353,7 @@ Problem readPlaces(const QCommandLineParser &parser, const Options &x, CliOption
         if (parser.value(x.outFolder).isEmpty())
             return QStringLiteral("--output-folder needs a folder");
         o.outputFolder = QDir::cleanPath(QFileInfo(parser.value(x.outFolder)).absoluteFilePath());
-    } else if (!o.replace && !o.analyze && !o.settings.tagsOnly) {
+    } else if (!o.replace && !o.analyze && !inPlaceByDefault) {
         return QStringLiteral("no output folder: give --output-folder DIR, or --replace to overwrite the originals");
     }
     o.recursive = parser.isSet(x.recursive);

@@ -16,6 +16,7 @@ QString outcomeName(CliOutcome outcome)
     case CliOutcome::Skipped: return QStringLiteral("skipped");
     case CliOutcome::Analyzed: return QStringLiteral("analyzed");
     case CliOutcome::Tagged: return QStringLiteral("tagged");
+    case CliOutcome::Restored: return QStringLiteral("restored");
     case CliOutcome::Failed: return QStringLiteral("failed");
     case CliOutcome::Cancelled: return QStringLiteral("cancelled");
     case CliOutcome::Refused: return QStringLiteral("refused");
@@ -27,7 +28,7 @@ QString outcomeName(CliOutcome outcome)
 bool outcomeSucceeded(CliOutcome outcome)
 {
     return outcome == CliOutcome::Ok || outcome == CliOutcome::OnePass || outcome == CliOutcome::Skipped
-        || outcome == CliOutcome::Analyzed || outcome == CliOutcome::Tagged;
+        || outcome == CliOutcome::Analyzed || outcome == CliOutcome::Tagged || outcome == CliOutcome::Restored;
 }
 
 double measuredValue(const CliFileResult &r, const char *key)
@@ -85,6 +86,8 @@ QStringList cellsOf(const CliFileResult &r)
         file += QStringLiteral(" (") + r.reason + QLatin1Char(')');
     if (!r.warning.isEmpty())
         file += QStringLiteral(" (warning: ") + r.warning + QLatin1Char(')');
+    if (!r.notes.isEmpty())
+        file += QStringLiteral(" (") + r.notes.join(QStringLiteral("; ")) + QLatin1Char(')');
     if (!r.album.isEmpty())
         file += QStringLiteral(" [") + r.album + QLatin1Char(']');
     const bool ran = r.outcome != CliOutcome::Refused && r.outcome != CliOutcome::Missing;
@@ -120,7 +123,7 @@ void CliTable::measure(const CliFileResult &r)
     for (qsizetype c = 0; c < ColumnCount; ++c)
         m_widths[c] = std::max(m_widths[c], cells[c].size());
     m_maxima = m_maxima || !std::isnan(r.maxShortTerm);
-    m_tags = m_tags || r.outcome == CliOutcome::Tagged;
+    m_tags = m_tags || !std::isnan(r.tagTrackGain);
     if (r.album.isEmpty())
         return;
     auto it = std::find_if(m_albums.begin(), m_albums.end(), [&](const Album &a) { return a.name == r.album; });
@@ -223,6 +226,22 @@ QJsonObject resultObject(const CliFileResult &r)
         o[QStringLiteral("max_momentary")] = rounded(r.maxMomentary);
         o[QStringLiteral("normalization")] = r.normalization.isEmpty() ? QJsonValue() : QJsonValue(r.normalization);
         o[QStringLiteral("correction_passes")] = r.corrections;
+        if (r.lossless.asked) {
+            // Steps of 20 log10(2^(1/4)) dB; the offset is the gain applied less the gain planned.
+            QJsonObject lossless{{QStringLiteral("applied"), r.lossless.fallback.isEmpty()}};
+            if (!r.lossless.fallback.isEmpty())
+                lossless[QStringLiteral("fallback")] = r.lossless.fallback;
+            if (r.normalization == QLatin1String("lossless-step") || r.lossless.restored) {
+                lossless[QStringLiteral("steps")] = r.lossless.steps;
+                lossless[QStringLiteral("step_db")] = 1.505;
+            }
+            if (r.normalization == QLatin1String("lossless-step")) {
+                lossless[QStringLiteral("offset_db")] = rounded(r.lossless.offsetDb);
+                lossless[QStringLiteral("gain_fields")] = qint64(r.lossless.fields);
+                lossless[QStringLiteral("clamped_fields")] = qint64(r.lossless.clamped);
+            }
+            o[QStringLiteral("lossless")] = lossless;
+        }
         if (!r.otherStreams.isEmpty()) {
             QJsonArray streams;
             for (const VXGainResult::Stream &s : r.otherStreams)
@@ -238,7 +257,7 @@ QJsonObject resultObject(const CliFileResult &r)
                                                      {QStringLiteral("input_lra"), rounded(r.albumLra)},
                                                      {QStringLiteral("gain_db"), rounded(r.albumGainDb)},
                                                      {QStringLiteral("normalization"), r.albumNormalization}};
-        if (r.outcome == CliOutcome::Tagged) {
+        if (r.outcome == CliOutcome::Tagged || !std::isnan(r.tagTrackGain)) {
             // Peaks as written, to six places: players multiply by them.
             auto peak = [](double v) { return jsonNumber(std::isnan(v) ? v : std::round(v * 1e6) / 1e6); };
             o[QStringLiteral("tags")] = QJsonObject{{QStringLiteral("track_gain_db"), rounded(r.tagTrackGain)},

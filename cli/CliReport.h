@@ -6,6 +6,7 @@
 #include <QJsonObject>
 #include <QList>
 #include <QString>
+#include <QStringList>
 #include <QVariantMap>
 
 #include <cmath>
@@ -17,6 +18,7 @@ enum class CliOutcome {
     Skipped,   // already within --skip-within of the target: left untouched
     Analyzed,  // measured only (--analyze)
     Tagged,    // measured and ReplayGain tags written (--tags-only); audio untouched
+    Restored,  // --undo-lossless put the original gain fields back
     Failed,    // the job failed; nothing was written
     Cancelled, // interrupted; nothing was written, the original is untouched
     Refused,   // the file could not be opened as audio
@@ -57,6 +59,10 @@ struct CliFileResult {
     double tagTrackPeak = NAN;
     double tagAlbumGain = NAN;
     double tagAlbumPeak = NAN;
+    // --lossless: the steps, how far they fell from the plan, fields held at
+    // a limit, or why the file was normalised the usual way.
+    VXGainResult::Lossless lossless;
+    QStringList notes;  // the same in words
 };
 
 // A number from the measurement record (loudnorm prints them as strings),

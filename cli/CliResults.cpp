@@ -18,6 +18,8 @@ QDataStream &operator<<(QDataStream &s, const CliFileResult &r)
         s << stream.index << stream.gainDb << stream.normalization;
     s << r.album << r.albumI << r.albumTp << r.albumLra << r.albumGainDb << r.albumNormalization << r.tagTrackGain
       << r.tagTrackPeak << r.tagAlbumGain << r.tagAlbumPeak;
+    const VXGainResult::Lossless &l = r.lossless;
+    s << l.asked << l.steps << l.offsetDb << qint64(l.fields) << qint64(l.clamped) << l.fallback << l.restored << r.notes;
     return s;
 }
 
@@ -36,6 +38,11 @@ QDataStream &operator>>(QDataStream &s, CliFileResult &r)
     }
     s >> r.album >> r.albumI >> r.albumTp >> r.albumLra >> r.albumGainDb >> r.albumNormalization >> r.tagTrackGain
         >> r.tagTrackPeak >> r.tagAlbumGain >> r.tagAlbumPeak;
+    VXGainResult::Lossless &l = r.lossless;
+    qint64 fields = 0, clamped = 0;
+    s >> l.asked >> l.steps >> l.offsetDb >> fields >> clamped >> l.fallback >> l.restored >> r.notes;
+    l.fields = long(fields);
+    l.clamped = long(clamped);
     return s;
 }
 

@@ -47,7 +47,10 @@ namespace {
 QString journalKey(const CliOptions &opt)
 {
     const VXJobSettings &s = opt.settings;
-    QString mode = opt.analyze ? QStringLiteral("analyze") : s.tagsOnly ? QStringLiteral("tags") : QStringLiteral("gain");
+    QString mode = opt.analyze ? QStringLiteral("analyze") : s.undoLossless ? QStringLiteral("undo-lossless")
+                 : s.tagsOnly && !s.lossless ? QStringLiteral("tags") : QStringLiteral("gain");
+    if (s.lossless)
+        mode += s.tagsOnly ? QStringLiteral("+lossless+tags") : QStringLiteral("+lossless");
     return QStringLiteral("%1;target=%2;ceiling=%3;limit=%4;meter=%5;dual=%6;album=%7;skip=%8;dest=%9")
         .arg(mode)
         .arg(double(VXLoudnessScale::lufsForPosition(s.targetLoudness)), 0, 'f', 2)

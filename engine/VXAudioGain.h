@@ -36,7 +36,9 @@ struct VXGainResult {
     double outputI = NAN;
     double outputTp = NAN;
     double outputLra = NAN;
-    QString normalization;  // "linear", "peak-capped", "limited" or "one-pass"
+    // "linear", "peak-capped", "limited", "one-pass", "lossless" (Opus's
+    // header gain) or "lossless-step" (whole steps of MP3's gain fields)
+    QString normalization;
     QString reason;         // why the job failed; empty when it did not
     QString warning;        // succeeded, but something the user should know
     bool skipped = false;   // already within skipWithin of the target: nothing written
@@ -53,6 +55,17 @@ struct VXGainResult {
     QString album;      // the album whose gain was applied or tagged; empty outside album mode
     bool tagged = false;  // tags only: the values written, the audio untouched
     VXReplayGain tags;
+    // A lossless run: what the gain fields took, or why the file was
+    // normalised the usual way instead.
+    struct Lossless {
+        bool asked = false;
+        int steps = 0;             // lossless-step: 2^(1/4) steps added to every gain field
+        double offsetDb = NAN;     // the gain applied less the gain planned: within 0.75 dB unless the ceiling held it
+        long fields = 0;           // gain fields that carry audio (granules x channels)
+        long clamped = 0;          // of those, held at a limit of the field
+        QString fallback;          // why this file was normalised the usual way
+        bool restored = false;     // an undo put the original fields back
+    } lossless;
 };
 
 // A track in album mode: its own figures and its album's. The job then

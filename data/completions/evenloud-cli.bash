@@ -29,7 +29,8 @@ _evenloud_cli()
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W '--target --lufs --preset --true-peak --limit-peaks --output-folder
             --replace --preserve-mtime --recursive --jobs --json --analyze --meter --dual-mono --quick --skip-within --plot
-            --album --tags-only --jsonl --files-from --null --journal --shard --help --version' -- "$cur")
+            --album --tags-only --lossless --undo-lossless --jsonl --files-from --null --journal --shard
+            --help --version' -- "$cur")
         return
     fi
     # Files with the extensions it takes, and folders to walk.

@@ -23,5 +23,7 @@ complete -c evenloud-cli -l skip-within -x -d 'Leave files within LU of the targ
 complete -c evenloud-cli -l plot -xa '(__fish_complete_directories)' -d 'Write a loudness picture per file into DIR'
 complete -c evenloud-cli -l album -d 'Treat albums as one: every track moves by the album gain'
 complete -c evenloud-cli -l tags-only -d 'Write ReplayGain 2.0 tags instead of changing the audio'
+complete -c evenloud-cli -l lossless -d 'Change only the gain fields of Opus and MP3; no re-encoding'
+complete -c evenloud-cli -l undo-lossless -d 'Put back the gain fields a --lossless run changed'
 complete -c evenloud-cli -s h -l help -d 'Show the help and exit'
 complete -c evenloud-cli -s V -l version -d 'Show the version and exit'

@@ -436,6 +436,10 @@ private slots:
         Controller c;
         QAction *tagsOnly = c->window()->findChild<QAction *>(QStringLiteral("actionTagsOnly"));
         tagsOnly->setChecked(true);
+        // The lossless mode sits beside it, off until chosen.
+        QAction *lossless = c->window()->findChild<QAction *>(QStringLiteral("actionLossless"));
+        QVERIFY(lossless && lossless->isCheckable() && !lossless->isChecked());
+        QCOMPARE(lossless->text(), QStringLiteral("Without re-encoding where the format allows"));
         const QString flac = fixtures::makeAudio(album, QStringLiteral("c.flac"), 3.0, {QStringLiteral("-c:a"), QStringLiteral("flac")});
         auto audioMd5 = [](const QString &path) {
             QString md5;
