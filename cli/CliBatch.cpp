@@ -140,6 +140,10 @@ void CliBatch::readTagsResult(const VXAudioGain &item, VXGainEnd end, CliFileRes
         r.outcome = CliOutcome::Cancelled;
         return;
     case VXGainSucceeded:
+        if (gain.skipped) {  // tagged before by the same meter: left as it is
+            r.outcome = CliOutcome::Skipped;
+            break;
+        }
         r.outcome = CliOutcome::Tagged;
         r.output = outputOf(item);
         r.warning = gain.warning;

@@ -165,8 +165,10 @@ struct Options {
                                                      "Opus) instead of changing the audio; in place, or into "
                                                      "copies with --output-folder")};
     const QCommandLineOption skipWithin{QStringLiteral("skip-within"),
-                                        QStringLiteral("leave files already within LU of the target untouched "
-                                                       "and report them as skipped"),
+                                        QStringLiteral("leave files already within LU of the target, or made "
+                                                       "before with the same settings (as their tag says: "
+                                                       "not even decoded), untouched and report them as "
+                                                       "skipped; with --tags-only, files tagged before"),
                                         QStringLiteral("LU")};
     const QCommandLineOption plot{QStringLiteral("plot"),
                                   QStringLiteral("write a picture of each file's loudness over time to "
@@ -283,10 +285,10 @@ Problem readModes(const QCommandLineParser &parser, const Options &x, CliOptions
     o.analyze = parser.isSet(x.analyze);
     o.settings.treatAsAlbums = parser.isSet(x.album);
     o.settings.tagsOnly = parser.isSet(x.tagsOnly);
-    if (o.settings.tagsOnly
-        && (o.analyze || parser.isSet(x.replace) || parser.isSet(x.skipWithin) || parser.isSet(x.limitPeaks)))
-        return QStringLiteral("--tags-only changes no audio: --analyze, --replace, --limit-peaks "
-                              "and --skip-within do not go with it");
+    // With --skip-within, tags-only skips the files it tagged before.
+    if (o.settings.tagsOnly && (o.analyze || parser.isSet(x.replace) || parser.isSet(x.limitPeaks)))
+        return QStringLiteral("--tags-only changes no audio: --analyze, --replace and --limit-peaks "
+                              "do not go with it");
     return std::nullopt;
 }
 

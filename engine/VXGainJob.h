@@ -7,6 +7,7 @@
 
 #include "engine/VXAudioGain.h"
 #include "engine/VXJobPlan.h"
+#include "engine/VXProvenance.h"
 #include "engine/codec/VXError.h"
 
 #include <QJsonObject>
@@ -54,6 +55,7 @@ private:
     VXResult<int> correct(const VXJobPlan &plan, VXFilter &filter, VXLoudness *output,
                           const std::function<VXResult<>(Pass)> &pass);
     VXGainEnd skip(const VXJobPlan &plan);
+    VXGainEnd skipAsMade(const VXProvenance &made);
     VXGainEnd runOnePass();
     VXGainEnd verifyAndPlace(const VXGainResult &result, double expected);
 
