@@ -139,18 +139,3 @@ TEST(Provenance, EveryContainerCarriesOneRecord)
         EXPECT_TRUE(errors.trimmed().isEmpty()) << errors.toStdString();
     }
 }
-
-// Without a skip window the file is not even looked at; with one, only a
-// matching record skips.
-TEST(Provenance, SkipsOnlyWithAWindowAndAMatchingRecord)
-{
-    QTemporaryDir dir;
-    const QString path = fixtures::makeAudio(dir.path(), QStringLiteral("a.flac"), 1.0, {QStringLiteral("-c:a"), QStringLiteral("flac")});
-    ASSERT_FALSE(path.isEmpty());
-    ASSERT_TRUE(VXWriteProvenance(path, madeAt(-16.0)));
-    VXJobSettings s = settingsAt(-16.0);
-    EXPECT_TRUE(VXProvenanceSkip(path, s));
-    s.skipWithin = NAN;
-    EXPECT_FALSE(VXProvenanceSkip(path, s));
-    EXPECT_FALSE(VXProvenanceSkip(path, settingsAt(-14.0)));
-}
