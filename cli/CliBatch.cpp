@@ -6,6 +6,7 @@
 #include "engine/VXAnalysis.h"
 #include "engine/VXGainText.h"
 #include "engine/VXJournal.h"
+#include "engine/VXProvenance.h"
 #include "engine/VXMainThread.h"
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXFilter.h"
@@ -120,8 +121,14 @@ void CliBatch::launch(qsizetype file)
 
 std::optional<CliFileResult> CliBatch::precheck(const QString &path) const
 {
-    Q_UNUSED(path);
-    return std::nullopt;
+    // Made by us with these settings, as its tag says: not even probed.
+    const std::optional<VXProvenance> made = VXProvenanceSkip(path, m_run.opt.settings);
+    if (!made)
+        return std::nullopt;
+    CliFileResult r = m_run.result(path, CliOutcome::Skipped);
+    r.measurement = made->measurementRecord();
+    r.gainDb = 0.0;
+    return r;
 }
 
 void CliBatch::analyze(qsizetype file)
@@ -257,7 +264,10 @@ void CliBatch::end(qsizetype file, const CliFileResult &result, double audioSeco
         r.gainDb = r.albumGainDb;
         r.normalization = r.albumNormalization;
     }
-    if (m_run.opt.analyze && r.outcome == CliOutcome::Analyzed && m_run.journal)
+    // A job records its own end; what ended without one (measured only, or
+    // skipped on its record) is recorded here.
+    const bool jobless = it == m_slots.end() || !it->second.item;
+    if (m_run.journal && jobless && (r.outcome == CliOutcome::Analyzed || r.outcome == CliOutcome::Skipped))
         m_run.journal->done(r.input, VXFileId::of(r.input), QString(), outcomeName(r.outcome));
     const bool tags = m_run.opt.settings.tagsOnly && !m_run.opt.settings.lossless;
     const QString line = endLine(r) + (tags || m_run.opt.analyze ? QString() : QStringLiteral(" (%1 s)").arg(r.seconds, 0, 'f', 1));
@@ -334,6 +344,10 @@ void CliBatch::readTagsResult(const VXAudioGain &item, VXGainEnd end, CliFileRes
         r.outcome = CliOutcome::Cancelled;
         return;
     case VXGainSucceeded:
+        if (gain.skipped) {  // tagged before by the same meter: left as it is
+            r.outcome = CliOutcome::Skipped;
+            break;
+        }
         r.outcome = CliOutcome::Tagged;
         r.output = outputOf(item);
         r.warning = gain.warning;

@@ -180,8 +180,10 @@ struct Options {
                                                          "as the file records them; in place, or into copies "
                                                          "with --output-folder")};
     const QCommandLineOption skipWithin{QStringLiteral("skip-within"),
-                                        QStringLiteral("leave files already within LU of the target untouched "
-                                                       "and report them as skipped"),
+                                        QStringLiteral("leave files already within LU of the target, or made "
+                                                       "before with the same settings (as their tag says: "
+                                                       "not even decoded), untouched and report them as "
+                                                       "skipped; with --tags-only, files tagged before"),
                                         QStringLiteral("LU")};
     const QCommandLineOption plot{QStringLiteral("plot"),
                                   QStringLiteral("write a picture of each file's loudness over time to "
@@ -328,10 +330,11 @@ Problem readModes(const QCommandLineParser &parser, const Options &x, CliOptions
                               "--tags-only, --album, --limit-peaks and --skip-within do not go with it");
     if (o.settings.lossless && o.analyze)
         return QStringLiteral("--analyze writes nothing: --lossless does not go with it");
+    // With --skip-within, tags-only skips the files it tagged before.
     if (o.settings.tagsOnly && !o.settings.lossless
-        && (o.analyze || parser.isSet(x.replace) || parser.isSet(x.skipWithin) || parser.isSet(x.limitPeaks)))
-        return QStringLiteral("--tags-only changes no audio: --analyze, --replace, --limit-peaks "
-                              "and --skip-within do not go with it");
+        && (o.analyze || parser.isSet(x.replace) || parser.isSet(x.limitPeaks)))
+        return QStringLiteral("--tags-only changes no audio: --analyze, --replace and --limit-peaks "
+                              "do not go with it");
     return std::nullopt;
 }
 

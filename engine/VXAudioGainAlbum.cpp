@@ -60,11 +60,15 @@ qint64 VXAudioGain::runTagsOnly()
     if (m_cancel.isCancelled())
         return VXGainCancelled;
     const VXReplayGain gains = VXReplayGainFor(track, album ? &album->album : nullptr);
+    const VXJobSettings settings = jobSettings();
+    VXProvenance made = VXProvenance::forJob(settings, kVXReplayGainReference, QLatin1String(kVXProvenanceTags));
+    made.integrated = track.integrated;
+    made.truePeak = track.truePeak;
+    made.range = track.range;
     // Nothing left to cancel from here: the tagged copy replaces the file
     // in one step, or not at all.
-    const VXPlacement::Result placed
-        = VXTagFile(inputFile(), replaceOriginalFile() ? QString() : outFolder(), gains,
-                    jobSettings().preserveModificationTime, journalHook());
+    const VXPlacement::Result placed = VXTagFile(inputFile(), replaceOriginalFile() ? QString() : outFolder(), gains,
+                                                 made, settings.preserveModificationTime, journalHook());
     if (!placed)
         return fail(placed.reason());
     {

@@ -43,7 +43,9 @@ bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
             VXPlacement::replaceFile(tempPath, inputFile(), jobSettings().preserveModificationTime, journalHook());
         if (result) {
             QMutexLocker locker(&m_lock);
-            m_result.warning = result->warning;
+            if (!result->warning.isEmpty())
+                m_result.warning = m_result.warning.isEmpty() ? result->warning
+                                                              : m_result.warning + QStringLiteral("; ") + result->warning;
             return true;
         }
         if (result.error().code == VXPlacement::kBeforeRemoval)

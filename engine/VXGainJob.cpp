@@ -38,6 +38,10 @@ VXGainEnd VXGainJob::run()
     }
     if (m_item.m_cancel.isCancelled())
         return VXGainCancelled;
+    // Made by us with these settings, as its tag says: nothing to decode,
+    // not even its album.
+    if (const std::optional<VXProvenance> made = VXProvenanceSkip(m_item.inputFile(), m_settings))
+        return skipAsMade(*made);
     if (const VXResult<> album = m_item.resolveAlbum(); !album)
         return end(album.error());
     if (m_settings.undoLossless)
@@ -136,6 +140,17 @@ VXGainEnd VXGainJob::skip(const VXJobPlan &plan)
     m_item.m_result.gainDb = 0.0;
     m_item.m_result.measuredI = plan.measuredI;
     m_item.m_result.album = plan.album;
+    return VXGainSucceeded;
+}
+
+// The level the earlier run's result measured stands in for pass 1's record.
+VXGainEnd VXGainJob::skipAsMade(const VXProvenance &made)
+{
+    QMutexLocker locker(&m_item.m_lock);
+    m_item.m_measurement = made.measurementRecord();
+    m_item.m_result.skipped = true;
+    m_item.m_result.gainDb = 0.0;
+    m_item.m_result.measuredI = made.integrated;
     return VXGainSucceeded;
 }
 
@@ -271,6 +286,17 @@ VXGainEnd VXGainJob::verifyAndPlace(const VXGainResult &result, double expected)
             return end(VXError::because(QStringLiteral("missed the target: the result measures silent")));
         if (std::fabs(result.outputI - expected) > 0.5)
             return end(VXError::because(QStringLiteral("missed the target: reached %1 LUFS").arg(result.outputI, 0, 'f', 1)));
+    }
+    // Recorded only once verified, so a file that says it was made with
+    // these settings was. A file that cannot take the record is still a
+    // good result: placed, and measured again by the next run.
+    VXProvenance made = VXProvenance::forJob(m_settings, m_target, result.normalization);
+    made.integrated = result.outputI;
+    made.truePeak = result.outputTp;
+    made.range = result.outputLra;
+    if (const VXResult<> recorded = VXWriteProvenance(m_item.tempOutFile(), made); !recorded) {
+        QMutexLocker locker(&m_item.m_lock);
+        m_item.m_result.warning = QStringLiteral("not tagged with its settings (%1)").arg(recorded.reason());
     }
     return VXGainEnd(m_item.finishWithPlacement());
 }

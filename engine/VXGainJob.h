@@ -7,6 +7,7 @@
 
 #include "engine/VXAudioGain.h"
 #include "engine/VXJobPlan.h"
+#include "engine/VXProvenance.h"
 #include "engine/codec/VXError.h"
 
 #include <QJsonObject>
@@ -60,6 +61,7 @@ private:
     void noteFallback(const QString &why);
     VXGainEnd undoLossless();
     VXGainEnd skip(const VXJobPlan &plan);
+    VXGainEnd skipAsMade(const VXProvenance &made);
     VXGainEnd runOnePass();
     VXGainEnd verifyAndPlace(const VXGainResult &result, double expected);
 

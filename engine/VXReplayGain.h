@@ -4,6 +4,7 @@
 // it is, byte for byte.
 
 #include "engine/VXPlacement.h"
+#include "engine/VXProvenance.h"
 #include "engine/codec/VXError.h"
 #include "engine/codec/VXLoudnessMeter.h"
 
@@ -26,11 +27,15 @@ VXReplayGain VXReplayGainFor(const VXLoudness &track, const VXLoudness *album);
 
 // Writes the tags into path itself, by its container (ID3v2 TXXX in MP3 and
 // WAV, Vorbis comments in FLAC and Ogg, R128_* in Opus, freeform atoms in
-// MP4, attributes in ASF). Other tags stay.
-VXResult<> VXWriteReplayGainTags(const QString &path, const VXReplayGain &gains);
+// MP4, attributes in ASF), with the reference loudness their gains lead to
+// (not in Opus, whose R128_* have a fixed one) and, when given, the record
+// of how they were made (its target the reference). Other tags stay.
+VXResult<> VXWriteReplayGainTags(const QString &path, const VXReplayGain &gains,
+                                 const VXProvenance *provenance = nullptr);
 
 // The safe way: a copy of input is tagged in the private temporary folder,
 // then replaces input atomically (outFolder empty) or is placed in outFolder
 // under input's name, so a kill leaves either file whole.
 VXPlacement::Result VXTagFile(const QString &input, const QString &outFolder, const VXReplayGain &gains,
-                              bool keepModificationTime, const VXPlacement::BeforePublish &beforePublish = {});
+                              const VXProvenance &provenance, bool keepModificationTime,
+                              const VXPlacement::BeforePublish &beforePublish = {});

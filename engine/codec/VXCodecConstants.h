@@ -43,6 +43,11 @@ inline constexpr float VXMaxTruePeakTarget = 0.0f;
 inline constexpr float VXMinIntegratedLoudnessTarget = -70.0f;
 inline constexpr float VXMaxIntegratedLoudnessTarget = -5.0f;
 
+// Our own tag: how a file was made (engine/VXProvenance.h). A TXXX frame's
+// description in ID3v2, a Xiph comment's field, an MP4 freeform atom's name,
+// an ASF attribute. Like loudness tags, it describes the audio it came with.
+inline constexpr const char kVXProvenanceKey[] = "EVENLOUD";
+
 // Durations are reported in microseconds (FFmpeg's AV_TIME_BASE).
 inline constexpr quint64 VXTimebase = 1000000;
 

@@ -1,5 +1,6 @@
 #include "engine/codec/VXPipeline.h"
 
+#include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXEncoderChoice.h"
 #include "engine/codec/VXLog.h"
 #include "engine/codec/VXProbe.h"
@@ -55,14 +56,17 @@ QByteArray pictureComment(const AVStream *pic)
 }
 
 // Loudness tags describe the old audio: players would apply them on top of
-// the new level, so they do not survive the gain.
+// the new level, so they do not survive the gain. Nor does our own record
+// of how the old audio was made: the job writes the new one once it has
+// checked the result, and one that fails to leaves no stale record behind.
 void dropLoudnessTags(AVDictionary **metadata)
 {
     QList<QByteArray> stale;
     const AVDictionaryEntry *e = nullptr;
     while ((e = av_dict_get(*metadata, "", e, AV_DICT_IGNORE_SUFFIX))) {
         const QByteArray key = QByteArray(e->key).toUpper();
-        if (key.startsWith("REPLAYGAIN_") || key.startsWith("R128_") || key.contains("ITUNNORM"))
+        if (key.startsWith("REPLAYGAIN_") || key.startsWith("R128_") || key.contains("ITUNNORM")
+            || key == kVXProvenanceKey)
             stale.append(e->key);
     }
     for (const QByteArray &key : std::as_const(stale))

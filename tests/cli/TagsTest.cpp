@@ -135,8 +135,10 @@ TEST_F(CliTags, EachContainerCarriesGainsAnIndependentMeterAgreesWith)
             EXPECT_NEAR(tags.value("R128_TRACK_GAIN").toDouble() / 256.0, -23.0 - independent.integrated, 0.1);
             EXPECT_FALSE(tags.value("R128_ALBUM_GAIN").isEmpty());
             EXPECT_FALSE(tags.contains("REPLAYGAIN_TRACK_GAIN"));
+            EXPECT_FALSE(tags.contains("REPLAYGAIN_REFERENCE_LOUDNESS"));
             continue;
         }
+        EXPECT_EQ(tags.value("REPLAYGAIN_REFERENCE_LOUDNESS"), "-18.00 LUFS");
         EXPECT_NEAR(tags.value("REPLAYGAIN_TRACK_GAIN").section(' ', 0, 0).toDouble(), trackGain, 0.005);
         EXPECT_NEAR(20 * std::log10(tags.value("REPLAYGAIN_TRACK_PEAK").toDouble()), independent.truePeak, 0.3);
         EXPECT_EQ(tags.contains("REPLAYGAIN_ALBUM_GAIN"), i > 0);
