@@ -198,6 +198,7 @@ void CliBatch::runJob(qsizetype file)
         return;
     }
     const VXAudioGainPtr item = m_slots[file].item;
+    m_slots[file].jobRan = true;
     // Tags take no time to speak of once measured: one line at the end.
     if (!item->jobSettings().tagsOnly || item->jobSettings().lossless)
         m_progress.fileStarted(int(file), item->inputFile(), item->duration());
@@ -266,7 +267,7 @@ void CliBatch::end(qsizetype file, const CliFileResult &result, double audioSeco
     }
     // A job records its own end; what ended without one (measured only, or
     // skipped on its record) is recorded here.
-    const bool jobless = it == m_slots.end() || !it->second.item;
+    const bool jobless = it == m_slots.end() || !it->second.jobRan;
     if (m_run.journal && jobless && (r.outcome == CliOutcome::Analyzed || r.outcome == CliOutcome::Skipped))
         m_run.journal->done(r.input, VXFileId::of(r.input), QString(), outcomeName(r.outcome));
     const bool tags = m_run.opt.settings.tagsOnly && !m_run.opt.settings.lossless;

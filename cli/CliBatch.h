@@ -46,6 +46,7 @@ private:
         VXLoudness inputCurve;  // --plot: the input as it was
         QElapsedTimer clock;
         bool started = false;
+        bool jobRan = false;  // the item's job ran (and kept its own journal)
     };
     void prepareSorted();
     void startNext();
