@@ -1,11 +1,17 @@
 #include "engine/VXAudioGain.h"
 #include "engine/codec/VXWorker.h"
 
+#include <QFile>
 #include <QGuiApplication>
+#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 int main(int argc, char **argv)
 {
+    // Measurements kept in a folder of this run's own, however the tests
+    // are started; never in the user's cache.
+    QTemporaryDir cacheHome;
+    qputenv("XDG_CACHE_HOME", QFile::encodeName(cacheHome.path()));
     // A GUI application: the state image and the artwork are drawn, and jobs
     // report to this (main) thread.
     QGuiApplication app(argc, argv);
