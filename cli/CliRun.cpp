@@ -137,7 +137,7 @@ void measureInputs(CliRun &run)
         const int i = measured[k];
         VXAnalysis a = VXAnalyzeFile(std::as_const(run.results)[i].input, run.targetLufs,
                                      opt.settings.truePeakCeiling, opt.settings.limitPeaks, opt.settings.dualMono,
-                                     &run.measuring);
+                                     &run.measuring, run.plot());
         run.inputCurves[size_t(i)] = a.loudness;
         if (a.ok && opt.analyze && run.plot())
             run.drawPicture(i, {});
