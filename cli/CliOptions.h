@@ -1,6 +1,7 @@
 #pragma once
 
 #include "engine/VXJobSettings.h"
+#include "engine/VXMeasureCache.h"
 
 #include <QString>
 #include <QStringList>
@@ -19,6 +20,7 @@ struct CliOptions {
     bool analyze = false;   // measure and report only; nothing is written
     QString plotFolder;     // absolute; empty for no pictures
     QStringList inputs;     // files and folders, as given
+    VXMeasureCache::Location cache;  // where measurements are kept (--cache, --no-cache)
 };
 
 // The outcome of parsing: options to run with, or text to print and the

@@ -13,6 +13,10 @@ _evenloud_cli()
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -d -- "$cur")
             return ;;
+        --cache)
+            compopt -o filenames 2>/dev/null
+            mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+            return ;;
         --preset)
             mapfile -t COMPREPLY < <(compgen -W 'ebu atsc streaming podcast replaygain' -- "$cur")
             return ;;
@@ -25,7 +29,7 @@ _evenloud_cli()
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W '--target --lufs --preset --true-peak --limit-peaks --output-folder
             --replace --preserve-mtime --recursive --jobs --json --analyze --meter --dual-mono --quick --skip-within --plot
-            --album --tags-only --help --version' -- "$cur")
+            --album --tags-only --cache --no-cache --help --version' -- "$cur")
         return
     fi
     # Files with the extensions it takes, and folders to walk.
