@@ -7,6 +7,25 @@
 
 namespace cachetest {
 
+// Uses another database for as long as it lives, then the one before.
+class UseCache {
+public:
+    explicit UseCache(const QString &path) : m_before(VXMeasureCache::path())
+    {
+        VXMeasureCache::configure({VXMeasureCache::Location::File, path});
+    }
+    ~UseCache()
+    {
+        VXMeasureCache::configure(m_before.isEmpty() ? VXMeasureCache::Location{VXMeasureCache::Location::Off, {}}
+                                                     : VXMeasureCache::Location{VXMeasureCache::Location::File, m_before});
+    }
+    UseCache(const UseCache &) = delete;
+    UseCache &operator=(const UseCache &) = delete;
+
+private:
+    QString m_before;
+};
+
 inline VXMeasureCache::Key key(qint64 tag, int i)
 {
     VXMeasureCache::Key k;

@@ -15,6 +15,7 @@
 #include <QTemporaryDir>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <optional>
 #include <sys/stat.h>
 
 using namespace enginetest;
@@ -73,9 +74,9 @@ protected:
     {
         ASSERT_TRUE(m_dir.isValid());
         m_db = QDir(m_dir.path()).filePath(QStringLiteral("cache/measurements.sqlite"));
-        VXMeasureCache::configure({VXMeasureCache::Location::File, m_db});
+        m_use.emplace(m_db);
     }
-    void TearDown() override { VXMeasureCache::configure({}); }
+    void TearDown() override { m_use.reset(); }
 
     QString settledWav(const QString &name, double seconds, double gainDb = 0.0)
     {
@@ -85,6 +86,7 @@ protected:
 
     QTemporaryDir m_dir;
     QString m_db;
+    std::optional<cachetest::UseCache> m_use;
 };
 
 } // namespace

@@ -1,3 +1,4 @@
+#include "CacheTestData.h"
 #include "EngineTestUtil.h"
 
 #include "engine/VXAudioGain.h"
@@ -466,7 +467,7 @@ TEST_F(JobTest, CrashInTheCodecFailsThatFileAlone)
 // that measured it.
 TEST_F(JobTest, AFileMeasuredBeforeSkipsPassOne)
 {
-    VXMeasureCache::configure({VXMeasureCache::Location::File, QDir(m_in.path()).filePath(QStringLiteral("db"))});
+    std::optional<cachetest::UseCache> cache(std::in_place, QDir(m_in.path()).filePath(QStringLiteral("db")));
     const QString wav = makeWav(m_in.path(), QStringLiteral("kept.wav"), 3.0, -6.0);
     QFile settled(wav);  // an hour old: its figures are kept
     ASSERT_TRUE(settled.open(QIODevice::ReadOnly)
@@ -486,7 +487,7 @@ TEST_F(JobTest, AFileMeasuredBeforeSkipsPassOne)
         results << gain->gainResult();
         reports << run.reports;
     }
-    VXMeasureCache::configure({});
+    cache.reset();
     auto firstHalf = [](const QList<Report> &r) {
         return std::count_if(r.begin(), r.end(), [](const Report &x) { return x.first == 2 && x.second < 50; });
     };

@@ -1,17 +1,15 @@
 #include "engine/VXAudioGain.h"
+#include "engine/VXMeasureCache.h"
 #include "engine/codec/VXWorker.h"
 
-#include <QFile>
 #include <QGuiApplication>
-#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 int main(int argc, char **argv)
 {
-    // Measurements kept in a folder of this run's own, however the tests
-    // are started; never in the user's cache.
-    QTemporaryDir cacheHome;
-    qputenv("XDG_CACHE_HOME", QFile::encodeName(cacheHome.path()));
+    // No measurement cache unless a test asks for one: whether a job's
+    // first pass runs must not hang on how old its file has grown by then.
+    VXMeasureCache::configure({VXMeasureCache::Location::Off, QString()});
     // A GUI application: the state image and the artwork are drawn, and jobs
     // report to this (main) thread.
     QGuiApplication app(argc, argv);
