@@ -3,6 +3,7 @@
 #include "app/RQAudioGainRows.h"
 #include "app/RQSettingsController.h"
 #include "engine/VXGainState.h"
+#include "engine/VXMeasureCache.h"
 
 #include "ui_MainWindow.h"
 
@@ -38,9 +39,10 @@ void AppDelegate::analyze(const VXAudioGainPtr &item, const QString &path, bool 
     QtConcurrent::run(&m_analysisPool,
                       [path, cancel, flags] {
                           Measurement m;
-                          const VXResult<VXLoudness> measured = VXMeasureFile(path, flags, cancel.get());
+                          VXResult<VXMeasured> measured = VXMeasureWithCache(path, flags, cancel.get());
                           m.ok = measured.ok();
-                          m.loudness = measured.valueOr({});
+                          if (m.ok)
+                              m.loudness = std::move(measured->loudness);
                           return m;
                       })
         .then(this, [this, weak = std::weak_ptr<VXAudioGain>(item), output](const Measurement &m) {

@@ -1,5 +1,6 @@
 #include "app/AppDelegate.h"
 
+#include "app/RQAudioGainRows.h"
 #include "app/RQImportController.h"
 #include "app/RQSettingsController.h"
 #include "views/RQPopupMenuWndCtrl.h"
@@ -71,6 +72,8 @@ void AppDelegate::connectImport()
     });
     connect(m_import, &RQImportController::importFinished, this, &AppDelegate::importFinished);
     connect(m_import, &RQImportController::alertRequested, this, &AppDelegate::alert);
+    connect(m_import, &RQImportController::measurementKept, this,
+            [this](const VXAudioGain *item, const VXLoudness &loudness) { rows()->setMeasured(item, loudness, false); });
     // Clearing during an import would race the files still arriving.
     connect(this, &AppDelegate::allowedImportChanged, this,
             [this] { m_ui->actionClearList->setEnabled(allowedImport()); });

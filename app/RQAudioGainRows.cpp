@@ -55,7 +55,9 @@ void RQAudioGainRows::setMeasured(const VXAudioGain *item, const VXLoudness &lou
     if (row < 0)
         return;
     Measured &m = m_measured[item];
-    (output ? m.output : m.input) = loudness;
+    VXLoudness &kept = output ? m.output : m.input;
+    kept = loudness;
+    kept.steps = {};  // the picture needs the curve, not what it was made from: ten thousand rows add up
     const QModelIndex changed = index(row);
     emit dataChanged(changed, changed, {Qt::ToolTipRole, Qt::AccessibleDescriptionRole});
 }

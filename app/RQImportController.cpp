@@ -98,10 +98,16 @@ void RQImportController::importAudioWithPaths(const QStringList &paths, bool rec
     // Each file waits for the window to take it, rather than queueing as a
     // continuation: the walk learns when nobody takes files any more, and
     // probes stay no more than a few ahead of the rows.
-    walk.hand = [self, cancel](const QString &path, const VXAudioGainPtr &item, const VXError &error) {
+    // A file measured before shows its figures and picture at once.
+    walk.keptFlags = VXMeasureCurve | (m_settings->settings().dualMono ? VXMeasureDualMono : 0);
+    walk.hand = [self, cancel](const QString &path, const VXAudioGainPtr &item, const VXError &error,
+                               const std::optional<VXLoudness> &kept) {
         const bool hopped = VXRunOnMainThread([&] {
-            if (self)
-                self->importSingleFile(path, item, error);
+            if (!self)
+                return;
+            self->importSingleFile(path, item, error);
+            if (item && kept)
+                emit self->measurementKept(item.get(), *kept);
         });
         // The application is shutting down: nobody takes files any more.
         if (!hopped)

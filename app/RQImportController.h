@@ -53,6 +53,9 @@ signals:
     void importFinished();
     // A file the codec refuses; shown before the walk goes on.
     void alertRequested(const QString &message, const QString &informative);
+    // A file just handed to the list (or already in it) whose figures were
+    // kept from an earlier measurement: no decoding was needed for them.
+    void measurementKept(const VXAudioGain *item, const VXLoudness &loudness);
 
 private:
     void importEnded();

@@ -2,6 +2,7 @@
 
 #include "engine/VXAudioGainList.h"
 #include "engine/VXImport.h"
+#include "engine/VXMeasureCache.h"
 
 #include <QThread>
 #include <QtConcurrent>
@@ -12,6 +13,7 @@ struct Probe {
     QString path;
     VXAudioGainPtr item;
     VXError error;
+    std::optional<VXLoudness> kept;
 };
 } // namespace
 
@@ -24,7 +26,7 @@ void RQImportWalk::run() const
         ahead.pop_front();
         // After a cancel, files already probed are dropped, not added.
         if (handing && !cancel->load())
-            handing = hand(probe.path, probe.item, probe.error);
+            handing = hand(probe.path, probe.item, probe.error, probe.kept);
     };
 
     VXImport::walk(paths, recursive, *cancel, [&](const QString &file) {
@@ -33,11 +35,13 @@ void RQImportWalk::run() const
         QThread *target = itemThread;
         // On Qt's shared pool: imports running side by side probe no more
         // files at once than there are cores.
-        ahead.push_back(QtConcurrent::run([file, target] {
-            Probe probe{file, nullptr, {}};
+        ahead.push_back(QtConcurrent::run([file, target, flags = keptFlags] {
+            Probe probe{file, nullptr, {}, std::nullopt};
             probe.item = VXAudioGain::initWithFile(file, QString(), &probe.error);
-            if (probe.item)
+            if (probe.item) {
                 probe.item->moveToThread(target);
+                probe.kept = VXCachedLoudness(file, flags);
+            }
             return probe;
         }));
         if (int(ahead.size()) >= kProbesAhead)

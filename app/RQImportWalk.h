@@ -4,9 +4,11 @@
 #include <QStringList>
 #include <atomic>
 #include <functional>
+#include <optional>
 
 #include "engine/VXAudioGain.h"
 #include "engine/codec/VXError.h"
+#include "engine/codec/VXLoudnessMeter.h"
 
 class QThread;
 class VXAudioGainList;
@@ -23,7 +25,12 @@ struct RQImportWalk {
     const VXAudioGainList *list = nullptr;
     // Where the probed items are to live.
     QThread *itemThread = nullptr;
-    std::function<bool(const QString &path, const VXAudioGainPtr &item, const VXError &error)> hand;
+    // VXMeasureFlag bits of the kept figures looked up for each file
+    // probed (VXCachedLoudness: no decoding).
+    int keptFlags = 0;
+    std::function<bool(const QString &path, const VXAudioGainPtr &item, const VXError &error,
+                       const std::optional<VXLoudness> &kept)>
+        hand;
 
     // Probes in flight at once.
     static constexpr int kProbesAhead = 3;

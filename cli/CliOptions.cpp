@@ -46,12 +46,12 @@ QString helpText(const QList<QCommandLineOption> &options)
     QString text;
     text += QStringLiteral("Usage: %1 [--target POS | --lufs LUFS | --preset NAME] [--true-peak DBTP]\n"
                            "                    [--limit-peaks] [--meter ebur128|loudnorm] [--dual-mono]\n"
-                           "                    [--album] [--skip-within LU]\n"
+                           "                    [--album] [--skip-within LU] [--cache PATH | --no-cache]\n"
                            "                    [--plot DIR] (--output-folder DIR | --replace [--preserve-mtime])\n"
                            "                    [--recursive] [--jobs N] [--json | --jsonl] [--journal FILE]\n"
                            "                    [--shard K/N] [--files-from FILE|- [-0]] FILE|DIR...\n"
                            "       %1 --analyze [--album] [--dual-mono] [--target POS | --lufs LUFS | --preset NAME]\n"
-                           "                    [--plot DIR] [--json] FILE|DIR...\n"
+                           "                    [--plot DIR] [--cache PATH | --no-cache] [--json] FILE|DIR...\n"
                            "       %1 --tags-only [--album] [--dual-mono] [--output-folder DIR] [--preserve-mtime]\n"
                            "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n"
                            "       %1 --lossless [--tags-only] [options as above] FILE|DIR...\n"
@@ -80,6 +80,9 @@ QString helpText(const QList<QCommandLineOption> &options)
         text += QStringLiteral("  %1  %2\n").arg(left, -24).arg(wrapped(o.description(), 50, 28));
     }
     text += QStringLiteral(
+        "\nEach file's measurement is kept (by device, inode, size and modification\n"
+        "time), so a file measured before is not decoded again, in any mode; a file\n"
+        "changed since is measured afresh. --no-cache measures everything.\n"
         "\nProgress goes to standard error (live bars on a terminal, one line per\n"
         "file otherwise); the results table, or JSON with --json, to standard output.\n"
         "Ctrl-C cancels cleanly: nothing partial is left and no original is touched;\n"
@@ -200,6 +203,13 @@ struct Options {
     const QCommandLineOption recursive{{QStringLiteral("r"), QStringLiteral("recursive")},
                                        QStringLiteral("descend into sub-folders")};
     const QCommandLineOption jobs;
+    const QCommandLineOption cache{QStringLiteral("cache"),
+                                   QStringLiteral("keep measurements in the database FILE (or DIR/measurements.sqlite) "
+                                                  "instead of $XDG_CACHE_HOME/evenloud/measurements.sqlite"),
+                                   QStringLiteral("PATH")};
+    const QCommandLineOption noCache{QStringLiteral("no-cache"),
+                                     QStringLiteral("measure every file, neither reading nor keeping measurements "
+                                                    "of earlier runs")};
     const QCommandLineOption json{QStringLiteral("json"),
                                   QStringLiteral("print the results as a JSON array, one object per file")};
     const QCommandLineOption jsonl{QStringLiteral("jsonl"),
@@ -230,8 +240,8 @@ struct Options {
     QList<QCommandLineOption> all() const
     {
         return {target, lufs, preset, truePeak, limitPeaks, analyze, meter, dualMono, quick, album, tagsOnly,
-                lossless, undoLossless, skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, json,
-                jsonl, filesFrom, nul, journal, shard, help, version};
+                lossless, undoLossless, skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, cache,
+                noCache, json, jsonl, filesFrom, nul, journal, shard, help, version};
     }
 };
 
@@ -360,6 +370,15 @@ Problem readPlaces(const QCommandLineParser &parser, const Options &x, CliOption
         return QStringLiteral("no output folder: give --output-folder DIR, or --replace to overwrite the originals");
     }
     o.recursive = parser.isSet(x.recursive);
+    if (parser.isSet(x.cache) && parser.isSet(x.noCache))
+        return QStringLiteral("--cache and --no-cache exclude each other");
+    if (parser.isSet(x.cache)) {
+        if (parser.value(x.cache).isEmpty())
+            return QStringLiteral("--cache needs a file or folder");
+        o.cache = {VXMeasureCache::Location::File, parser.value(x.cache)};
+    } else if (parser.isSet(x.noCache)) {
+        o.cache.kind = VXMeasureCache::Location::Off;
+    }
     o.inputs = parser.positionalArguments();
     if (parser.isSet(x.filesFrom)) {
         if (parser.value(x.filesFrom).isEmpty())

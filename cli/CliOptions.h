@@ -1,6 +1,7 @@
 #pragma once
 
 #include "engine/VXJobSettings.h"
+#include "engine/VXMeasureCache.h"
 
 #include <QString>
 #include <QStringList>
@@ -26,6 +27,7 @@ struct CliOptions {
     // This process's share of the inputs: the K-th of N.
     int shardK = 1;
     int shardN = 1;
+    VXMeasureCache::Location cache;  // where measurements are kept (--cache, --no-cache)
 };
 
 // The outcome of parsing: options to run with, or text to print and the

@@ -86,6 +86,7 @@ int main(int argc, char *argv[])
         return parsed.exitCode;
     }
     const CliOptions &opt = *parsed.options;
+    VXMeasureCache::configure(opt.cache);
     // A file that crashes a decoder fails alone; the batch goes on.
     vx::useWorkerProcess();
     if (!prepareFolders(opt))

@@ -1,5 +1,6 @@
 #include "engine/VXAlbumBatch.h"
 
+#include "engine/VXMeasureCache.h"
 #include "engine/codec/VXCancel.h"
 #include "engine/codec/VXLoudnessMeter.h"
 
@@ -68,7 +69,7 @@ VXResult<VXAlbumMember> VXAlbumBatch::member(const QString &path, const VXCancel
     if (!album->measured) {
         album->measuring = true;
         locker.unlock();
-        VXResult<VXAlbumLoudness> loudness = VXMeasureAlbum(album->tracks, m_flags, cancel);
+        VXResult<VXAlbumLoudness> loudness = VXMeasureAlbumWithCache(album->tracks, m_flags, cancel);
         locker.lock();
         album->measuring = false;
         album->changed.notify_all();

@@ -1,5 +1,7 @@
 #include "engine/VXAnalysis.h"
 
+#include "engine/VXMeasureCache.h"
+
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXFilter.h"
 
@@ -41,17 +43,17 @@ std::optional<VXGainPlan> VXPlanGain(const VXLoudness &loudness, float targetLuf
 }
 
 VXAnalysis VXAnalyzeFile(const QString &path, float targetLufs, float ceiling, bool limitPeaks, bool dualMono,
-                         const VXCancel *cancel)
+                         const VXCancel *cancel, bool curve)
 {
     VXAnalysis a;
-    const int flags = VXMeasureTruePeak | VXMeasureCurve | (dualMono ? VXMeasureDualMono : 0);
-    const VXResult<VXLoudness> measured = VXMeasureFile(path, flags, cancel);
+    const int flags = VXMeasureTruePeak | (curve ? VXMeasureCurve : 0) | (dualMono ? VXMeasureDualMono : 0);
+    VXResult<VXMeasured> measured = VXMeasureWithCache(path, flags, cancel);
     a.ok = measured.ok();
     if (!a.ok) {
         a.reason = measured.reason();
         return a;
     }
-    a.loudness = *measured;
+    a.loudness = std::move(measured->loudness);
     if (const auto plan = VXPlanGain(a.loudness, targetLufs, ceiling, limitPeaks)) {
         a.gainDb = plan->gainDb;
         a.normalization = VXNormalizationName(plan->kind);

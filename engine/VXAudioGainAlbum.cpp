@@ -3,6 +3,7 @@
 #include "engine/VXAlbumBatch.h"
 #include "engine/VXAnalysis.h"
 #include "engine/VXAudioGain.h"
+#include "engine/VXMeasureCache.h"
 #include "engine/VXReplayGain.h"
 
 void VXAudioGain::setAlbumBatch(std::shared_ptr<VXAlbumBatch> batch)
@@ -47,10 +48,10 @@ qint64 VXAudioGain::runTagsOnly()
     if (album) {
         track = album->track;
     } else {
-        const VXResult<VXLoudness> measured = VXMeasureFile(inputFile(), jobSettings().measureFlags(), &m_cancel);
+        const VXResult<VXMeasured> measured = VXMeasureWithCache(inputFile(), jobSettings().measureFlags(), &m_cancel);
         if (!measured)
             return m_cancel.isCancelled() ? VXGainCancelled : fail(measured.reason());
-        track = *measured;
+        track = measured->loudness;
     }
     {
         QMutexLocker locker(&m_lock);

@@ -101,7 +101,7 @@ VXResult<VXGainJob::Measurement> VXGainJob::measure()
         record = QJsonObject::fromVariantMap(VXMeasurementRecord(album->track));
         report(50);
     } else {
-        const VXResult<Caught> caught = firstPassRecord();
+        const VXResult<Caught> caught = m_settings.measureWithLoudnorm ? firstPassRecord() : keptOrFirstPassRecord();
         if (!caught)
             return caught.error();
         if (caught->record.isEmpty()) {

@@ -50,6 +50,7 @@ private:
 
     VXResult<Measurement> measure();
     VXResult<Caught> firstPassRecord();
+    VXResult<Caught> keptOrFirstPassRecord();
     VXResult<QByteArray> runFirstPass(std::shared_ptr<VXTranscoding> pass1);
     VXResult<Normalised> normalise(const VXJobPlan &plan);
     VXResult<int> correct(const VXJobPlan &plan, VXFilter &filter, VXLoudness *output,
@@ -82,6 +83,7 @@ private:
     VXJobSettings m_settings;  // as the job started, targetLoudness the item's own
     float m_target = 0.0f;     // LUFS
     std::shared_ptr<VXFilter> m_measuringFilter;  // pass 1's, whose print-out is the record
+    VXLoudness m_firstPass;                       // pass 1's figures with the reference meter
     std::map<int, VXLoudness> m_otherStreams;     // pass 1's figures of further audio streams
     VXLoudness m_input;  // pass 1's own figures of the main stream, where loudnorm's would be wrong
 };

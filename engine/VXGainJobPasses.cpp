@@ -4,6 +4,7 @@
 #include "engine/VXGainJob.h"
 #include "engine/VXAudioGainShared.h"
 
+#include "engine/VXMeasureCache.h"
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXFilter.h"
 #include "engine/codec/VXLog.h"
@@ -129,11 +130,36 @@ VXResult<VXGainJob::Caught> VXGainJob::firstPassRecord()
     return recordIn(*log);
 }
 
+// With the reference meter pass 1 only measures, and a file measured before
+// needs none: its kept figures make the record the pass would have printed,
+// so the job and its report go on alike. One measured now leaves its
+// figures for the next time.
+VXResult<VXGainJob::Caught> VXGainJob::keptOrFirstPassRecord()
+{
+    std::optional<VXResult<Caught>> ran;
+    const VXMeasureStep pass1 = [&](int) -> VXResult<vx::Measurement> {
+        ran = firstPassRecord();
+        if (!*ran)
+            return ran->error();
+        return vx::Measurement{m_firstPass, m_otherStreams};
+    };
+    const VXResult<VXMeasured> measured
+        = VXMeasureWithCache(m_item.inputFile(), m_settings.measureFlags(), &m_item.m_cancel, {}, pass1);
+    if (ran)
+        return *ran;
+    if (!measured)
+        return measured.error();
+    m_otherStreams = measured->others;
+    report(50);
+    return recordIn(makeLoudnessFilter()->measurementRecord(measured->loudness));
+}
+
 // Runs pass 1 and lets it go with its filter's print-out captured.
 VXResult<QByteArray> VXGainJob::runFirstPass(std::shared_ptr<VXTranscoding> pass1)
 {
     const qint64 passResult = runPass(pass1, Pass::First);
     const QString why = pass1->failureReason();
+    m_firstPass = pass1->outputLoudness();
     m_otherStreams = pass1->otherAudioLoudness();
     m_input = pass1->inputLoudness();
     pass1.reset();  // the item's is the last reference: its release prints the record

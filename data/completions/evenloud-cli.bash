@@ -13,7 +13,7 @@ _evenloud_cli()
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -d -- "$cur")
             return ;;
-        --files-from|--journal)
+        --files-from|--journal|--cache)
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -f -- "$cur")
             return ;;
@@ -30,7 +30,7 @@ _evenloud_cli()
         mapfile -t COMPREPLY < <(compgen -W '--target --lufs --preset --true-peak --limit-peaks --output-folder
             --replace --preserve-mtime --recursive --jobs --json --analyze --meter --dual-mono --quick --skip-within --plot
             --album --tags-only --lossless --undo-lossless --jsonl --files-from --null --journal --shard
-            --help --version' -- "$cur")
+            --cache --no-cache --help --version' -- "$cur")
         return
     fi
     # Files with the extensions it takes, and folders to walk.

@@ -9,6 +9,8 @@ complete -c evenloud-cli -l replace -d 'Replace each original with its result'
 complete -c evenloud-cli -l preserve-mtime -d "With --replace, keep each original's modification time"
 complete -c evenloud-cli -s r -l recursive -d 'Descend into sub-folders'
 complete -c evenloud-cli -s j -l jobs -x -d 'Files processed at once'
+complete -c evenloud-cli -l cache -rF -d 'Keep measurements in this database (or folder)'
+complete -c evenloud-cli -l no-cache -d 'Neither read nor keep measurements of earlier runs'
 complete -c evenloud-cli -l json -d 'Print the results as a JSON array'
 complete -c evenloud-cli -l jsonl -d 'Print each result as a line of JSON as its file ends'
 complete -c evenloud-cli -l files-from -rF -d 'Also take the files and folders listed in FILE (- for stdin)'

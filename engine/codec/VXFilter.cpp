@@ -253,12 +253,12 @@ int VXFilterAccess::measureFlags(const VXFilter &filter)
         | (attributeTrue(filter.attributes(), kVXADualMono) ? int(VXMeasureDualMono) : 0);
 }
 
-QByteArray VXFilterAccess::measurementRecord(const VXFilter &filter, const VXLoudness &input)
+QByteArray VXFilter::measurementRecord(const VXLoudness &input) const
 {
     // The figures a linear second pass would reach, planned as pass 2 will
     // plan them; a limited plan reaches the target with its peaks at the
     // ceiling. loudnorm prints "-inf" for silence, and so does this.
-    QMap<QString, QVariant> attributes = filter.attributes();
+    QMap<QString, QVariant> attributes = this->attributes();
     attributes.insert(QLatin1String(kVXALinearGain), true);
     attributes.insert(QLatin1String(kVXAMeasuredIntegratedLoudness), input.integrated);
     attributes.insert(QLatin1String(kVXAMeasuredTruePeak), input.truePeak);

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <optional>
 
+struct VXLoudness;
+
 // How a file was brought to its level.
 enum class VXNormalization {
     Linear,      // one gain, the whole way to the target
@@ -40,6 +42,10 @@ public:
     // filter applies (target - measured I, capped or limited at the true-peak
     // ceiling). Linear mode works at the file's own rate, with no dynamics.
     std::optional<VXGainPlan> linearPlan() const;
+    // What the loudness filter prints when it has measured input with the
+    // reference meter: loudnorm's record, keys and layout, with the output
+    // figures that its plan would reach.
+    QByteArray measurementRecord(const VXLoudness &input) const;
 
     // Where this filter's print-out is captured; the same path on every call.
     QString logFile() const;

@@ -47,9 +47,6 @@ struct VXFilterAccess {
     static bool measuresOnly(const VXFilter &filter);
     // VXMeasureFlag bits for what such a filter measures.
     static int measureFlags(const VXFilter &filter);
-    // The record it prints as it is released: loudnorm's keys and layout,
-    // with the output figures that the filter's plan would reach.
-    static QByteArray measurementRecord(const VXFilter &filter, const VXLoudness &input);
 };
 
 namespace vx {

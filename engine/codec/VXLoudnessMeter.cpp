@@ -89,38 +89,20 @@ int loudnormType(int count, int index)
     return index < 3 ? EBUR128_LEFT : index == 4 || index == 5 ? EBUR128_LEFT_SURROUND : EBUR128_UNUSED;
 }
 
-double energyOf(double lufs) { return std::isfinite(lufs) ? std::pow(10.0, (lufs + 0.691) / 10.0) : 0.0; }
-double lufsOf(double energy) { return energy > 0 ? 10.0 * std::log10(energy) - 0.691 : -HUGE_VAL; }
-
-// The short-term curve and the maxima from the energies of consecutive
-// 100 ms steps: libebur128's own 3 s and 400 ms figures would sum their
-// whole window again at every step, thirty times the work.
+// The loudness of each 100 ms step, kept to 0.01 LU: the curve and the
+// maxima follow from them (VXCurveFromSteps) rather than from libebur128's
+// own 3 s and 400 ms figures, which would sum their whole window again at
+// every step, thirty times the work.
 struct Curve {
-    static constexpr int kSteps = int(kVXShortTermWindow / kVXShortTermStep + 0.5);
     size_t stepSamples = 0;
-    size_t filled = 0;         // samples of the step under way
-    double energies[kSteps] = {};  // a ring, the latest at last
-    int last = 0;
-    double maxShortTerm = -HUGE_VAL;
-    double maxMomentary = -HUGE_VAL;
-    std::vector<float> shortTerm;
+    size_t filled = 0;  // samples of the step under way
+    std::vector<qint16> steps;
 
     void closeStep(ebur128_state *meter)
     {
         double step = -HUGE_VAL;
         ebur128_loudness_window(meter, (unsigned long)(kVXShortTermStep * 1000 + 0.5), &step);
-        last = (last + 1) % kSteps;
-        energies[last] = energyOf(step);
-        double shortSum = 0, momentarySum = 0;
-        for (int i = 0; i < kSteps; ++i) {
-            shortSum += energies[i];
-            if (i < 4)
-                momentarySum += energies[(last - i + kSteps) % kSteps];
-        }
-        const double shortTerm = lufsOf(shortSum / kSteps);
-        this->shortTerm.push_back(float(shortTerm));
-        maxShortTerm = std::max(maxShortTerm, shortTerm);
-        maxMomentary = std::max(maxMomentary, lufsOf(momentarySum / 4));
+        steps.push_back(VXStepOf(step));
     }
 };
 
@@ -253,9 +235,8 @@ VXLoudness VXFrameMeter::finish()
     if (ebur128_relative_threshold(m.meter.get(), &r.threshold) != EBUR128_SUCCESS)
         r.threshold = NAN;
     if (m.wantCurve) {
-        r.maxShortTerm = m.curve.maxShortTerm;
-        r.maxMomentary = m.curve.maxMomentary;
-        r.shortTerm = std::move(m.curve.shortTerm);
+        r.steps = std::move(m.curve.steps);
+        VXCurveFromSteps(r);
     }
     if (m.truePeak) {
         double peak = 0;

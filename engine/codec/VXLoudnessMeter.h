@@ -8,6 +8,7 @@
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
+#include <QtGlobal>
 #include <cmath>
 #include <map>
 #include <memory>
@@ -30,8 +31,36 @@ struct VXLoudness {
     // the first windows count the time before the start as silence, as
     // every R128 meter does.
     std::vector<float> shortTerm;
+    // Asked for with the curve: the loudness of each 100 ms of the stream,
+    // in hundredths of an LU (kVXSilentStep where it is digitally silent).
+    // The curve, the maxima and an album's figures follow from these alone,
+    // so figures kept from an earlier measurement give the same results.
+    std::vector<qint16> steps;
     bool measured() const { return !std::isnan(integrated); }
 };
+
+inline constexpr qint16 kVXSilentStep = INT16_MIN;
+
+// A step's loudness as steps keep it: rounded to 0.01 LU, -327 LUFS at the
+// quietest (far below any gate), kVXSilentStep for -inf.
+qint16 VXStepOf(double lufs);
+// The curve and the maxima of a measurement from its steps, as the meter
+// gives them: the short-term point k is the 3 s ending with step k, the
+// time before the start counting as silence; momentary windows are 400 ms.
+void VXCurveFromSteps(VXLoudness &loudness);
+
+// What the gating of BS.1770 makes of the steps of one or more streams
+// together, as if their audio were one (an album): integrated loudness, its
+// relative gate and the loudness range. The gating blocks are libebur128's:
+// 400 ms windows ending at every step from the fourth on, and for the range
+// 3 s windows ending every second from the third on; no block spans two
+// streams. Unmeasured (NaN) when no stream has steps.
+struct VXGatedLoudness {
+    double integrated = NAN;
+    double threshold = NAN;
+    double range = NAN;
+};
+VXGatedLoudness VXGateSteps(const std::vector<const std::vector<qint16> *> &streams);
 
 enum VXMeasureFlag {
     VXMeasureTruePeak = 1,
@@ -63,7 +92,8 @@ public:
     bool add(const AVFrame *frame);
     VXLoudness finish();
     // Integrated loudness (and range) over the gated blocks of all the
-    // meters together, as if their audio were one: an album's figure.
+    // meters together, as libebur128 computes it; VXGateSteps gives the
+    // same from the steps alone, which is what albums use.
     static double combinedLoudness(const std::vector<const VXFrameMeter *> &meters, double *range = nullptr);
 
     VXFrameMeter(const VXFrameMeter &) = delete;
@@ -107,6 +137,11 @@ struct VXAlbumLoudness {
     QStringList reasons;             // why a track failed, empty where it did not
     VXLoudness album;
 };
+
+// An album's figures from its tracks, each measured with its steps and true
+// peak (those unmeasured are left out): integrated loudness, gate and range
+// by VXGateSteps over every track's steps, the loudest track's true peak.
+VXLoudness VXAlbumOf(const std::vector<VXLoudness> &tracks);
 
 // Measures paths as one album: an error with its reason when no track
 // measures, or when cancel stops it (as VXMeasureFile's). Of the flags,

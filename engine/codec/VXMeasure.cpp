@@ -169,24 +169,14 @@ VXResult<vx::Measurement> vx::measureHere(const QString &path, int flags, const 
 VXResult<VXAlbumLoudness> vx::measureAlbumHere(const QStringList &paths, int flags, const VXCancel *cancel)
 {
     VXAlbumLoudness out;
-    std::vector<std::unique_ptr<VXFrameMeter>> meters;
     for (const QString &path : paths) {
         if (cancel && cancel->isCancelled())
             return VXCancelledError();
-        std::unique_ptr<VXFrameMeter> meter;
-        const VXResult<Measurement> measured = measureHere(path, flags, cancel, {}, &meter);
-        const VXLoudness l = measured ? measured->loudness : VXLoudness();
-        out.tracks.push_back(l);
+        const VXResult<Measurement> measured = measureHere(path, flags | VXMeasureCurve, cancel);
+        out.tracks.push_back(measured ? measured->loudness : VXLoudness());
         out.reasons << measured.reason();
-        if (meter && l.measured()) {
-            meters.push_back(std::move(meter));
-            out.album.truePeak = std::isnan(out.album.truePeak) ? l.truePeak : std::max(out.album.truePeak, l.truePeak);
-        }
     }
-    std::vector<const VXFrameMeter *> all;
-    for (const auto &m : meters)
-        all.push_back(m.get());
-    out.album.integrated = VXFrameMeter::combinedLoudness(all, &out.album.range);
+    out.album = VXAlbumOf(out.tracks);
     return out;
 }
 

@@ -161,20 +161,23 @@ bool VXTranscoding::Private::measuresOnly() const
 
 // The first pass with the reference meter: decoding alone at the file's own
 // rate, nothing encoded or written, so a batch's first passes cost a fraction
-// of a transcoding. The record follows from the figures.
+// of a transcoding. The record follows from the figures; the figures
+// themselves, steps included (they cost little), are the output's.
 VXResult<vx::TranscodeResult> VXTranscoding::Private::measure(const vx::Progress &progress)
 {
     pipeline.reset();  // its output stays the empty file it was
     const VXFilter &filter = *request.filters.front();
-    const int flags = VXFilterAccess::measureFlags(filter) | (request.measureOthers ? VXMeasureOtherStreams : 0);
+    const int flags = VXFilterAccess::measureFlags(filter) | VXMeasureCurve
+        | (request.measureOthers ? VXMeasureOtherStreams : 0);
     const VXResult<vx::Measurement> measured = vx::codecBackend().measure(request.input, flags, &cancel, progress);
     if (!measured) {
         if (!VXIsCancelled(measured.error()) && !cancel.isCancelled())
             VXLog(QStringLiteral("Measuring %1 failed: %2").arg(request.input, measured.reason()));
         return measured.error();
     }
-    record = VXFilterAccess::measurementRecord(filter, measured->loudness);
+    record = filter.measurementRecord(measured->loudness);
     vx::TranscodeResult result;
+    result.output = measured->loudness;
     result.otherAudio = measured->others;
     return result;
 }

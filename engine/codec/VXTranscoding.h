@@ -64,7 +64,9 @@ public:
     // what the VXMeasureFlag bits add (true peak, dual mono). A file that
     // cannot be measured fails the transcoding. Set before transcodingWithBlock.
     void setMeasuresOutput(int flags);
-    // After the end report: the figures of a completed, measured transcoding.
+    // After the end report: the figures of a completed, measured transcoding;
+    // of one that only measures its input (a first pass with the reference
+    // meter), the input's, with the true peak and the steps.
     VXLoudness outputLoudness() const;
     // After the end report of a failed transcoding: what went wrong.
     QString failureReason() const;

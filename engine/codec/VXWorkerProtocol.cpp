@@ -1,6 +1,7 @@
 #include "engine/codec/VXWorkerProtocol.h"
 
 #include <QCborValue>
+#include <QtEndian>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -47,6 +48,12 @@ QCborMap loudnessToCbor(const VXLoudness &l, int fields)
             curve.append(curvePoint(v));
         map.insert(QLatin1String("curve"), curve);
     }
+    if (fields & kSteps) {
+        QByteArray steps(qsizetype(l.steps.size() * sizeof(qint16)), Qt::Uninitialized);
+        if (!l.steps.empty())
+            qToLittleEndian<qint16>(l.steps.data(), qsizetype(l.steps.size()), steps.data());
+        map.insert(QLatin1String("steps"), steps);
+    }
     return map;
 }
 
@@ -63,6 +70,13 @@ VXLoudness loudnessFromCbor(const QCborMap &map)
     l.shortTerm.reserve(size_t(curve.size()));
     for (const QCborValue &v : curve)
         l.shortTerm.push_back(float(v.toDouble(-INFINITY)));
+    const QByteArray steps = map.value(QLatin1String("steps")).toByteArray();
+    l.steps.resize(size_t(steps.size()) / sizeof(qint16));
+    if (!l.steps.empty()) {
+        qFromLittleEndian<qint16>(steps.constData(), qsizetype(l.steps.size()), l.steps.data());
+        if (!map.contains(QLatin1String("curve")))
+            VXCurveFromSteps(l);
+    }
     return l;
 }
 

@@ -25,7 +25,9 @@
 //   ended    {id, status}           run id's wait status (-1: it could not start)
 //
 // A loudness is a map of the figures a message carries: I, TP, LRA,
-// thresh, maxS, maxM and curve (an array), each only where it is sent.
+// thresh, maxS, maxM, curve (an array) and steps (bytes: 16-bit little-endian
+// hundredths of an LU), each only where it is sent. A reader given steps
+// and no curve makes the curve from the steps.
 
 #include "engine/codec/VXLoudnessMeter.h"
 
@@ -52,7 +54,8 @@ enum LoudnessFields {
     kGate = 2,         // threshold
     kMaxima = 4,       // max short-term, max momentary
     kCurve = 8,        // the short-term curve, to 0.01 LU as a picture needs
-    kInputFigures = 16 // integrated and range without the true peak
+    kInputFigures = 16, // integrated and range without the true peak
+    kSteps = 32,        // the 100 ms steps, exactly: the curve and an album follow from them
 };
 
 QCborMap loudnessToCbor(const VXLoudness &l, int fields);

@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "app/AppDelegate.h"
+#include "engine/VXMeasureCache.h"
 #include "engine/VXMainThread.h"
 #include "tests/support/Fixtures.h"
 
@@ -31,6 +32,8 @@ inline void initApplication(const QString &settingsDir)
     QSettings::setDefaultFormat(QSettings::IniFormat);
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settingsDir);
     QSettings().clear();
+    // Measurements too: test mode would put them in ~/.qttest otherwise.
+    VXMeasureCache::configure({VXMeasureCache::Location::File, settingsDir + QStringLiteral("/measurements.sqlite")});
     // Closing a test's window must not end the test run.
     QGuiApplication::setQuitOnLastWindowClosed(false);
 }

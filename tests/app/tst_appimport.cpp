@@ -2,9 +2,11 @@
 // refuses, cancel, and the window's close guard during an import.
 #include "AppTestUtil.h"
 
+#include "app/RQAudioGainRows.h"
 #include "app/RQRecursiveViewCtrl.h"
 
 #include <QCheckBox>
+#include <QDateTime>
 #include <QFileDialog>
 #include <QListView>
 #include <QMimeData>
@@ -102,6 +104,28 @@ private slots:
         QCOMPARE(allowed.count(), 2);
         QCOMPARE(c->importingFileName(), c.names().last());
         QCOMPARE(c->importPI()->maximum(), 1);  // no longer busy
+    }
+
+    // A file measured before shows its figures and picture as it arrives,
+    // with nothing analysed.
+    void keptFiguresShowOnImport()
+    {
+        const QString wav = makeWav(m_dir.path(), QStringLiteral("kept.wav"), 2.0);
+        QVERIFY(!wav.isEmpty());
+        QFile settled(wav);  // an hour old: its figures are kept
+        QVERIFY(settled.open(QIODevice::ReadOnly)
+                && settled.setFileTime(QDateTime::currentDateTime().addSecs(-3600), QFileDevice::FileModificationTime));
+        settled.close();
+        const VXResult<VXMeasured> measured = VXMeasureWithCache(wav, VXMeasureTruePeak);
+        QVERIFY(measured.ok());
+        Controller c;
+        QVERIFY(c.import({wav}));
+        QCOMPARE(c->audioGains()->count(), 1);
+        const RQAudioGainRows::Measured *row = c->rows()->measured(c->audioGains()->at(0).get());
+        QVERIFY(row);
+        QCOMPARE(row->input.integrated, measured->loudness.integrated);
+        QCOMPARE(row->input.shortTerm.size(), size_t(20));
+        QVERIFY(!c->analyzing());
     }
 
     void dialogResultHonoursRecursive()

@@ -10,7 +10,9 @@
 #include <QJsonObject>
 
 #include <cmath>
+#include <fcntl.h>
 #include <map>
+#include <sys/stat.h>
 #include <gtest/gtest.h>
 
 TEST_F(CliAnalyze, WritesNothingAndAgreesWithAnIndependentMeter)
@@ -151,4 +153,63 @@ TEST_F(CliMeter, PlansAndChecksWithOneMeterAndSkipLeavesFilesAlone)
     EXPECT_EQ(fixtures::readFile(done), before);
     EXPECT_EQ(QFileInfo(done).lastModified(), mtime);
     EXPECT_EQ(entries(tmp.filePath("default")).size(), 4);
+}
+
+namespace {
+
+timespec stampOf(const QString &path)
+{
+    struct stat st {};
+    ::stat(QFile::encodeName(path).constData(), &st);
+    return st.st_mtim;
+}
+
+bool stamp(const QString &path, timespec when)
+{
+    const timespec times[2] = {when, when};
+    return ::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0) == 0;
+}
+
+} // namespace
+
+// A second run takes each file's kept figures: the files' audio is gone
+// (same length, same stamp), and the report is the first run's, pictures
+// too. --no-cache decodes, and fails on them.
+TEST_F(CliAnalyze, ASecondRunReadsTheKeptMeasurements)
+{
+    const QString in = tmp.filePath("in");
+    QDir().mkpath(in);
+    const QStringList files{fixtures::makeAudio(in, "a.wav", 5, {"-c:a", "pcm_s16le"}, -9),
+                            fixtures::makeAudio(in, "b.mp3", 4, {"-c:a", "libmp3lame", "-b:a", "128k"})};
+    for (const QString &f : files) {
+        ASSERT_FALSE(f.isEmpty());
+        timespec t = stampOf(f);
+        t.tv_sec -= 3600;  // settled: kept
+        ASSERT_TRUE(stamp(f, t));
+    }
+    const QString db = tmp.filePath("kept.sqlite");
+    const CliRunResult first = runCli({"--analyze", "--json", "--cache", db, in});
+    ASSERT_EQ(first.exitCode, 0) << first.err.toStdString();
+    ASSERT_TRUE(QFileInfo::exists(db));
+
+    for (const QString &f : files) {
+        const timespec t = stampOf(f);
+        ASSERT_TRUE(fixtures::writeFile(f, QByteArray(QFileInfo(f).size(), 'z')) && stamp(f, t));
+    }
+    const CliRunResult second = runCli({"--analyze", "--json", "--cache", db, "--plot", tmp.filePath("plots"), in});
+    ASSERT_EQ(second.exitCode, 0) << second.err.toStdString();
+    ASSERT_EQ(second.json().size(), 2);
+    for (qsizetype i = 0; i < 2; ++i) {
+        const QJsonObject a = first.json()[i].toObject(), b = second.json()[i].toObject();
+        for (const char *key : {"input", "result", "input_i", "input_tp", "input_lra", "input_thresh", "max_short_term",
+                                "max_momentary", "gain_db", "normalization"})
+            EXPECT_EQ(a[key], b[key]) << key;
+    }
+    EXPECT_EQ(entries(tmp.filePath("plots")), (QStringList{"a.wav.png", "b.mp3.png"}));
+
+    const CliRunResult uncached = runCli({"--analyze", "--json", "--no-cache", in});
+    EXPECT_EQ(uncached.exitCode, 1);
+    for (const QJsonValue &v : uncached.json())
+        EXPECT_EQ(v.toObject()["result"].toString(), "failed");
+    EXPECT_EQ(runCli({"--analyze", "--cache", db, "--no-cache", in}).exitCode, 2);
 }

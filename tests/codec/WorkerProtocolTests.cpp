@@ -120,6 +120,15 @@ TEST(WorkerFrames, LoudnessCarriesTheFieldsAskedFor)
     EXPECT_EQ(all.shortTerm[0], -23.46f);
     EXPECT_EQ(all.shortTerm[1], -INFINITY);
     EXPECT_EQ(all.shortTerm[2], -INFINITY);
+
+    // Steps go exactly, and the reader makes the curve from them as the meter does.
+    l.steps = {-2345, kVXSilentStep, 32767, -32700, 0, -1};
+    const VXLoudness stepped = vx::loudnessFromCbor(vx::loudnessToCbor(l, vx::kFigures | vx::kSteps));
+    EXPECT_EQ(stepped.steps, l.steps);
+    VXLoudness curve = l;
+    VXCurveFromSteps(curve);
+    EXPECT_EQ(stepped.shortTerm, curve.shortTerm);
+    EXPECT_EQ(stepped.maxMomentary, curve.maxMomentary);
 }
 
 TEST(WorkerFrames, AlbumKeepsTracksAndReasons)

@@ -1,9 +1,12 @@
+#include "CacheTestData.h"
 #include "EngineTestUtil.h"
 
 #include "engine/VXAudioGain.h"
 #include "engine/VXMainThread.h"
+#include "engine/VXMeasureCache.h"
 #include "tests/support/FileWatch.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -457,4 +460,42 @@ TEST_F(JobTest, CrashInTheCodecFailsThatFileAlone)
     EXPECT_TRUE(bad->gainResult().reason.startsWith("the decoder crashed on this file"))
         << bad->gainResult().reason.toStdString();
     EXPECT_EQ(outputs(), QStringList{QStringLiteral("good.wav")});
+}
+
+// A file measured before needs no first pass: progress goes straight to
+// half way, and the record, the gain and the result are those of a job
+// that measured it.
+TEST_F(JobTest, AFileMeasuredBeforeSkipsPassOne)
+{
+    std::optional<cachetest::UseCache> cache(std::in_place, QDir(m_in.path()).filePath(QStringLiteral("db")));
+    const QString wav = makeWav(m_in.path(), QStringLiteral("kept.wav"), 3.0, -6.0);
+    QFile settled(wav);  // an hour old: its figures are kept
+    ASSERT_TRUE(settled.open(QIODevice::ReadOnly)
+                && settled.setFileTime(QDateTime::currentDateTime().addSecs(-3600), QFileDevice::FileModificationTime));
+    settled.close();
+    QList<QVariantMap> records;
+    QList<VXGainResult> results;
+    QList<QList<Report>> reports;
+    for (int i = 0; i < 2; ++i) {
+        auto gain = item(wav);
+        ASSERT_TRUE(gain);
+        JobRun run(gain);
+        run.start();
+        ASSERT_TRUE(run.waitEnd());
+        ASSERT_EQ(run.reports.last(), Report(3, 0)) << gain->gainResult().reason.toStdString();
+        records << gain->measurement();
+        results << gain->gainResult();
+        reports << run.reports;
+    }
+    cache.reset();
+    auto firstHalf = [](const QList<Report> &r) {
+        return std::count_if(r.begin(), r.end(), [](const Report &x) { return x.first == 2 && x.second < 50; });
+    };
+    EXPECT_GT(firstHalf(reports[0]), 0);
+    EXPECT_EQ(firstHalf(reports[1]), 0);
+    EXPECT_TRUE(reports[1].contains(Report(2, 50)));
+    EXPECT_EQ(records[1], records[0]);
+    EXPECT_EQ(results[1].gainDb, results[0].gainDb);
+    EXPECT_EQ(results[1].normalization, results[0].normalization);
+    EXPECT_EQ(outputs().size(), 2);
 }

@@ -1,4 +1,5 @@
 #include "engine/VXAudioGain.h"
+#include "engine/VXMeasureCache.h"
 #include "engine/codec/VXWorker.h"
 
 #include <QGuiApplication>
@@ -6,6 +7,9 @@
 
 int main(int argc, char **argv)
 {
+    // No measurement cache unless a test asks for one: whether a job's
+    // first pass runs must not hang on how old its file has grown by then.
+    VXMeasureCache::configure({VXMeasureCache::Location::Off, QString()});
     // A GUI application: the state image and the artwork are drawn, and jobs
     // report to this (main) thread.
     QGuiApplication app(argc, argv);
