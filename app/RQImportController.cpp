@@ -11,6 +11,7 @@
 #include <QFileInfo>
 #include <QMimeData>
 #include <QPointer>
+#include <QThread>
 #include <QtConcurrent>
 
 RQImportController::RQImportController(VXAudioGainList *list, const RQOutputFolderController *output,
@@ -18,6 +19,7 @@ RQImportController::RQImportController(VXAudioGainList *list, const RQOutputFold
     : QObject(parent), m_list(list), m_output(output), m_settings(settings)
 {
     m_pool.setMaxThreadCount(4);
+    m_probePool.setMaxThreadCount(qMax(2, QThread::idealThreadCount()));
 }
 
 RQImportController::~RQImportController()
@@ -95,13 +97,18 @@ void RQImportController::importAudioWithPaths(const QStringList &paths, bool rec
     // The list outlives the walk: the controller waits for its walks.
     walk.list = m_list;
     walk.itemThread = thread();
-    // Each file waits for the window to take it, rather than queueing as a
+    walk.probePool = &m_probePool;
+    // Files wait for the window to take them, rather than queueing as a
     // continuation: the walk learns when nobody takes files any more, and
     // probes stay no more than a few ahead of the rows.
-    walk.hand = [self, cancel](const QString &path, const VXAudioGainPtr &item, const VXError &error) {
+    walk.hand = [self, cancel](const QList<RQImportWalk::Probed> &files) {
         const bool hopped = VXRunOnMainThread([&] {
-            if (self)
-                self->importSingleFile(path, item, error);
+            for (const RQImportWalk::Probed &file : files) {
+                // An alert for a refused file may have let the user cancel.
+                if (!self || cancel->load())
+                    break;
+                self->importSingleFile(file.path, file.item, file.error);
+            }
         });
         // The application is shutting down: nobody takes files any more.
         if (!hopped)
@@ -166,6 +173,7 @@ void RQImportController::cancelImport()
 
 void RQImportController::waitForDone(int msecs)
 {
+    // The walks wait for their own probes.
     m_pool.waitForDone(msecs);
 }
 

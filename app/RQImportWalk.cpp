@@ -3,46 +3,56 @@
 #include "engine/VXAudioGainList.h"
 #include "engine/VXImport.h"
 
+#include <QElapsedTimer>
 #include <QThread>
 #include <QtConcurrent>
 #include <deque>
 
-namespace {
-struct Probe {
-    QString path;
-    VXAudioGainPtr item;
-    VXError error;
-};
-} // namespace
-
 void RQImportWalk::run() const
 {
-    std::deque<QFuture<Probe>> ahead;
+    std::deque<QFuture<Probed>> ahead;
+    QList<Probed> ready;
+    QElapsedTimer waiting;  // since the oldest ready file became ready
     bool handing = true;
-    auto handFront = [&] {
-        Probe probe = ahead.front().result();
-        ahead.pop_front();
+    auto handReady = [&] {
         // After a cancel, files already probed are dropped, not added.
-        if (handing && !cancel->load())
-            handing = hand(probe.path, probe.item, probe.error);
+        if (!ready.isEmpty() && handing && !cancel->load())
+            handing = hand(ready);
+        ready.clear();
+    };
+    auto takeFront = [&] {
+        if (ready.isEmpty())
+            waiting.start();
+        ready.append(ahead.front().result());
+        ahead.pop_front();
+        if (ready.size() >= kHandFiles || waiting.elapsed() >= kHandMsecs)
+            handReady();
     };
 
     VXImport::walk(paths, recursive, *cancel, [&](const QString &file) {
         if (!handing || list->containsInput(file))
             return;
         QThread *target = itemThread;
-        // On Qt's shared pool: imports running side by side probe no more
+        // Imports running side by side share the pool: they probe no more
         // files at once than there are cores.
-        ahead.push_back(QtConcurrent::run([file, target] {
-            Probe probe{file, nullptr, {}};
+        ahead.push_back(QtConcurrent::run(probePool, [file, target] {
+            Probed probe{file, nullptr, {}};
             probe.item = VXAudioGain::initWithFile(file, QString(), &probe.error);
             if (probe.item)
                 probe.item->moveToThread(target);
             return probe;
         }));
-        if (int(ahead.size()) >= kProbesAhead)
-            handFront();
+        // What has finished is taken without waiting; a full queue waits
+        // for its oldest, after handing over what has waited long enough.
+        while (!ahead.empty() && ahead.front().isFinished())
+            takeFront();
+        if (int(ahead.size()) >= kProbesAhead) {
+            if (!ready.isEmpty() && waiting.elapsed() >= kHandMsecs)
+                handReady();
+            takeFront();
+        }
     });
     while (!ahead.empty())
-        handFront();
+        takeFront();
+    handReady();
 }

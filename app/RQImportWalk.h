@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QList>
 #include <QString>
 #include <QStringList>
 #include <atomic>
@@ -9,13 +10,21 @@
 #include "engine/codec/VXError.h"
 
 class QThread;
+class QThreadPool;
 class VXAudioGainList;
 
 // The background half of an import: walks the paths, probes the accepted
-// files a few at a time (probing is what an import waits for), and hands
-// each result on in walk order. hand runs on the walking thread and returns
-// false when nobody takes files any more.
+// files a few at a time (probing is what an import waits for), and hands the
+// results on in walk order, gathered: a hand-over per file would make the
+// window take and repaint ten thousand times. hand runs on the walking
+// thread and returns false when nobody takes files any more.
 struct RQImportWalk {
+    struct Probed {
+        QString path;
+        VXAudioGainPtr item;  // null when the file was refused
+        VXError error;
+    };
+
     QStringList paths;
     bool recursive = false;
     const std::atomic<bool> *cancel = nullptr;
@@ -23,10 +32,16 @@ struct RQImportWalk {
     const VXAudioGainList *list = nullptr;
     // Where the probed items are to live.
     QThread *itemThread = nullptr;
-    std::function<bool(const QString &path, const VXAudioGainPtr &item, const VXError &error)> hand;
+    // Where the probes run.
+    QThreadPool *probePool = nullptr;
+    std::function<bool(const QList<Probed> &files)> hand;
 
-    // Probes in flight at once.
-    static constexpr int kProbesAhead = 3;
+    // Probes queued at once; the pool runs one per core of them.
+    static constexpr int kProbesAhead = 8;
+    // What is ready goes over once this many files are, or once the
+    // oldest of them has waited this long.
+    static constexpr int kHandFiles = 100;
+    static constexpr int kHandMsecs = 100;
 
     void run() const;
 };
