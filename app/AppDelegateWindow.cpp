@@ -45,12 +45,16 @@ void AppDelegate::connectList()
 
     connect(ui.actionShowLoudness, &QAction::toggled, ui.loudnessView, &QWidget::setVisible);
     connect(list->selectionModel(), &QItemSelectionModel::currentChanged, this, [this] { updateLoudnessView(); });
-    connect(m_audioGains, &QAbstractItemModel::dataChanged, this, [this](const QModelIndex &, const QModelIndex &,
-                                                                         const QList<int> &roles) {
-        // Progress ticks change neither the figures nor the target.
-        if (roles.isEmpty() || roles.contains(Qt::ToolTipRole) || roles.contains(VXAudioGainList::TargetLoudnessRole))
-            updateLoudnessView();
-    });
+    connect(m_audioGains, &QAbstractItemModel::dataChanged, this,
+            [this](const QModelIndex &from, const QModelIndex &to, const QList<int> &roles) {
+                // Progress ticks change neither the figures nor the target.
+                if (!roles.isEmpty() && !roles.contains(Qt::ToolTipRole)
+                    && !roles.contains(VXAudioGainList::TargetLoudnessRole))
+                    return;
+                const int shown = shownRow();
+                if (shown >= from.row() && shown <= to.row())
+                    updateLoudnessView();
+            });
     connect(RQPopupMenuWndCtrl::sharePopupMenuWndCtrl(), &RQPopupMenuWndCtrl::targetLoudnessChosen, this,
             &AppDelegate::targetLoudnessChanged);
 }

@@ -56,8 +56,7 @@ void RQAudioGainRows::setMeasured(const VXAudioGain *item, const VXLoudness &lou
         return;
     Measured &m = m_measured[item];
     (output ? m.output : m.input) = loudness;
-    const QModelIndex changed = index(row);
-    emit dataChanged(changed, changed, {Qt::ToolTipRole, Qt::AccessibleDescriptionRole});
+    noteRowChanged(item, {Qt::ToolTipRole, Qt::AccessibleDescriptionRole});
 }
 
 QString RQAudioGainRows::describe(const VXAudioGain &item, const Measured *measured)
