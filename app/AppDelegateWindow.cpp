@@ -2,6 +2,7 @@
 
 #include "app/RQImportController.h"
 #include "app/RQSettingsController.h"
+#include "views/RQBatchProgressView.h"
 #include "views/RQPopupMenuWndCtrl.h"
 #include "views/RQTableCellView.h"
 
@@ -88,6 +89,11 @@ void AppDelegate::connectGain()
     ui.btnGain->setEnabled(false);
     connect(m_batch, &RQBatchController::faceChanged, this, &AppDelegate::paintGainFace);
     connect(m_batch, &RQBatchController::jobEnded, this, &AppDelegate::jobEnded);
+    connect(m_batch, &RQBatchController::progressChanged, this, [this] {
+        RQBatchProgressView *view = m_ui->batchProgressView;
+        view->setProgress(m_batch->filesDone(), m_batch->filesTotal(), m_batch->fraction(), m_batch->secondsLeft());
+        view->setVisible(m_batch->batchRunning());
+    });
 
     // Window-wide keys with no menu entry: the button's own shortcut would
     // be reset each time its face changes.
