@@ -96,7 +96,7 @@ void AppDelegate::applicationDidFinishLaunching()
 bool AppDelegate::windowShouldClose()
 {
     const bool importing = !allowedImport();
-    bool busy = importing;
+    bool busy = importing || m_batch->batchRunning();
     for (const VXAudioGainPtr &item : m_audioGains->items())
         busy = busy || item->isRunning();
     if (!busy)

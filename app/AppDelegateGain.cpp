@@ -28,11 +28,9 @@ void AppDelegate::gainAudioAction()
 
 void AppDelegate::cancelSelectedJobs()
 {
-    // Only the chosen items that run; the face follows their end reports.
-    for (const VXAudioGainPtr &item : selectedAudioGains()) {
-        if (item->isRunning())
-            item->cancelGain();
-    }
+    // Only the chosen items that run or wait to; the face follows their end
+    // reports.
+    m_batch->cancel(selectedAudioGains());
 }
 
 void AppDelegate::gainAudios()

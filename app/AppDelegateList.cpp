@@ -100,7 +100,7 @@ void AppDelegate::removeGainsExceptProcessAtIndexes(const QList<int> &indexes)
     removal.reserve(indexes.size());
     for (int index : indexes) {
         const VXAudioGainPtr item = m_audioGains->at(index);
-        if (item && !item->isRunning())
+        if (item && !item->isRunning() && !m_batch->isPending(item.get()))
             removal.append(index);
     }
     m_audioGains->removeAudioGainsAtIndexes(removal);

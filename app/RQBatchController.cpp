@@ -3,6 +3,7 @@
 #include "app/RQDesktopServices.h"
 #include "engine/VXAlbumBatch.h"
 #include "engine/VXGainState.h"
+#include "engine/VXMainThread.h"
 #include "engine/codec/VXCodecConstants.h"
 
 #include <QWidget>
@@ -59,12 +60,35 @@ bool RQBatchController::start(const QList<VXAudioGainPtr> &chosen, const VXJobSe
     }
     // The albums of this press are its own files, grouped by the first job to run.
     VXAlbumBatch::prepareJobs(items, copy);
-    const QPointer<RQBatchController> self(this);
     for (const VXAudioGainPtr &item : std::as_const(items)) {
         item->setReplaceOriginalFile(inPlace);
         if (!item->replaceOriginalFile())
             item->setOutFolder(folder);
         join(item);
+        m_pending.push_back(item);
+    }
+    if (items.isEmpty())
+        return false;
+    // The first turn's share now: the press shows its jobs at once.
+    startPending();
+    emit progressChanged();
+    return true;
+}
+
+void RQBatchController::startPending()
+{
+    // The application is going away: what has not started stays so.
+    if (VXMainThread::isShutDown())
+        return;
+    const QPointer<RQBatchController> self(this);
+    for (int started = 0; started < kStartsPerTurn && !m_pending.empty();) {
+        const VXAudioGainPtr item = std::move(m_pending.front());
+        m_pending.pop_front();
+        const auto entry = m_batch.find(item.get());
+        if (entry == m_batch.end() || !entry->pending)
+            continue;
+        entry->pending = false;
+        ++started;
         const VXAudioGain *key = item.get();
         item->gainWithBlock([self, key, weak = std::weak_ptr<VXAudioGain>(item)](qint32 state, qint64 retCode) {
             if (!self)
@@ -76,9 +100,45 @@ bool RQBatchController::start(const QList<VXAudioGainPtr> &chosen, const VXJobSe
                 self->reported(key, state, retCode);
         });
     }
-    if (!items.isEmpty())
+    if (m_pending.empty() || m_startQueued)
+        return;
+    m_startQueued = true;
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            m_startQueued = false;
+            startPending();
+        },
+        Qt::QueuedConnection);
+}
+
+void RQBatchController::cancel(const QList<VXAudioGainPtr> &items)
+{
+    for (const VXAudioGainPtr &item : items) {
+        if (isPending(item.get()))
+            leave(item.get());
+        else if (item->isRunning())
+            item->cancelGain();
+    }
+}
+
+bool RQBatchController::isPending(const VXAudioGain *item) const
+{
+    const auto entry = m_batch.constFind(item);
+    return entry != m_batch.constEnd() && entry->pending;
+}
+
+void RQBatchController::leave(const VXAudioGain *item)
+{
+    // Its job never started: the batch is as if it had never been pressed.
+    const auto entry = m_batch.find(item);
+    m_audioTotal -= entry->seconds;
+    m_eta.addWork(-entry->seconds);
+    m_batch.erase(entry);
+    if (--m_running == 0)
+        endBatch();
+    else
         emit progressChanged();
-    return !items.isEmpty();
 }
 
 void RQBatchController::join(const VXAudioGainPtr &item)
@@ -98,6 +158,7 @@ void RQBatchController::join(const VXAudioGainPtr &item)
         entry->ended = false;
         entry->end = 0;
     }
+    entry->pending = true;
     ++m_running;
 }
 
@@ -150,6 +211,7 @@ void RQBatchController::endBatch()
                                                           .arg(m_failed));
     }
     m_batch.clear();
+    m_pending.clear();
     m_ended = m_succeeded = m_failed = 0;
     m_audioTotal = m_audioDone = 0;
     emit progressChanged();

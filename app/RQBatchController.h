@@ -6,6 +6,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <deque>
 #include <functional>
 
 #include "app/RQBatchEta.h"
@@ -44,6 +45,9 @@ public:
     static constexpr qint64 kNotifyAfterMsecs = 10000;
     // Progress of single files reaches the bar no more often than this.
     static constexpr qint64 kProgressEveryMsecs = 250;
+    // Jobs started per turn of the event loop: a press over ten thousand
+    // files starts them over a few dozen turns, the window answering between.
+    static constexpr int kStartsPerTurn = 250;
 
     explicit RQBatchController(QObject *parent = nullptr);
 
@@ -59,6 +63,12 @@ public:
     // started.
     bool start(const QList<VXAudioGainPtr> &chosen, const VXJobSettings &settings, const QString &folder,
                bool inPlace);
+    // Cancels the running jobs among items, and those of them still waiting
+    // for their turn to start.
+    void cancel(const QList<VXAudioGainPtr> &items);
+    // Pressed Gain, its job not started yet: part of the batch, and not to
+    // be removed from the list.
+    bool isPending(const VXAudioGain *item) const;
 
     // The batch under way: its files that have ended and all of them, the
     // share of its audio done (0 to 1), and the wall seconds it has left,
@@ -88,8 +98,11 @@ private:
         double share = 0;     // of it done
         qint64 end = 0;       // the job's end code, once ended
         bool ended = false;
+        bool pending = false;  // its job not started yet
     };
     void join(const VXAudioGainPtr &item);
+    void startPending();
+    void leave(const VXAudioGain *item);
     void reported(const VXAudioGain *item, qint32 state, qint64 retCode);
     void tally(Entry &entry, int sign);
     void endBatch();
@@ -100,6 +113,10 @@ private:
     Clock m_clock;
     QPointer<QWidget> m_window;
     QHash<const VXAudioGain *, Entry> m_batch;
+    // In press order; an item may stand twice (pressed again while
+    // waiting): the first to come up starts it.
+    std::deque<VXAudioGainPtr> m_pending;
+    bool m_startQueued = false;
     int m_running = 0;
     int m_ended = 0, m_succeeded = 0, m_failed = 0;
     double m_audioTotal = 0, m_audioDone = 0;

@@ -6,6 +6,7 @@
 #include "app/RQBatchEta.h"
 #include "views/RQBatchProgressView.h"
 
+#include <QPushButton>
 #include <QSignalSpy>
 
 using namespace apptest;
@@ -124,6 +125,38 @@ private slots:
                 QVERIFY(seen[i].fraction >= seen[i - 1].fraction);
             }
         }
+    }
+
+    // A press over many files starts their jobs over several turns; until
+    // a file's turn comes it belongs to the batch: Clear spares it, and
+    // Cancel drops it so that it never starts.
+    void filesWaitingToStartCanBeCancelled()
+    {
+        const QString out = m_dir.filePath(QStringLiteral("out-many"));
+        QVERIFY(QDir().mkpath(out));
+        Controller c;
+        c->folderSheetDidEnd(QDialog::Accepted, out, false);
+        QList<VXAudioGainPtr> items;
+        for (int i = 0; i < RQBatchController::kStartsPerTurn + 10; ++i) {
+            VXError error;
+            items << VXAudioGain::initWithFile(m_files[i % m_files.size()], QString(), &error);
+            QVERIFY(items.last());
+        }
+        c->audioGains()->setAudioGains(items);
+        c->gainAudioAction();
+        RQBatchController *batch = c->batchController();
+        QCOMPARE(batch->filesTotal(), int(items.size()));
+        QVERIFY(items.first()->isRunning() && !batch->isPending(items.first().get()));
+        QVERIFY(!items.last()->isRunning() && batch->isPending(items.last().get()));
+
+        c->cleanGains();
+        QCOMPARE(c->audioGains()->count(), items.size());
+        c->cancelSelectedJobs();
+        QVERIFY(waitFor([&] { return !batch->batchRunning(); }));
+        for (const VXAudioGainPtr &item : std::as_const(items))
+            QVERIFY(!item->isRunning());
+        QCOMPARE(items.last()->state(), 0);
+        QCOMPARE(c->btnGain()->text(), QStringLiteral("Gain"));
     }
 };
 
