@@ -4,6 +4,7 @@
 #include "app/RQAudioGainRows.h"
 #include "app/RQImportController.h"
 #include "app/RQPalette.h"
+#include "app/RQResumeOffer.h"
 #include "app/RQSettingsController.h"
 #include "engine/VXMainThread.h"
 #include "views/RQPopupMenuWndCtrl.h"
@@ -18,6 +19,7 @@
 #include <QMessageBox>
 #include <QScreen>
 #include <QThread>
+#include <QTimer>
 
 namespace {
 // A job's last report can take a moment to be refused once hops stop; the
@@ -91,6 +93,8 @@ void AppDelegate::applicationDidFinishLaunching()
         connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate,
                 Qt::UniqueConnection);
     updateDerivedFlags();
+    // Once the window is up: a batch a dead run left unfinished.
+    QTimer::singleShot(0, this, [this] { RQResumeOffer::offer(m_window, m_import, m_audioGains); });
 }
 
 bool AppDelegate::windowShouldClose()

@@ -155,6 +155,7 @@ void AppDelegate::connectSettingsEditors()
     m_settings->attachAction(ui.actionTreatAsAlbums, &VXJobSettings::treatAsAlbums);
     m_settings->attachAction(ui.actionMeasureWithLoudnorm, &VXJobSettings::measureWithLoudnorm);
     m_settings->attachAction(ui.actionTagsOnly, &VXJobSettings::tagsOnly);
+    m_settings->attachAction(ui.actionLossless, &VXJobSettings::lossless);
     m_settings->attachPopup(RQPopupMenuWndCtrl::sharePopupMenuWndCtrl());
     // The picture draws the ceiling.
     connect(m_settings, &RQSettingsController::settingsChanged, this, [this] { updateLoudnessView(); });

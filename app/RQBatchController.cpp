@@ -1,5 +1,6 @@
 #include "app/RQBatchController.h"
 
+#include "app/RQBatchJournal.h"
 #include "app/RQDesktopServices.h"
 #include "engine/VXAlbumBatch.h"
 #include "engine/VXGainState.h"
@@ -13,6 +14,10 @@ RQBatchController::RQBatchController(QObject *parent) : QObject(parent)
     m_notify = [](const QString &summary, const QString &body) { RQDesktopServices::notify(summary, body); };
     m_steady.start();
 }
+
+// A batch still under way as the window goes stays in its journal: its
+// jobs are being cancelled, and what they did not finish is offered again.
+RQBatchController::~RQBatchController() = default;
 
 void RQBatchController::setFace(Face face)
 {
@@ -43,7 +48,8 @@ bool RQBatchController::start(const QList<VXAudioGainPtr> &chosen, const VXJobSe
                               const QString &folder, bool inPlace)
 {
     // Jobs added while others run join their batch.
-    if (m_running == 0) {
+    const bool batchRunning = m_running > 0;
+    if (!batchRunning) {
         m_batch.clear();
         m_ended = m_succeeded = m_failed = 0;
         m_audioTotal = m_audioDone = 0;
@@ -60,10 +66,17 @@ bool RQBatchController::start(const QList<VXAudioGainPtr> &chosen, const VXJobSe
     }
     // The albums of this press are its own files, grouped by the first job to run.
     VXAlbumBatch::prepareJobs(items, copy);
+    if (!items.isEmpty()) {
+        if (!batchRunning || !m_journal)
+            m_journal = RQBatchJournal::begin(items);
+        else
+            RQBatchJournal::add(*m_journal, items);
+    }
     for (const VXAudioGainPtr &item : std::as_const(items)) {
         item->setReplaceOriginalFile(inPlace);
         if (!item->replaceOriginalFile())
             item->setOutFolder(folder);
+        item->setJournal(m_journal);
         join(item);
         m_pending.push_back(item);
     }
@@ -204,6 +217,7 @@ void RQBatchController::reported(const VXAudioGain *item, qint32 state, qint64 r
 void RQBatchController::endBatch()
 {
     RQDesktopServices::setLauncherProgress(0, false);
+    RQBatchJournal::finish(std::move(m_journal));
     // A short batch is watched; a long one may have been left behind another window.
     if (now() - m_batchStart > kNotifyAfterMsecs && m_window && !m_window->isActiveWindow() && m_notify) {
         m_notify(tr("Gain finished"), m_failed == 0 ? tr("%n file(s) succeeded.", nullptr, m_succeeded)

@@ -14,6 +14,7 @@
 #include "engine/VXJobSettings.h"
 
 class QWidget;
+class VXJournal;
 
 // The gain jobs of a press of Gain (and those added while it runs): starts
 // them with a copy of the settings, follows their reports for the batch's
@@ -50,6 +51,7 @@ public:
     static constexpr int kStartsPerTurn = 250;
 
     explicit RQBatchController(QObject *parent = nullptr);
+    ~RQBatchController() override;
 
     Face face() const { return m_face; }
     void setFace(Face face);
@@ -124,4 +126,7 @@ private:
     qint64 m_batchStart = 0;
     qint64 m_lastProgress = -1;
     QElapsedTimer m_steady;
+    // What the batch has done, kept until it ends, for the next start should
+    // this program die first.
+    std::shared_ptr<VXJournal> m_journal;
 };

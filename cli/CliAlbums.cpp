@@ -15,25 +15,23 @@ void cliMeasureAlbums(VXAlbumBatch &albums, int jobs, const VXCancel &cancel)
     }, [](int) {}, cancel);
 }
 
-void cliReportAlbums(QList<CliFileResult> &results, VXAlbumBatch &albums, const VXJobSettings &settings)
+void cliReportAlbum(CliFileResult &r, VXAlbumBatch &albums, const VXJobSettings &settings)
 {
+    const std::optional<VXAlbumBatch::Report> album = albums.report(r.input);
+    if (!album)
+        return;
+    r.album = album->name;
+    r.albumI = album->album.integrated;
+    r.albumTp = album->album.truePeak;
+    r.albumLra = album->album.range;
     const float targetLufs = VXLoudnessScale::lufsForPosition(settings.targetLoudness);
-    for (CliFileResult &r : results) {
-        const std::optional<VXAlbumBatch::Report> album = albums.report(r.input);
-        if (!album)
-            continue;
-        r.album = album->name;
-        r.albumI = album->album.integrated;
-        r.albumTp = album->album.truePeak;
-        r.albumLra = album->album.range;
-        const auto plan = album->album.measured()
-            ? VXPlanGain(album->album, targetLufs, settings.truePeakCeiling, settings.limitPeaks)
-            : std::nullopt;
-        if (plan && !settings.tagsOnly) {
-            r.albumGainDb = plan->gainDb;
-            r.albumNormalization = VXNormalizationName(plan->kind);
-        }
-        if (r.reason.isEmpty() && r.outcome != CliOutcome::Cancelled)
-            r.reason = album->why;
+    const auto plan = album->album.measured()
+        ? VXPlanGain(album->album, targetLufs, settings.truePeakCeiling, settings.limitPeaks)
+        : std::nullopt;
+    if (plan && !settings.tagsOnly) {
+        r.albumGainDb = plan->gainDb;
+        r.albumNormalization = VXNormalizationName(plan->kind);
     }
+    if (r.reason.isEmpty() && r.outcome != CliOutcome::Cancelled)
+        r.reason = album->why;
 }

@@ -15,8 +15,8 @@ class VXCancel;
 // on the job pool, at most jobs at a time, until cancel stops it.
 void cliMeasureAlbums(VXAlbumBatch &albums, int jobs, const VXCancel &cancel);
 
-// For each result that is one of the batch's files: its album's name and
+// For a result that is one of the batch's files: its album's name and
 // figures, the gain the album's tracks share (unless the settings write
 // tags, which carry their own), and why the file was left out of its album
 // where nothing else has said why it failed.
-void cliReportAlbums(QList<CliFileResult> &results, VXAlbumBatch &albums, const VXJobSettings &settings);
+void cliReportAlbum(CliFileResult &r, VXAlbumBatch &albums, const VXJobSettings &settings);

@@ -1,25 +1,67 @@
 #include "cli/CliBatch.h"
 
+#include "cli/CliAlbums.h"
 #include "cli/CliProgress.h"
-
-#include <algorithm>
+#include "cli/CliRun.h"
+#include "engine/VXAnalysis.h"
+#include "engine/VXGainText.h"
+#include "engine/VXJournal.h"
+#include "engine/VXMainThread.h"
+#include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXFilter.h"
 
-CliBatch::CliBatch(QList<Job> jobs, QList<CliFileResult> &results, int maxRunning,
-                   CliProgress &progress, QObject *parent)
-    : QObject(parent), m_jobs(std::move(jobs)), m_clocks(m_jobs.size()), m_results(results),
-      m_maxRunning(std::max(1, maxRunning)), m_progress(progress)
+#include <QFileInfo>
+#include <algorithm>
+#include <numeric>
+
+namespace {
+
+QString refusalReason(const VXError &error)
 {
-    // Longest first: a long file started last would leave the other cores
-    // idle while it finishes alone. The report keeps the order given.
-    std::stable_sort(m_jobs.begin(), m_jobs.end(),
-                     [](const Job &a, const Job &b) { return a.item->duration() > b.item->duration(); });
+    if (error.userInfo.contains(QLatin1String(VXTranscodingDRMProtected)))
+        return QStringLiteral("DRM protected stream detected, can not import such file.");
+    if (!error.description.isEmpty())
+        return error.description;
+    return QStringLiteral("Failed to parser file with unknown reason.");
+}
+
+QString endLine(const CliFileResult &r)
+{
+    QString line = QStringLiteral("%1  %2").arg(outcomeName(r.outcome), -9).arg(r.input);
+    if (!r.output.isEmpty() && r.output != r.input)
+        line += QStringLiteral(" -> ") + r.output;
+    if (!r.reason.isEmpty())
+        line += QStringLiteral(": ") + r.reason;
+    return line;
+}
+
+} // namespace
+
+CliBatch::CliBatch(CliRun &run, CliProgress &progress, QObject *parent)
+    : QObject(parent), m_run(run), m_progress(progress), m_maxRunning(std::max(1, run.opt.jobs))
+{
+    m_order.resize(run.files.size());
+    std::iota(m_order.begin(), m_order.end(), qsizetype(0));
 }
 
 void CliBatch::start()
 {
+    if (!m_run.opt.analyze && qsizetype(m_order.size()) <= kSortedBatch)
+        prepareSorted();
     startNext();
     finishIfDone();
+}
+
+void CliBatch::prepareSorted()
+{
+    std::vector<qsizetype> probed;
+    for (const qsizetype file : m_order)
+        if (!m_cancelling && makeItem(file))
+            probed.push_back(file);
+    std::stable_sort(probed.begin(), probed.end(), [this](qsizetype a, qsizetype b) {
+        return m_slots[a].item->duration() > m_slots[b].item->duration();
+    });
+    m_order = std::move(probed);
 }
 
 void CliBatch::cancel()
@@ -27,65 +69,205 @@ void CliBatch::cancel()
     if (m_cancelling)
         return;
     m_cancelling = true;
-    for (qsizetype i = m_next; i < m_jobs.size(); ++i)
-        m_results[m_jobs[i].result].outcome = CliOutcome::Cancelled;
-    for (qsizetype i = 0; i < m_next; ++i) {
-        if (m_jobs[i].item->isRunning())
-            m_jobs[i].item->cancelGain();
-    }
+    m_run.measuring.cancel();
+    for (auto &[file, slot] : m_slots)
+        if (slot.started && slot.item && slot.item->isRunning())
+            slot.item->cancelGain();
     finishIfDone();
 }
 
 void CliBatch::startNext()
 {
-    while (!m_cancelling && m_running < m_maxRunning && m_next < m_jobs.size())
-        launch(m_next++);
+    while (!m_cancelling && m_running < m_maxRunning && m_next < qsizetype(m_order.size()))
+        launch(m_order[size_t(m_next++)]);
 }
 
-void CliBatch::launch(int index)
+void CliBatch::launch(qsizetype file)
 {
-    const VXAudioGainPtr &item = m_jobs[index].item;
     ++m_running;
-    m_clocks[index].start();
-    // Tags take no time to speak of once measured: no bars, one line at the end.
-    if (!item->jobSettings().tagsOnly)
-        m_progress.fileStarted(index, item->inputFile(), item->duration());
+    Slot &slot = m_slots[file];
+    slot.started = true;
+    slot.clock.start();
+    if (m_run.opt.analyze) {
+        analyze(file);
+        return;
+    }
+    // What needs no item is done on the pool first: whether the file can be
+    // left as it is without a decode, and with --plot the input's curve
+    // (with --replace nothing else is left of the input afterwards).
+    const QString path = m_run.files[size_t(file)];
+    const bool plot = m_run.plot();
+    const int flags = VXMeasureCurve | (m_run.opt.settings.dualMono ? VXMeasureDualMono : 0);
+    VXStartOnPool(VXAudioGain::jobPool(), [this, file, path, plot, flags] {
+        std::optional<CliFileResult> done = precheck(path);
+        VXLoudness curve;
+        if (!done && plot)
+            curve = VXMeasureFile(path, flags, &m_run.measuring).valueOr({});
+        VXPostTo(this, [this, file, done = std::move(done), curve = std::move(curve)]() mutable {
+            if (done) {
+                end(file, *done);
+                return;
+            }
+            if (m_cancelling) {
+                end(file, m_run.result(m_run.files[size_t(file)], CliOutcome::Cancelled));
+                return;
+            }
+            m_slots[file].inputCurve = std::move(curve);
+            runJob(file);
+        });
+    });
+}
+
+std::optional<CliFileResult> CliBatch::precheck(const QString &path) const
+{
+    Q_UNUSED(path);
+    return std::nullopt;
+}
+
+void CliBatch::analyze(qsizetype file)
+{
+    const QString path = m_run.files[size_t(file)];
+    m_progress.fileStarted(int(file), path, 0);
+    VXStartOnPool(VXAudioGain::jobPool(), [this, file, path] {
+        const VXJobSettings &settings = m_run.opt.settings;
+        VXAnalysis a = VXAnalyzeFile(path, m_run.targetLufs, settings.truePeakCeiling, settings.limitPeaks,
+                                     settings.dualMono, &m_run.measuring);
+        const QString pictureWarning = a.ok && m_run.plot() ? m_run.drawPicture(path, a.loudness, {}) : QString();
+        // The curve has a point every 100 ms: the audio's length, for the pace.
+        const double seconds = double(a.loudness.shortTerm.size()) * kVXShortTermStep;
+        VXPostTo(this, [this, file, a = std::move(a), pictureWarning, seconds] {
+            CliFileResult r = m_run.result(m_run.files[size_t(file)], CliOutcome::Analyzed);
+            r.warning = pictureWarning;
+            if (!a.ok) {
+                r.outcome = m_run.measuring.isCancelled() ? CliOutcome::Cancelled : CliOutcome::Failed;
+                r.reason = r.outcome == CliOutcome::Failed ? a.reason : QString();
+            } else {
+                r.measurement = VXMeasurementRecord(a.loudness);
+                r.measurement.remove(QStringLiteral("target_offset"));  // nothing was normalised
+                r.gainDb = a.gainDb;
+                r.normalization = a.normalization;
+                r.maxShortTerm = a.loudness.maxShortTerm;
+                r.maxMomentary = a.loudness.maxMomentary;
+            }
+            end(file, r, seconds);
+        });
+    });
+}
+
+bool CliBatch::makeItem(qsizetype file)
+{
+    Slot &slot = m_slots[file];
+    if (slot.item)
+        return true;
+    const CliOptions &opt = m_run.opt;
+    const QString &path = m_run.files[size_t(file)];
+    // Tags (and an undo) go into copies with an output folder, else into the files.
+    const bool inPlace
+        = opt.replace || ((opt.settings.tagsOnly || opt.settings.undoLossless) && opt.outputFolder.isEmpty());
+    VXError error;
+    slot.item = VXAudioGain::initWithFile(path, inPlace ? QString() : opt.outputFolder, &error);
+    if (!slot.item) {
+        CliFileResult r = m_run.result(path, CliOutcome::Refused);
+        r.reason = refusalReason(error);
+        cliSay(QStringLiteral("Can not import audio file(%1): %2").arg(path, r.reason));
+        m_slots.erase(file);
+        m_run.results.add(r, m_run.firstOrder + file);
+        return false;
+    }
+    VXAudioGain &item = *slot.item;
+    item.setTargetLoudness(opt.settings.targetLoudness);
+    item.setReplaceOriginalFile(inPlace);
+    item.setJobSettings(opt.settings);
+    item.setAlbumBatch(m_run.albums);
+    item.setJournal(m_run.journal);
+    return true;
+}
+
+void CliBatch::runJob(qsizetype file)
+{
+    if (!makeItem(file)) {
+        --m_running;
+        QMetaObject::invokeMethod(this, [this] { startNext(); finishIfDone(); }, Qt::QueuedConnection);
+        return;
+    }
+    const VXAudioGainPtr item = m_slots[file].item;
+    // Tags take no time to speak of once measured: one line at the end.
+    if (!item->jobSettings().tagsOnly || item->jobSettings().lossless)
+        m_progress.fileStarted(int(file), item->inputFile(), item->duration());
     // The item reports its start before gainWithBlock returns, so everything
     // the report touches is set up first.
-    item->gainWithBlock([this, index](qint32 state, qint64 retCode) { onReport(index, state, retCode); });
+    item->gainWithBlock([this, file](qint32 state, qint64 retCode) { onReport(file, state, retCode); });
 }
 
-void CliBatch::onReport(int index, qint32 state, qint64 retCode)
+void CliBatch::onReport(qsizetype file, qint32 state, qint64 retCode)
 {
     if (state == VXGainRunning) {
-        m_progress.fileProgress(index, int(retCode));
+        m_progress.fileProgress(int(file), int(retCode));
         return;
     }
     if (state != VXGainFinished)
         return;
-
-    const VXAudioGainPtr &item = m_jobs[index].item;
-    CliFileResult &r = m_results[m_jobs[index].result];
-    if (item->jobSettings().tagsOnly) {
-        readTagsResult(*item, VXGainEnd(retCode), r);
-        // A cancelled file has no line of its own: the summary counts it.
-        if (r.outcome != CliOutcome::Cancelled)
-            m_progress.message(QStringLiteral("%1  %2%3").arg(outcomeName(r.outcome), -9).arg(r.input,
-                                               r.reason.isEmpty() ? QString() : QStringLiteral(": ") + r.reason));
-    } else {
-        r.seconds = m_clocks[index].nsecsElapsed() / 1e9;
-        readGainResult(*item, VXGainEnd(retCode), r);
-        QString line = QStringLiteral("%1  %2").arg(outcomeName(r.outcome), -9).arg(r.input);
-        if (!r.output.isEmpty() && r.output != r.input)
-            line += QStringLiteral(" -> ") + r.output;
-        if (!r.reason.isEmpty())
-            line += QStringLiteral(": ") + r.reason;
-        line += QStringLiteral(" (%1 s)").arg(r.seconds, 0, 'f', 1);
-        m_progress.fileEnded(index, line);
-    }
-
-    --m_running;
+    Slot &slot = m_slots[file];
+    const VXAudioGain &item = *slot.item;
+    CliFileResult r = m_run.result(item.inputFile(), CliOutcome::Failed);
+    const VXJobSettings settings = item.jobSettings();
+    if (settings.tagsOnly && !settings.lossless)
+        readTagsResult(item, VXGainEnd(retCode), r);
+    else
+        readGainResult(item, VXGainEnd(retCode), r);
     // Not from inside this report: a job may end before gainWithBlock returns.
+    QMetaObject::invokeMethod(this, [this, file, r] { finishJob(file, r); }, Qt::QueuedConnection);
+}
+
+// The picture of a result goes with it: the output decoded by the meter,
+// drawn over the input's curve.
+void CliBatch::finishJob(qsizetype file, CliFileResult r)
+{
+    Slot &slot = m_slots[file];
+    if (!m_run.plot() || !outcomeSucceeded(r.outcome) || slot.inputCurve.shortTerm.empty() || m_cancelling) {
+        end(file, r);
+        return;
+    }
+    const int flags = VXMeasureCurve | (m_run.opt.settings.dualMono ? VXMeasureDualMono : 0);
+    VXStartOnPool(VXAudioGain::jobPool(), [this, file, r, flags, input = slot.inputCurve]() mutable {
+        const VXLoudness output
+            = r.output.isEmpty() ? VXLoudness() : VXMeasureFile(r.output, flags, &m_run.measuring).valueOr({});
+        if (!m_run.measuring.isCancelled()) {
+            const QString warning = m_run.drawPicture(r.input, input, output);
+            if (!warning.isEmpty())
+                r.warning = warning;
+        }
+        VXPostTo(this, [this, file, r] { end(file, r); });
+    });
+}
+
+void CliBatch::end(qsizetype file, const CliFileResult &result, double audioSeconds)
+{
+    CliFileResult r = result;
+    auto it = m_slots.find(file);
+    if (it != m_slots.end()) {
+        r.seconds = it->second.clock.nsecsElapsed() / 1e9;
+        if (it->second.item)
+            audioSeconds = double(it->second.item->duration()) / double(VXTimebase);
+    }
+    if (m_run.albums)
+        cliReportAlbum(r, *m_run.albums, m_run.opt.settings);
+    if (m_run.opt.analyze && r.outcome == CliOutcome::Analyzed && !std::isnan(r.albumGainDb)) {
+        // An album's tracks would all take its gain.
+        r.gainDb = r.albumGainDb;
+        r.normalization = r.albumNormalization;
+    }
+    if (m_run.opt.analyze && r.outcome == CliOutcome::Analyzed && m_run.journal)
+        m_run.journal->done(r.input, VXFileId::of(r.input), QString(), outcomeName(r.outcome));
+    const bool tags = m_run.opt.settings.tagsOnly && !m_run.opt.settings.lossless;
+    const QString line = endLine(r) + (tags || m_run.opt.analyze ? QString() : QStringLiteral(" (%1 s)").arg(r.seconds, 0, 'f', 1));
+    // A cancelled file has no line of its own: the summary counts it.
+    if (r.outcome != CliOutcome::Cancelled || !(tags || m_run.opt.analyze))
+        m_progress.fileEnded(int(file), line, audioSeconds);
+    m_run.results.add(r, m_run.firstOrder + file);
+    if (it != m_slots.end())
+        m_slots.erase(it);
+    --m_running;
     QMetaObject::invokeMethod(this, [this] {
         startNext();
         finishIfDone();
@@ -109,14 +291,26 @@ void CliBatch::readGainResult(const VXAudioGain &item, VXGainEnd end, CliFileRes
     r.corrections = gain.corrections;
     r.warning = gain.warning;
     r.otherStreams = gain.otherStreams;
+    r.lossless = gain.lossless;
+    r.notes = VXLosslessNotes(gain);
+    if (gain.tagged) {
+        // --lossless --tags-only: the rest of the way is in the tags.
+        r.tagTrackGain = gain.tags.trackGainDb;
+        r.tagTrackPeak = gain.tags.trackPeak;
+        r.tagAlbumGain = gain.tags.albumGainDb;
+        r.tagAlbumPeak = gain.tags.albumPeak;
+    }
     switch (end) {
     case VXGainSucceeded:
         if (gain.skipped) {
             r.outcome = CliOutcome::Skipped;
             break;
         }
-        r.outcome = gain.normalization == VXNormalizationName(VXNormalization::OnePass) ? CliOutcome::OnePass
-                                                                                         : CliOutcome::Ok;
+        // Tags only where no gain field could take the gain: the audio is as it was.
+        r.outcome = gain.lossless.restored                                            ? CliOutcome::Restored
+            : gain.tagged && gain.normalization.isEmpty()                             ? CliOutcome::Tagged
+            : gain.normalization == VXNormalizationName(VXNormalization::OnePass) ? CliOutcome::OnePass
+                                                                                  : CliOutcome::Ok;
         r.output = outputOf(item);
         break;
     case VXGainCancelled:
@@ -158,8 +352,14 @@ void CliBatch::readTagsResult(const VXAudioGain &item, VXGainEnd end, CliFileRes
 
 void CliBatch::finishIfDone()
 {
-    if (m_finished || m_running > 0 || (!m_cancelling && m_next < m_jobs.size()))
+    if (m_finished || m_running > 0 || (!m_cancelling && m_next < qsizetype(m_order.size())))
         return;
     m_finished = true;
+    // What never started, in the order it would have.
+    for (qsizetype k = m_next; k < qsizetype(m_order.size()); ++k) {
+        const qsizetype file = m_order[size_t(k)];
+        m_run.results.add(m_run.result(m_run.files[size_t(file)], CliOutcome::Cancelled), m_run.firstOrder + file);
+    }
+    m_slots.clear();
     emit finished();
 }

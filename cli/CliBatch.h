@@ -1,52 +1,79 @@
 #pragma once
 
 #include <QElapsedTimer>
-#include <QList>
 #include <QObject>
+
+#include <optional>
+#include <unordered_map>
+#include <vector>
 
 #include "cli/CliReport.h"
 #include "engine/VXAudioGain.h"
 
 class CliProgress;
+struct CliRun;
 
-// Runs the items' own jobs (gains or tags), at most maxRunning at a time, starting the next
-// when one ends, and fills in each one's result. Lives on the main thread,
-// where the items report.
+// Runs a run's files, at most --jobs at a time, each through its own
+// steps, starting the next when one ends: measured only (--analyze), or an
+// item made from the probed file whose job runs (gains or tags), with the
+// pictures of --plot before and after. Each result goes to the run's results
+// as it ends, and the item goes with it, so what is held in memory is the
+// files under way, never the batch. Lives on the main thread, where the
+// items report.
 class CliBatch : public QObject {
     Q_OBJECT
 public:
-    struct Job {
-        VXAudioGainPtr item;
-        int result = -1; // index into the results list
-    };
-    CliBatch(QList<Job> jobs, QList<CliFileResult> &results, int maxRunning, CliProgress &progress,
-             QObject *parent = nullptr);
+    CliBatch(CliRun &run, CliProgress &progress, QObject *parent = nullptr);
 
     void start();
-    // Starts nothing more and cancels the running jobs; finished() follows
-    // once they have all ended. Files never started count as cancelled.
+    // Starts nothing more and cancels what runs; finished() follows once
+    // all has ended. Files never started count as cancelled.
     void cancel();
     bool isCancelled() const { return m_cancelling; }
+
+    // Up to this many files, all are probed before the first starts, so the
+    // longest can go first: a long file started last would leave the other
+    // cores idle while it finishes alone. Beyond it, files go in the order
+    // found, probed as they start.
+    static constexpr qsizetype kSortedBatch = 256;
 
 signals:
     void finished();
 
 private:
+    struct Slot {
+        VXAudioGainPtr item;
+        VXLoudness inputCurve;  // --plot: the input as it was
+        QElapsedTimer clock;
+        bool started = false;
+    };
+    void prepareSorted();
     void startNext();
-    void launch(int index);
-    void onReport(int index, qint32 state, qint64 retCode);
+    void launch(qsizetype file);
+    // On a pool thread: the file's result when it can be had without an
+    // item, its probe or a decode.
+    std::optional<CliFileResult> precheck(const QString &path) const;
+    void analyze(qsizetype file);
+    void runJob(qsizetype file);
+    void onReport(qsizetype file, qint32 state, qint64 retCode);
+    void finishJob(qsizetype file, CliFileResult r);
+    // The file's item, probed now if it was not; false when it was
+    // refused, and then the refusal has been reported.
+    bool makeItem(qsizetype file);
+    // audioSeconds: how much audio the file held, where no item says.
+    void end(qsizetype file, const CliFileResult &r, double audioSeconds = 0);
+    void finishIfDone();
     // An ended job's outcome, figures and output, into its result.
     static void readGainResult(const VXAudioGain &item, VXGainEnd end, CliFileResult &r);
     static void readTagsResult(const VXAudioGain &item, VXGainEnd end, CliFileResult &r);
     static QString outputOf(const VXAudioGain &item);
-    void finishIfDone();
 
-    QList<Job> m_jobs;
-    QList<QElapsedTimer> m_clocks;
-    QList<CliFileResult> &m_results;
-    const int m_maxRunning;
+    CliRun &m_run;
     CliProgress &m_progress;
-    int m_next = 0;
+    const int m_maxRunning;
+    std::vector<qsizetype> m_order;  // files in the order they start
+    std::unordered_map<qsizetype, Slot> m_slots;  // the files under way (and probed ahead), by file
+    qsizetype m_next = 0;
     int m_running = 0;
     bool m_cancelling = false;
     bool m_finished = false;

@@ -48,11 +48,15 @@ QString helpText(const QList<QCommandLineOption> &options)
                            "                    [--limit-peaks] [--meter ebur128|loudnorm] [--dual-mono]\n"
                            "                    [--album] [--skip-within LU]\n"
                            "                    [--plot DIR] (--output-folder DIR | --replace [--preserve-mtime])\n"
-                           "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n"
+                           "                    [--recursive] [--jobs N] [--json | --jsonl] [--journal FILE]\n"
+                           "                    [--shard K/N] [--files-from FILE|- [-0]] FILE|DIR...\n"
                            "       %1 --analyze [--album] [--dual-mono] [--target POS | --lufs LUFS | --preset NAME]\n"
                            "                    [--plot DIR] [--json] FILE|DIR...\n"
                            "       %1 --tags-only [--album] [--dual-mono] [--output-folder DIR] [--preserve-mtime]\n"
-                           "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n")
+                           "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n"
+                           "       %1 --lossless [--tags-only] [options as above] FILE|DIR...\n"
+                           "       %1 --undo-lossless [--output-folder DIR] [--preserve-mtime] [--recursive]\n"
+                           "                    [--jobs N] [--json] FILE|DIR...\n")
                 .arg(kProgram);
     text += QStringLiteral(
         "Bring audio and video files to one loudness: each file is measured, then\n"
@@ -100,7 +104,8 @@ QString helpText(const QList<QCommandLineOption> &options)
                            "  %1 --replace --json podcast.mp3\n"
                            "  %1 --lufs -14 --true-peak -1 --limit-peaks -o out/ album/\n"
                            "  %1 --analyze --preset podcast --plot plots/ episode.wav\n"
-                           "  %1 --skip-within 0.5 --replace --recursive library/\n")
+                           "  %1 --skip-within 0.5 --replace --recursive library/\n"
+                           "  %1 --lossless --replace --recursive mp3s/\n")
                 .arg(kProgram);
     return text;
 }
@@ -164,6 +169,16 @@ struct Options {
                                       QStringLiteral("measure and write ReplayGain 2.0 tags (-18 LUFS; R128_* in "
                                                      "Opus) instead of changing the audio; in place, or into "
                                                      "copies with --output-folder")};
+    const QCommandLineOption lossless{QStringLiteral("lossless"),
+                                      QStringLiteral("change only the gain fields of Opus in Ogg (its header "
+                                                     "gain, exactly) and MP3 (whole 1.5 dB steps under the "
+                                                     "ceiling), copying every coded packet; other formats are "
+                                                     "normalised the usual way. With --tags-only, ReplayGain "
+                                                     "tags carry the rest")};
+    const QCommandLineOption undoLossless{QStringLiteral("undo-lossless"),
+                                          QStringLiteral("put back the gain fields a --lossless run changed, "
+                                                         "as the file records them; in place, or into copies "
+                                                         "with --output-folder")};
     const QCommandLineOption skipWithin{QStringLiteral("skip-within"),
                                         QStringLiteral("leave files already within LU of the target untouched "
                                                        "and report them as skipped"),
@@ -185,6 +200,26 @@ struct Options {
     const QCommandLineOption jobs;
     const QCommandLineOption json{QStringLiteral("json"),
                                   QStringLiteral("print the results as a JSON array, one object per file")};
+    const QCommandLineOption jsonl{QStringLiteral("jsonl"),
+                                   QStringLiteral("print each file's result as one line of JSON as soon as it "
+                                                  "ends (JSON Lines; the objects of --json), instead of the table")};
+    const QCommandLineOption filesFrom{QStringLiteral("files-from"),
+                                       QStringLiteral("also take the files and folders listed in FILE, one a line "
+                                                      "(- reads standard input)"),
+                                       QStringLiteral("FILE")};
+    const QCommandLineOption nul{{QStringLiteral("0"), QStringLiteral("null")},
+                                 QStringLiteral("the --files-from list is separated by NUL characters, as "
+                                                "find -print0 writes it")};
+    const QCommandLineOption journal{QStringLiteral("journal"),
+                                     QStringLiteral("record each finished file in FILE; the same command with the "
+                                                    "same journal, after an interruption or a kill, skips what was "
+                                                    "done and finishes the rest"),
+                                     QStringLiteral("FILE")};
+    const QCommandLineOption shard{QStringLiteral("shard"),
+                                   QStringLiteral("process only the K-th of N shares of the files (K from 1 to "
+                                                  "N), chosen by their paths below the folders given, so N "
+                                                  "processes on any machines split one library"),
+                                   QStringLiteral("K/N")};
     const QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")},
                                   QStringLiteral("show this help and exit")};
     const QCommandLineOption version{{QStringLiteral("V"), QStringLiteral("version")},
@@ -193,7 +228,8 @@ struct Options {
     QList<QCommandLineOption> all() const
     {
         return {target, lufs, preset, truePeak, limitPeaks, analyze, meter, dualMono, quick, album, tagsOnly,
-                skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, json, help, version};
+                lossless, undoLossless, skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, json,
+                jsonl, filesFrom, nul, journal, shard, help, version};
     }
 };
 
@@ -283,7 +319,16 @@ Problem readModes(const QCommandLineParser &parser, const Options &x, CliOptions
     o.analyze = parser.isSet(x.analyze);
     o.settings.treatAsAlbums = parser.isSet(x.album);
     o.settings.tagsOnly = parser.isSet(x.tagsOnly);
-    if (o.settings.tagsOnly
+    o.settings.lossless = parser.isSet(x.lossless);
+    o.settings.undoLossless = parser.isSet(x.undoLossless);
+    if (o.settings.undoLossless
+        && (o.analyze || o.settings.lossless || o.settings.tagsOnly || o.settings.treatAsAlbums
+            || parser.isSet(x.skipWithin) || parser.isSet(x.limitPeaks)))
+        return QStringLiteral("--undo-lossless only puts back what the files record: --analyze, --lossless, "
+                              "--tags-only, --album, --limit-peaks and --skip-within do not go with it");
+    if (o.settings.lossless && o.analyze)
+        return QStringLiteral("--analyze writes nothing: --lossless does not go with it");
+    if (o.settings.tagsOnly && !o.settings.lossless
         && (o.analyze || parser.isSet(x.replace) || parser.isSet(x.skipWithin) || parser.isSet(x.limitPeaks)))
         return QStringLiteral("--tags-only changes no audio: --analyze, --replace, --limit-peaks "
                               "and --skip-within do not go with it");
@@ -299,7 +344,8 @@ Problem readPlaces(const QCommandLineParser &parser, const Options &x, CliOption
     if (o.analyze && (o.replace || preserveMtime || parser.isSet(x.outFolder) || parser.isSet(x.skipWithin)))
         return QStringLiteral("--analyze writes nothing: --output-folder, --replace, "
                               "--preserve-mtime and --skip-within do not go with it");
-    if (preserveMtime && !o.replace && !o.settings.tagsOnly)
+    const bool inPlaceByDefault = o.settings.tagsOnly || o.settings.undoLossless;
+    if (preserveMtime && !o.replace && !inPlaceByDefault)
         return QStringLiteral("--preserve-mtime goes with --replace");
     if (parser.isSet(x.outFolder)) {
         if (o.replace)
@@ -307,14 +353,46 @@ Problem readPlaces(const QCommandLineParser &parser, const Options &x, CliOption
         if (parser.value(x.outFolder).isEmpty())
             return QStringLiteral("--output-folder needs a folder");
         o.outputFolder = QDir::cleanPath(QFileInfo(parser.value(x.outFolder)).absoluteFilePath());
-    } else if (!o.replace && !o.analyze && !o.settings.tagsOnly) {
+    } else if (!o.replace && !o.analyze && !inPlaceByDefault) {
         return QStringLiteral("no output folder: give --output-folder DIR, or --replace to overwrite the originals");
     }
     o.recursive = parser.isSet(x.recursive);
-    o.json = parser.isSet(x.json);
     o.inputs = parser.positionalArguments();
-    if (o.inputs.isEmpty())
+    if (parser.isSet(x.filesFrom)) {
+        if (parser.value(x.filesFrom).isEmpty())
+            return QStringLiteral("--files-from needs a file, or - for standard input");
+        o.filesFrom = parser.value(x.filesFrom);
+    }
+    o.nulSeparated = parser.isSet(x.nul);
+    if (o.nulSeparated && o.filesFrom.isEmpty())
+        return QStringLiteral("-0 describes the --files-from list: give --files-from too");
+    if (o.inputs.isEmpty() && o.filesFrom.isEmpty())
         return QStringLiteral("no input files or folders");
+    return std::nullopt;
+}
+
+// What is reported, what is remembered, and which share of the files is ours.
+Problem readRun(const QCommandLineParser &parser, const Options &x, CliOptions &o)
+{
+    o.json = parser.isSet(x.json);
+    o.jsonl = parser.isSet(x.jsonl);
+    if (o.json && o.jsonl)
+        return QStringLiteral("--json and --jsonl are alternatives; give one");
+    if (parser.isSet(x.journal)) {
+        if (parser.value(x.journal).isEmpty())
+            return QStringLiteral("--journal needs a file");
+        o.journal = QDir::cleanPath(QFileInfo(parser.value(x.journal)).absoluteFilePath());
+    }
+    if (parser.isSet(x.shard)) {
+        static const QRegularExpression form(QStringLiteral("^\\s*(\\d+)\\s*/\\s*(\\d+)\\s*$"));
+        const QRegularExpressionMatch m = form.match(parser.value(x.shard));
+        const int k = m.hasMatch() ? m.captured(1).toInt() : 0;
+        const int n = m.hasMatch() ? m.captured(2).toInt() : 0;
+        if (n < 1 || n > 1000000 || k < 1 || k > n)
+            return QStringLiteral("invalid --shard '%1': expected K/N with 1 <= K <= N").arg(parser.value(x.shard));
+        o.shardK = k;
+        o.shardN = n;
+    }
     return std::nullopt;
 }
 
@@ -341,7 +419,7 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
     }
     CliOptions o;
     o.jobs = defaultJobs;
-    for (auto step : {readTarget, readLimits, readModes, readPlaces}) {
+    for (auto step : {readTarget, readLimits, readModes, readPlaces, readRun}) {
         if (const Problem problem = step(parser, x, o)) {
             result.text = usageError(*problem);
             return result;

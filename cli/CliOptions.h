@@ -16,9 +16,16 @@ struct CliOptions {
     bool recursive = false;
     int jobs = 0;           // how many files at once
     bool json = false;
+    bool jsonl = false;     // one JSON object a line, as each file ends
     bool analyze = false;   // measure and report only; nothing is written
     QString plotFolder;     // absolute; empty for no pictures
     QStringList inputs;     // files and folders, as given
+    QString filesFrom;      // a list of further inputs, "-" for standard input
+    bool nulSeparated = false;  // that list's entries end in NUL, not newline
+    QString journal;        // absolute; empty for none
+    // This process's share of the inputs: the K-th of N.
+    int shardK = 1;
+    int shardN = 1;
 };
 
 // The outcome of parsing: options to run with, or text to print and the

@@ -22,26 +22,10 @@ QString clock(qint64 ms)
                      : QStringLiteral("%1:%2").arg(s / 60).arg(s % 60, 2, 10, QLatin1Char('0'));
 }
 
-// "label [#####-----] 42%" fitted into width columns.
-QString barLine(QString label, double fraction, const QString &tail, int width)
-{
-    fraction = std::clamp(fraction, 0.0, 1.0);
-    const int labelWidth = std::max(12, width / 3);
-    if (label.size() > labelWidth)
-        label = QStringLiteral("…") + label.right(labelWidth - 1);
-    const QString pct = QStringLiteral("%1%").arg(int(fraction * 100.0), 3);
-    // The tail's room is kept on every line so the bars line up.
-    const int barWidth = std::max(10, width - labelWidth - int(pct.size()) - 8 - 7);
-    const int filled = int(fraction * barWidth + 0.5);
-    return QStringLiteral(" %1 [%2%3] %4 %5")
-        .arg(label.leftJustified(labelWidth), QString(filled, QLatin1Char('#')),
-             QString(barWidth - filled, QLatin1Char('-')), pct, tail);
-}
-
 } // namespace
 
-CliProgress::CliProgress(bool terminal, int fileCount, quint64 totalDuration, QObject *parent)
-    : QObject(parent), m_terminal(terminal), m_fileCount(fileCount), m_totalDuration(totalDuration)
+CliProgress::CliProgress(bool terminal, qint64 fileCount, QObject *parent)
+    : QObject(parent), m_terminal(terminal), m_fileCount(fileCount)
 {
     m_clock.start();
     if (m_terminal) {
@@ -61,9 +45,8 @@ CliProgress::~CliProgress()
 
 void CliProgress::fileStarted(int id, const QString &name, quint64 duration)
 {
+    Q_UNUSED(duration);
     Running r;
-    r.name = name;
-    r.duration = duration;
     r.number = ++m_started;
     m_running.insert(id, r);
     if (m_terminal)
@@ -81,11 +64,11 @@ void CliProgress::fileProgress(int id, int percent)
     m_dirty = true;
 }
 
-void CliProgress::fileEnded(int id, const QString &line)
+void CliProgress::fileEnded(int id, const QString &line, double audioSeconds)
 {
     const Running r = m_running.take(id);
     ++m_ended;
-    m_doneDuration += r.duration;
+    m_audioSeconds += audioSeconds;
     m_dirty = true;
     message(QStringLiteral("[%1/%2] %3").arg(r.number).arg(m_fileCount).arg(line));
 }
@@ -129,17 +112,34 @@ void CliProgress::redraw()
 QByteArray CliProgress::frame() const
 {
     const int width = terminalWidth() - 1;
-    QString text;
-    double done = double(m_doneDuration);
-    for (const Running &r : m_running) {
-        text += barLine(r.name, r.percent / 100.0, QString(), width) + QLatin1Char('\n');
-        done += double(r.duration) * r.percent / 100.0;
+    const qint64 elapsed = m_clock.elapsed();
+    double done = double(m_ended);
+    for (const Running &r : m_running)
+        done += r.percent / 100.0;
+    const double fraction = m_fileCount > 0 ? std::clamp(done / double(m_fileCount), 0.0, 1.0) : 1.0;
+    const double seconds = elapsed / 1000.0;
+    QStringList parts{QStringLiteral("%1/%2 done").arg(m_ended).arg(m_fileCount),
+                      QStringLiteral("%1 left").arg(m_fileCount - m_ended)};
+    // A pace from one file or the first second would mislead.
+    if (m_ended > 0 && seconds >= 1.0) {
+        const double perSecond = m_ended / seconds;
+        parts << QStringLiteral("%1 files/s").arg(perSecond, 0, 'f', perSecond < 10 ? 1 : 0);
+        if (m_audioSeconds > 0)
+            parts << QStringLiteral("%1x real time").arg(m_audioSeconds / seconds, 0, 'f', 0);
+        parts << QStringLiteral("ETA %1").arg(clock(qint64((double(m_fileCount) - done) / (done / seconds) * 1000.0)));
     }
-    const double overall = m_totalDuration > 0 ? done / double(m_totalDuration)
-                                               : (m_fileCount > 0 ? double(m_ended) / m_fileCount : 1.0);
-    const QString label = QStringLiteral("all %1/%2").arg(m_ended).arg(m_fileCount);
-    text += barLine(label, overall, clock(m_clock.elapsed()), width) + QLatin1Char('\n');
-    return text.toLocal8Bit();
+    parts << clock(elapsed);
+    QString status = parts.join(QStringLiteral(" · "));
+    const int barWidth = std::clamp(width - int(status.size()) - 11, 0, 30);
+    QString line = QStringLiteral(" %1%").arg(int(fraction * 100.0), 3);
+    if (barWidth >= 10) {
+        const int filled = int(fraction * barWidth + 0.5);
+        line += QStringLiteral(" [%1%2]").arg(QString(filled, QLatin1Char('#')), QString(barWidth - filled, QLatin1Char('-')));
+    }
+    line += QStringLiteral("  ") + status;
+    if (line.size() > width)
+        line.truncate(width);
+    return (line + QLatin1Char('\n')).toLocal8Bit();
 }
 
 void CliProgress::writeLocked(const QByteArray &text)

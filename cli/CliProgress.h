@@ -10,18 +10,20 @@
 #include <mutex>
 
 // What the user sees while the batch runs, on standard error. On a terminal:
-// one bar per running file and an overall bar, redrawn in place at most ten
-// times a second, with finished files scrolling above them. Elsewhere (a
-// pipe, a log file): one plain line when a file starts and when it ends.
+// one status line (files done and left, files a second, how many times real
+// time, the time left) redrawn in place at most ten times a second, with
+// finished files scrolling above it. Elsewhere (a pipe, a log file): one
+// plain line when a file starts and when it ends.
 class CliProgress : public QObject {
     Q_OBJECT
 public:
-    CliProgress(bool terminal, int fileCount, quint64 totalDuration, QObject *parent = nullptr);
+    CliProgress(bool terminal, qint64 fileCount, QObject *parent = nullptr);
     ~CliProgress() override;
 
     void fileStarted(int id, const QString &name, quint64 duration);
     void fileProgress(int id, int percent);
-    void fileEnded(int id, const QString &line);
+    // audioSeconds: the length of the file's audio, for the pace.
+    void fileEnded(int id, const QString &line, double audioSeconds);
     // Any thread: one line, printed above the bars.
     void message(const QString &line);
     // Removes the bars for good; later messages are plain lines.
@@ -29,22 +31,19 @@ public:
 
 private:
     struct Running {
-        QString name;
-        quint64 duration = 0;
         int percent = 0;
-        int number = 0;
+        qint64 number = 0;
     };
     void redraw();
     QByteArray frame() const;
     void writeLocked(const QByteArray &text);
 
     const bool m_terminal;
-    const int m_fileCount;
-    const quint64 m_totalDuration;
+    const qint64 m_fileCount;
     QMap<int, Running> m_running;
-    int m_started = 0;
-    int m_ended = 0;
-    quint64 m_doneDuration = 0;
+    qint64 m_started = 0;
+    qint64 m_ended = 0;
+    double m_audioSeconds = 0;
     bool m_dirty = false;
     QTimer m_timer;
     QElapsedTimer m_clock;

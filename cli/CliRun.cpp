@@ -2,12 +2,15 @@
 
 #include "cli/CliAlbums.h"
 #include "cli/CliAnalyze.h"
+#include "cli/CliBatch.h"
+#include "cli/CliInputs.h"
 #include "cli/CliProgress.h"
 #include "cli/CliSignals.h"
 #include "engine/VXAlbumBatch.h"
 #include "engine/VXAnalysis.h"
 #include "engine/VXAudioGain.h"
 #include "engine/VXImport.h"
+#include "engine/VXJournal.h"
 #include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXLog.h"
 #include "engine/codec/VXWorker.h"
@@ -16,8 +19,6 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <set>
-#include <sys/stat.h>
 #include <unistd.h>
 
 void cliWriteOut(FILE *stream, const QByteArray &text)
@@ -28,163 +29,107 @@ void cliWriteOut(FILE *stream, const QByteArray &text)
 
 void cliSay(const QString &line) { cliWriteOut(stderr, (line + QLatin1Char('\n')).toLocal8Bit()); }
 
-void CliRun::drawPicture(int i, const VXLoudness &output)
+QString CliRun::drawPicture(const QString &input, const VXLoudness &inputCurve, const VXLoudness &output) const
 {
-    const QString &input = std::as_const(results)[i].input;
     VXLoudnessPictureData data;
     data.title = QFileInfo(input).fileName();
-    data.input = inputCurves[size_t(i)];
+    data.input = inputCurve;
     data.output = output;
     data.targetLufs = targetLufs;
     data.ceilingDbtp = opt.settings.truePeakCeiling;
-    pictureWarnings[size_t(i)] = cliWritePicture(opt.plotFolder, input, data).reason();
+    return cliWritePicture(opt.plotFolder, input, data).reason();
 }
 
 namespace {
 
-QString refusalReason(const VXError &error)
+// What this run does, as its journal tells one run's records from
+// another's: the same files with other settings are done again.
+QString journalKey(const CliOptions &opt)
 {
-    if (error.userInfo.contains(QLatin1String(VXTranscodingDRMProtected)))
-        return QStringLiteral("DRM protected stream detected, can not import such file.");
-    if (!error.description.isEmpty())
-        return error.description;
-    return QStringLiteral("Failed to parser file with unknown reason.");
-}
-
-// Inputs named on the command line that are not there, or not audio.
-void reportMissingInputs(CliRun &run)
-{
-    for (const QString &path : run.opt.inputs) {
-        QFileInfo info(path);
-        if (!info.exists()) {
-            cliSay(QStringLiteral("evenloud-cli: %1: No such file or folder").arg(path));
-            CliFileResult r = run.result(path, CliOutcome::Missing);
-            r.reason = QStringLiteral("no such file or folder");
-            run.results << r;
-        } else if (!info.isDir() && !VXImport::passesExtensionTest(path)) {
-            cliSay(QStringLiteral("evenloud-cli: %1: skipped, not a supported extension").arg(path));
-        }
-    }
-}
-
-// The app's walk order and extensions. A file is itself whatever its
-// spelling (./a.mp3, /abs/a.mp3, a link to it): one file is processed
-// once, and Take.wav and take.wav, two files here, both are. Hidden
-// entries of walked folders are skipped. Each file is probed as found and
-// becomes an item, set up for its job, unless it is only analysed.
-void collectFiles(CliRun &run)
-{
-    const CliOptions &opt = run.opt;
-    // Tags go into copies with an output folder, else into the files.
-    const bool inPlace = opt.replace || (opt.settings.tagsOnly && opt.outputFolder.isEmpty());
-    std::set<std::pair<dev_t, ino_t>> seen;
-    VXImport::walk(opt.inputs, opt.recursive, CliSignals::pending(), [&](const QString &file) {
-        struct stat st {};
-        if (CliSignals::pending() || ::stat(QFile::encodeName(file).constData(), &st) != 0
-            || !seen.insert({st.st_dev, st.st_ino}).second)
-            return;
-        if (opt.analyze) {
-            run.results << run.result(file, CliOutcome::Analyzed);
-            return;
-        }
-        VXError error;
-        VXAudioGainPtr item = VXAudioGain::initWithFile(file, opt.outputFolder, &error);
-        if (!item) {
-            CliFileResult r = run.result(file, CliOutcome::Refused);
-            r.reason = refusalReason(error);
-            cliSay(QStringLiteral("Can not import audio file(%1): %2").arg(file, r.reason));
-            run.results << r;
-            return;
-        }
-        item->setTargetLoudness(opt.settings.targetLoudness);
-        item->setReplaceOriginalFile(inPlace);
-        item->setOutFolder(inPlace ? QString() : opt.outputFolder);
-        run.results << run.result(file, CliOutcome::Failed);
-        run.jobs << CliBatch::Job{item, int(run.results.size() - 1)};
-    }, true);
-    QList<VXAudioGainPtr> items;
-    for (const CliBatch::Job &j : std::as_const(run.jobs))
-        items << j.item;
-    run.albums = VXAlbumBatch::prepareJobs(items, opt.settings);
-}
-
-// --analyze --album: every album measured whole, before its tracks are.
-void measureAlbumsForAnalysis(CliRun &run)
-{
-    QStringList paths;
-    for (const CliFileResult &r : std::as_const(run.results))
-        if (r.outcome == CliOutcome::Analyzed)
-            paths << r.input;
-    run.albums = std::make_shared<VXAlbumBatch>(paths, run.opt.settings.measureFlags() & VXMeasureDualMono);
-    cliMeasureAlbums(*run.albums, run.opt.jobs, run.measuring);
-    cliReportAlbums(run.results, *run.albums, run.opt.settings);
-}
-
-// --analyze, and the input curves of --plot: each file measured on the pool.
-void measureInputs(CliRun &run)
-{
-    const CliOptions &opt = run.opt;
-    QList<int> measured;  // result indices
-    for (qsizetype i = 0; i < run.results.size(); ++i) {
-        const CliOutcome outcome = run.results[i].outcome;
-        if ((outcome == CliOutcome::Analyzed || !opt.analyze) && outcome != CliOutcome::Missing
-            && outcome != CliOutcome::Refused)
-            measured << int(i);
-    }
-    std::vector<VXAnalysis> analyses(size_t(measured.size()));
-    std::vector<char> ended(size_t(measured.size()), 0);
-    cliRunOnPool(int(measured.size()), opt.jobs, [&](int k) {
-        const int i = measured[k];
-        VXAnalysis a = VXAnalyzeFile(std::as_const(run.results)[i].input, run.targetLufs,
-                                     opt.settings.truePeakCeiling, opt.settings.limitPeaks, opt.settings.dualMono,
-                                     &run.measuring);
-        run.inputCurves[size_t(i)] = a.loudness;
-        if (a.ok && opt.analyze && run.plot())
-            run.drawPicture(i, {});
-        analyses[size_t(k)] = std::move(a);
-    }, [&](int k) {
-        CliFileResult &r = run.results[measured[k]];
-        const VXAnalysis &a = analyses[size_t(k)];
-        if (!a.ok && run.measuring.isCancelled())
-            return;  // cancelled, not failed
-        ended[size_t(k)] = 1;
-        r.maxShortTerm = a.loudness.maxShortTerm;
-        r.maxMomentary = a.loudness.maxMomentary;
-        if (!opt.analyze)
-            return;
-        if (!a.ok) {
-            r.outcome = CliOutcome::Failed;
-            r.reason = a.reason;
-        } else {
-            r.measurement = VXMeasurementRecord(a.loudness);
-            r.measurement.remove(QStringLiteral("target_offset"));  // nothing was normalised
-            r.gainDb = a.gainDb;
-            r.normalization = a.normalization;
-        }
-        cliSay(QStringLiteral("%1  %2%3").arg(outcomeName(r.outcome), -9).arg(r.input,
-                                             r.reason.isEmpty() ? QString() : QStringLiteral(": ") + r.reason));
-    }, run.measuring);
-    for (qsizetype k = 0; opt.analyze && k < measured.size(); ++k)
-        if (!ended[size_t(k)])
-            run.results[measured[k]].outcome = CliOutcome::Cancelled;
-    // An album's tracks would all take its gain.
-    for (CliFileResult &r : run.results)
-        if (opt.analyze && r.outcome == CliOutcome::Analyzed && !std::isnan(r.albumGainDb)) {
-            r.gainDb = r.albumGainDb;
-            r.normalization = r.albumNormalization;
-        }
+    const VXJobSettings &s = opt.settings;
+    QString mode = opt.analyze ? QStringLiteral("analyze") : s.undoLossless ? QStringLiteral("undo-lossless")
+                 : s.tagsOnly && !s.lossless ? QStringLiteral("tags") : QStringLiteral("gain");
+    if (s.lossless)
+        mode += s.tagsOnly ? QStringLiteral("+lossless+tags") : QStringLiteral("+lossless");
+    return QStringLiteral("%1;target=%2;ceiling=%3;limit=%4;meter=%5;dual=%6;album=%7;skip=%8;dest=%9")
+        .arg(mode)
+        .arg(double(VXLoudnessScale::lufsForPosition(s.targetLoudness)), 0, 'f', 2)
+        .arg(double(s.truePeakCeiling), 0, 'f', 2)
+        .arg(int(s.limitPeaks))
+        .arg(s.measureWithLoudnorm ? QStringLiteral("loudnorm") : QStringLiteral("ebur128"))
+        .arg(int(s.dualMono))
+        .arg(int(s.treatAsAlbums))
+        .arg(std::isnan(s.skipWithin) ? QStringLiteral("-") : QString::number(s.skipWithin, 'f', 2))
+        .arg(opt.replace || opt.outputFolder.isEmpty() ? QStringLiteral("in-place") : opt.outputFolder);
 }
 
 } // namespace
 
-void cliCollectFiles(CliRun &run)
+bool cliCollectFiles(CliRun &run, int *status)
 {
-    reportMissingInputs(run);
-    collectFiles(run);
+    const CliOptions &opt = run.opt;
+    if (!opt.journal.isEmpty()) {
+        VXResult<std::shared_ptr<VXJournal>> journal = VXJournal::open(opt.journal, journalKey(opt));
+        if (!journal) {
+            cliSay(QStringLiteral("evenloud-cli: --journal: %1").arg(journal.reason()));
+            *status = 2;
+            return false;
+        }
+        run.journal = *journal;
+    }
+    QStringList inputs = opt.inputs;
+    if (!opt.filesFrom.isEmpty()) {
+        QStringList listed;
+        if (const std::optional<QString> problem = cliReadFilesFrom(opt, &listed)) {
+            cliSay(QStringLiteral("evenloud-cli: %1").arg(*problem));
+            *status = 2;
+            return false;
+        }
+        inputs += listed;
+    }
+    qint64 order = 0;
+    CliInputs found = cliGatherInputs(opt, inputs, run.journal.get(), [&](const CliFileResult &missing) {
+        CliFileResult r = missing;
+        r.targetLufs = run.targetLufs;
+        run.results.add(r, order++);
+    });
+    run.firstOrder = order;
+    run.files = std::move(found.files);
+    if (found.doneEarlier > 0)
+        cliSay(QStringLiteral("%1 file(s) done by an earlier run (journal %2)").arg(found.doneEarlier).arg(opt.journal));
+    if (found.otherShards > 0)
+        cliSay(QStringLiteral("%1 file(s) left to the other shards (this is %2 of %3)")
+                   .arg(found.otherShards)
+                   .arg(opt.shardK)
+                   .arg(opt.shardN));
+    if (CliSignals::pending()) {
+        *status = CliSignals::exitStatus();
+        return false;
+    }
+    if (run.files.empty() && run.results.count() == 0) {
+        if (found.doneEarlier > 0 || found.otherShards > 0) {
+            *status = 0;  // nothing left for this process: a success
+            return false;
+        }
+        cliSay(QStringLiteral("evenloud-cli: no audio files to process (supported: %1)")
+                   .arg(VXImport::supportAudioGainExts().join(QStringLiteral(", "))));
+        *status = 1;
+        return false;
+    }
+    if (opt.settings.treatAsAlbums) {
+        QStringList paths;
+        paths.reserve(qsizetype(run.files.size()));
+        for (const QString &file : run.files)
+            paths << file;
+        run.albums = std::make_shared<VXAlbumBatch>(paths, opt.settings.measureFlags() & VXMeasureDualMono);
+    }
+    return true;
 }
 
 void cliMeasureBeforeJobs(CliRun &run)
 {
+    if (!run.opt.analyze || !run.albums)
+        return;
     const QMetaObject::Connection interrupts
         = QObject::connect(&run.watcher, &CliSignals::interrupted, &run.app, [&run](int count) {
               if (count >= 2) {
@@ -194,26 +139,21 @@ void cliMeasureBeforeJobs(CliRun &run)
               cliSay(QStringLiteral("Interrupted: cancelling the files being measured (Ctrl-C again to quit at once)"));
               run.measuring.cancel();
           });
-    if (run.opt.analyze && run.opt.settings.treatAsAlbums)
-        measureAlbumsForAnalysis(run);
-    if (run.opt.analyze || run.plot())
-        measureInputs(run);
+    // --analyze --album: every album measured whole, before its tracks are.
+    cliMeasureAlbums(*run.albums, run.opt.jobs, run.measuring);
     QObject::disconnect(interrupts);
 }
 
 void cliRunJobs(CliRun &run)
 {
     const bool terminal = isatty(STDERR_FILENO);
-    quint64 totalDuration = 0;
-    for (const CliBatch::Job &j : std::as_const(run.jobs))
-        totalDuration += j.item->duration();
-    CliProgress progress(terminal, int(run.jobs.size()), totalDuration);
-    // Engine log lines (fallbacks, placement failures) go above the bars.
+    CliProgress progress(terminal, qint64(run.files.size()));
+    // Engine log lines (fallbacks, placement failures) go above the status line.
     const VXLogSink previousSink = VXSetLogSink([&progress](const QString &line) { progress.message(line); });
 
-    CliBatch batch(run.jobs, run.results, run.opt.jobs, progress);
+    CliBatch batch(run, progress);
     QObject::connect(&batch, &CliBatch::finished, &run.app, &QCoreApplication::quit, Qt::QueuedConnection);
-    const bool tags = run.opt.settings.tagsOnly;
+    const bool measuring = run.opt.settings.tagsOnly || run.opt.analyze;
     QObject::connect(&run.watcher, &CliSignals::interrupted, &run.app, [&](int count) {
         if (count >= 2) {
             // The user insists: leave now. The temporary files go with us;
@@ -222,60 +162,32 @@ void cliRunJobs(CliRun &run)
             VXAudioGain::cleanCache();
             _exit(CliSignals::exitStatus());
         }
-        progress.message(tags ? QStringLiteral("Interrupted: cancelling the files being measured (Ctrl-C again to quit at once)")
-                              : QStringLiteral("Interrupted: cancelling running files (Ctrl-C again to quit at once)"));
+        progress.message(measuring ? QStringLiteral("Interrupted: cancelling the files being measured (Ctrl-C again to quit at once)")
+                                   : QStringLiteral("Interrupted: cancelling running files (Ctrl-C again to quit at once)"));
         batch.cancel();
-        run.measuring.cancel();  // and the pictures after it
     });
-    // Interrupted while measuring the pictures' inputs: no job starts.
-    if (CliSignals::pending())
+    // Interrupted while measuring the albums: no file starts.
+    if (CliSignals::pending() || run.measuring.isCancelled())
         batch.cancel();
     else
         batch.start();
-    if (!run.jobs.isEmpty())
+    if (!run.files.empty())
         run.app.exec();
     progress.finish();
     VXSetLogSink(previousSink);
     run.cancelled = batch.isCancelled();
-    if (run.albums)
-        cliReportAlbums(run.results, *run.albums, run.opt.settings);
-}
-
-void cliDrawResults(CliRun &run)
-{
-    QList<int> done;
-    for (qsizetype i = 0; i < run.results.size(); ++i)
-        if (outcomeSucceeded(run.results[i].outcome) && !run.inputCurves[size_t(i)].shortTerm.empty())
-            done << int(i);
-    cliRunOnPool(int(done.size()), run.opt.jobs, [&](int k) {
-        const int i = done[k];
-        const CliFileResult &r = std::as_const(run.results)[i];
-        VXLoudness output;
-        if (!r.output.isEmpty())
-            output = VXMeasureFile(r.output, VXMeasureCurve | (run.opt.settings.dualMono ? VXMeasureDualMono : 0),
-                                   &run.measuring)
-                         .valueOr({});
-        if (!run.measuring.isCancelled())
-            run.drawPicture(i, output);
-    }, [](int) {}, run.measuring);
+    if (run.journal)
+        run.journal->sync();
 }
 
 int cliReport(CliRun &run)
 {
-    for (qsizetype i = 0; i < run.results.size(); ++i)
-        if (!run.pictureWarnings[size_t(i)].isEmpty())
-            run.results[i].warning = run.pictureWarnings[size_t(i)];
-    int ok = 0, failed = 0;
-    for (const CliFileResult &r : std::as_const(run.results))
-        outcomeSucceeded(r.outcome) ? ++ok : ++failed;
-    cliSay(QStringLiteral("%1 file(s): %2 succeeded, %3 not").arg(run.results.size()).arg(ok).arg(failed));
-    cliWriteOut(stdout, run.opt.json ? formatJson(run.results) : formatTable(run.results));
-
-    run.jobs.clear();
+    cliSay(QStringLiteral("%1 file(s): %2 succeeded, %3 not").arg(run.results.count()).arg(run.results.succeeded()).arg(run.results.failed()));
+    if (!run.opt.jsonl)
+        run.results.writeReport(stdout, run.opt.json);
     vx::stopWorkerProcess();
     VXAudioGain::cleanCache();
     if (run.cancelled || CliSignals::pending())
         return CliSignals::exitStatus();
-    return failed > 0 ? 1 : 0;
+    return run.results.failed() > 0 ? 1 : 0;
 }
-

@@ -3,15 +3,14 @@
 // One run of the tool, from the files found to the report, in the steps
 // main() takes one after another.
 
-#include "cli/CliBatch.h"
 #include "cli/CliOptions.h"
 #include "cli/CliReport.h"
+#include "cli/CliResults.h"
 #include "engine/VXLoudnessScale.h"
 #include "engine/codec/VXCancel.h"
 #include "engine/codec/VXLoudnessMeter.h"
 
 #include <QByteArray>
-#include <QList>
 #include <QString>
 #include <cstdio>
 #include <memory>
@@ -20,6 +19,7 @@
 class CliSignals;
 class QCoreApplication;
 class VXAlbumBatch;
+class VXJournal;
 
 void cliWriteOut(FILE *stream, const QByteArray &text);
 // One line on standard error.
@@ -28,23 +28,20 @@ void cliSay(const QString &line);
 // What a run carries from one step to the next.
 struct CliRun {
     CliRun(QCoreApplication &app, CliSignals &watcher, const CliOptions &opt)
-        : app(app), watcher(watcher), opt(opt), targetLufs(VXLoudnessScale::lufsForPosition(opt.settings.targetLoudness))
+        : app(app), watcher(watcher), opt(opt), targetLufs(VXLoudnessScale::lufsForPosition(opt.settings.targetLoudness)),
+          results(opt.jsonl)
     {
     }
     QCoreApplication &app;
     CliSignals &watcher;
     const CliOptions &opt;
     const float targetLufs;
-    QList<CliFileResult> results;  // in the order found, as reported
-    QList<CliBatch::Job> jobs;     // the items, for every mode but --analyze
+    CliResults results;
+    std::vector<QString> files;  // to process, in the order found
+    qint64 firstOrder = 0;       // the files' places in the report follow the missing inputs'
     std::shared_ptr<VXAlbumBatch> albums;  // with --album
-    // Pictures are drawn from the inputs as they are before any job runs
-    // (with --replace nothing else is left of them afterwards).
-    std::vector<VXLoudness> inputCurves;
-    // Written on pool threads, each in its own slot.
-    std::vector<QString> pictureWarnings;
-    // Stops the measuring around the batch (album analysis, analysis,
-    // pictures).
+    std::shared_ptr<VXJournal> journal;    // with --journal
+    // Stops measuring (albums, analysis, pictures).
     VXCancel measuring;
     bool cancelled = false;  // the batch was
 
@@ -57,21 +54,18 @@ struct CliRun {
         return r;
     }
     bool plot() const { return !opt.plotFolder.isEmpty(); }
-    // On a pool thread: reads the results, writes only its own slot of
-    // pictureWarnings.
-    void drawPicture(int i, const VXLoudness &output);
+    // On a pool thread: the picture of input over output into the picture
+    // folder; why it could not be written, or empty.
+    QString drawPicture(const QString &input, const VXLoudness &inputCurve, const VXLoudness &output) const;
 };
 
-// The inputs named that are missing, then every file found, each probed
-// and set up for its job (or only listed, for --analyze).
-void cliCollectFiles(CliRun &run);
-// What comes before the jobs, or instead of them: the albums of an
-// analysis, the analysis, the input curves. An interrupt cancels it.
+// The journal, the inputs named and listed, and the files found in them.
+// False once it has said why the run cannot go on (exit status in *status).
+bool cliCollectFiles(CliRun &run, int *status);
+// What comes before the files: each album measured once (--analyze
+// --album). An interrupt cancels it.
 void cliMeasureBeforeJobs(CliRun &run);
-// The items' jobs (gains or tags) on the batch runner, with progress on
-// standard error; album figures read back from the batch after.
+// Every file through its steps, with progress on standard error.
 void cliRunJobs(CliRun &run);
-// After a run, each result's curve over its input's.
-void cliDrawResults(CliRun &run);
 // The summary line, the table or JSON; the exit status.
 int cliReport(CliRun &run);

@@ -92,28 +92,12 @@ int main(int argc, char *argv[])
         return 1;
 
     CliRun run(app, signalWatcher, opt);
-    cliCollectFiles(run);
-    if (CliSignals::pending()) {
+    int status = 0;
+    if (!cliCollectFiles(run, &status)) {
         VXAudioGain::cleanCache();
-        return CliSignals::exitStatus();
+        return status;
     }
-    if (run.results.isEmpty()) {
-        cliSay(QStringLiteral("evenloud-cli: no audio files to process (supported: %1)")
-                .arg(VXImport::supportAudioGainExts().join(QStringLiteral(", "))));
-        return 1;
-    }
-    run.inputCurves.resize(size_t(run.results.size()));
-    run.pictureWarnings.resize(size_t(run.results.size()));
-
     cliMeasureBeforeJobs(run);
-    // Interrupted before any file was changed: nothing to report.
-    if (CliSignals::pending() && !opt.analyze && !opt.settings.tagsOnly) {
-        VXAudioGain::cleanCache();
-        return CliSignals::exitStatus();
-    }
-    if (!opt.analyze)
-        cliRunJobs(run);
-    if (run.plot() && !opt.analyze && !run.cancelled && !CliSignals::pending())
-        cliDrawResults(run);
+    cliRunJobs(run);
     return cliReport(run);
 }

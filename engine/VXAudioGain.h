@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 
+#include "engine/VXFileId.h"
 #include "engine/VXGainState.h"
 #include "engine/VXJobSettings.h"
 #include "engine/VXLoudnessScale.h"
@@ -21,6 +22,7 @@
 
 class QThreadPool;
 class VXAlbumBatch;
+class VXJournal;
 class VXTranscoding;
 
 // The report callback of a job: (state, retCode), called on the main thread
@@ -34,7 +36,9 @@ struct VXGainResult {
     double outputI = NAN;
     double outputTp = NAN;
     double outputLra = NAN;
-    QString normalization;  // "linear", "peak-capped", "limited" or "one-pass"
+    // "linear", "peak-capped", "limited", "one-pass", "lossless" (Opus's
+    // header gain) or "lossless-step" (whole steps of MP3's gain fields)
+    QString normalization;
     QString reason;         // why the job failed; empty when it did not
     QString warning;        // succeeded, but something the user should know
     bool skipped = false;   // already within skipWithin of the target: nothing written
@@ -51,6 +55,17 @@ struct VXGainResult {
     QString album;      // the album whose gain was applied or tagged; empty outside album mode
     bool tagged = false;  // tags only: the values written, the audio untouched
     VXReplayGain tags;
+    // A lossless run: what the gain fields took, or why the file was
+    // normalised the usual way instead.
+    struct Lossless {
+        bool asked = false;
+        int steps = 0;             // lossless-step: 2^(1/4) steps added to every gain field
+        double offsetDb = NAN;     // the gain applied less the gain planned: within 0.75 dB unless the ceiling held it
+        long fields = 0;           // gain fields that carry audio (granules x channels)
+        long clamped = 0;          // of those, held at a limit of the field
+        QString fallback;          // why this file was normalised the usual way
+        bool restored = false;     // an undo put the original fields back
+    } lossless;
 };
 
 // A track in album mode: its own figures and its album's. The job then
@@ -137,6 +152,10 @@ public:
     // Set before the job starts; the job takes its album's figures from the
     // batch (measured by whichever track comes first). Null: no album.
     void setAlbumBatch(std::shared_ptr<VXAlbumBatch> batch);
+    // Set before the job starts: the journal its result's publish and its
+    // end go into, so that the run started again after a kill skips it.
+    // Null: none.
+    void setJournal(std::shared_ptr<VXJournal> journal);
 
     static QString formatSize(quint64 bytes);
     static QString formatDuration(quint64 ticks);
@@ -222,6 +241,10 @@ private:
     // An error whose code is VXGainCancelled: the measurement was cancelled.
     VXResult<> resolveAlbum();
     qint64 runTagsOnly();
+    // The journal's hold on a publish, or nothing without a journal.
+    std::function<VXResult<>(const QString &, const VXFileId &)> journalHook() const;
+    // After a job that succeeded: its end into the journal.
+    void journalDone();
     void setOutPathFileFromJob(const QString &path);
 
     mutable QMutex m_lock;  // guards the strings, m_tempOutFile and m_transCoding
@@ -236,6 +259,8 @@ private:
     VXGainResult m_result;      // under m_lock
     std::optional<VXAlbumMember> m_album;  // under m_lock
     std::shared_ptr<VXAlbumBatch> m_albumBatch;  // under m_lock
+    std::shared_ptr<VXJournal> m_journal;        // under m_lock
+    VXFileId m_inputId;  // the input as the job found it, under m_lock
     VXJobSettings m_settings;  // under m_lock
     std::shared_ptr<VXTranscoding> m_transCoding;
     // Set under m_lock, read there with m_transCoding; its stoppers reach

@@ -63,7 +63,8 @@ qint64 VXAudioGain::runTagsOnly()
     // Nothing left to cancel from here: the tagged copy replaces the file
     // in one step, or not at all.
     const VXPlacement::Result placed
-        = VXTagFile(inputFile(), replaceOriginalFile() ? QString() : outFolder(), gains, jobSettings().preserveModificationTime);
+        = VXTagFile(inputFile(), replaceOriginalFile() ? QString() : outFolder(), gains,
+                    jobSettings().preserveModificationTime, journalHook());
     if (!placed)
         return fail(placed.reason());
     {

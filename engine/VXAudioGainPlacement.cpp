@@ -3,6 +3,7 @@
 #include "engine/VXAudioGain.h"
 #include "engine/VXAudioGainShared.h"
 
+#include "engine/VXJournal.h"
 #include "engine/VXMainThread.h"
 #include "engine/VXPlacement.h"
 #include "engine/VXTempDir.h"
@@ -39,7 +40,7 @@ bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
 {
     if (replaceOriginalFile()) {
         const VXPlacement::Result result =
-            VXPlacement::replaceFile(tempPath, inputFile(), jobSettings().preserveModificationTime);
+            VXPlacement::replaceFile(tempPath, inputFile(), jobSettings().preserveModificationTime, journalHook());
         if (result) {
             QMutexLocker locker(&m_lock);
             m_result.warning = result->warning;
@@ -59,7 +60,7 @@ bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
     // be.
     const VXPlacement::Result result = folder.isEmpty() || QDir::isRelativePath(folder)
         ? VXPlacement::Result(VXError::because(QStringLiteral("No output folder")))
-        : VXPlacement::placeInFolder(tempPath, folder, name.completeBaseName(), name.suffix());
+        : VXPlacement::placeInFolder(tempPath, folder, name.completeBaseName(), name.suffix(), journalHook());
     if (!result) {
         VXLog(QStringLiteral("Failed to move file to dest path(%1).").arg(result.reason()));
         fail(result.reason());
@@ -67,6 +68,39 @@ bool VXAudioGain::moveTempFileToFinalOut(const QString &tempPath)
     }
     setOutPathFileFromJob(result->path);
     return true;
+}
+
+void VXAudioGain::setJournal(std::shared_ptr<VXJournal> journal)
+{
+    QMutexLocker locker(&m_lock);
+    m_journal = std::move(journal);
+}
+
+std::function<VXResult<>(const QString &, const VXFileId &)> VXAudioGain::journalHook() const
+{
+    QMutexLocker locker(&m_lock);
+    if (!m_journal)
+        return {};
+    return [journal = m_journal, input = m_inputFile, inputId = m_inputId](const QString &dest, const VXFileId &staged) {
+        return journal->placing(input, inputId, dest, staged);
+    };
+}
+
+void VXAudioGain::journalDone()
+{
+    std::shared_ptr<VXJournal> journal;
+    VXFileId inputId;
+    QString kind;
+    bool wrote = false;
+    {
+        QMutexLocker locker(&m_lock);
+        journal = m_journal;
+        inputId = m_inputId;
+        wrote = !m_result.skipped;
+        kind = m_result.skipped ? QStringLiteral("skipped") : m_result.tagged ? QStringLiteral("tagged") : m_result.normalization;
+    }
+    if (journal)
+        journal->done(inputFile(), inputId, !wrote ? QString() : replaceOriginalFile() ? inputFile() : outPathFile(), kind);
 }
 
 void VXAudioGain::setOutPathFileFromJob(const QString &path)

@@ -55,6 +55,8 @@ void VXAudioGain::gainWithBlock(VXGainBlock block)
     const bool reported = VXMainThread::isMainThread() && deliver(VXGainStarted, 0, block);
     VXStartOnPool(jobPool(), [self, block, reported]() mutable {
         const qint64 result = reported || self->deliver(VXGainStarted, 0, block) ? VXGainJob(*self, block).run() : VXGainCancelled;
+        if (result == VXGainSucceeded)
+            self->journalDone();
         if (result != VXGainSucceeded) {
             // The file stays until the cache is cleaned, but not its size: a
             // disk filled by one file must not fail the files after it.

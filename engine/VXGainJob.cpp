@@ -34,12 +34,15 @@ VXGainEnd VXGainJob::run()
         QMutexLocker locker(&m_item.m_lock);
         m_item.m_measurement.clear();
         m_item.m_result = {};
+        m_item.m_inputId = VXFileId::of(m_item.m_inputFile);
     }
     if (m_item.m_cancel.isCancelled())
         return VXGainCancelled;
     if (const VXResult<> album = m_item.resolveAlbum(); !album)
         return end(album.error());
-    if (m_settings.tagsOnly)
+    if (m_settings.undoLossless)
+        return undoLossless();
+    if (m_settings.tagsOnly && !m_settings.lossless)
         return VXGainEnd(m_item.runTagsOnly());
     if (!m_item.chooseTempOutFile())
         return end(VXError::because(QStringLiteral("Cannot create a temporary file in %1 (it must be a writable folder of this user's, not a link)").arg(VXTempDir::rootPath())));
@@ -49,14 +52,36 @@ VXGainEnd VXGainJob::run()
         return end(measured.error());
     if (!measured->loudness) {
         VXLog(QStringLiteral("Waring: Can not using two pass gain(%1).").arg(measured->unusable));
+        if (m_settings.lossless)
+            noteFallback(QStringLiteral("no usable measurement"));
         return runOnePass();
     }
     const VXJobPlan plan = VXPlanJob(*measured->loudness, m_settings);
     if (plan.skipped)
         return skip(plan);
-    const VXResult<Normalised> normalised = normalise(plan);
+    QString fallback;
+    if (plan.lossless) {
+        const VXResult<std::optional<Normalised>> lossless = normaliseLossless(plan, &fallback);
+        if (!lossless)
+            return end(lossless.error());
+        if (*lossless)
+            return verifyAndPlace((*lossless)->result, (*lossless)->expectedLoudness);
+        VXLog(QStringLiteral("%1 is normalised the usual way: %2").arg(m_item.inputFile(), fallback));
+        if (m_settings.tagsOnly) {
+            // Tags only, then: the audio stays as it is.
+            QFile::remove(m_item.tempOutFile());
+            const VXGainEnd tagged = VXGainEnd(m_item.runTagsOnly());
+            noteFallback(fallback);
+            return tagged;
+        }
+    }
+    VXResult<Normalised> normalised = normalise(plan);
     if (!normalised)
         return end(normalised.error());
+    if (!fallback.isEmpty()) {
+        normalised->result.lossless.asked = true;
+        normalised->result.lossless.fallback = fallback;
+    }
     return verifyAndPlace(normalised->result, normalised->expectedLoudness);
 }
 

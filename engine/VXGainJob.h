@@ -53,6 +53,12 @@ private:
     VXResult<Normalised> normalise(const VXJobPlan &plan);
     VXResult<int> correct(const VXJobPlan &plan, VXFilter &filter, VXLoudness *output,
                           const std::function<VXResult<>(Pass)> &pass);
+    // The gain in the file's own gain fields; nullopt, and the reason in
+    // *fallback, when its format has none or does not parse: the file is
+    // then normalised the usual way.
+    VXResult<std::optional<Normalised>> normaliseLossless(const VXJobPlan &plan, QString *fallback);
+    void noteFallback(const QString &why);
+    VXGainEnd undoLossless();
     VXGainEnd skip(const VXJobPlan &plan);
     VXGainEnd runOnePass();
     VXGainEnd verifyAndPlace(const VXGainResult &result, double expected);

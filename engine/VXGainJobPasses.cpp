@@ -176,6 +176,7 @@ VXGainEnd VXGainJob::runOnePass()
     }
     VXGainResult result;
     result.normalization = VXNormalizationName(VXNormalization::OnePass);
+    result.lossless = m_item.gainResult().lossless;  // why a lossless run came to this
     const VXResult<VXLoudness> loudness = VXMeasureFile(m_item.tempOutFile(), m_settings.measureFlags());
     if (!loudness)
         return end(VXError::because(QStringLiteral("Cannot measure the result: %1").arg(loudness.reason())));

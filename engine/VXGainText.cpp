@@ -25,7 +25,12 @@ QString VXOutcomeText(qint32 state, qint64 retCode, const VXGainResult &r)
     if (r.skipped) {
         // Left as it was: the level that was already close enough.
         parts << QStringLiteral("skipped") << figure(r.measuredI, "LUFS");
+    } else if (r.lossless.restored) {
+        parts << QStringLiteral("restored: the original gain fields");
     } else if (r.tagged) {
+        // Whole steps in the gain fields, and the rest in the tags.
+        if (r.normalization.startsWith(QLatin1String("lossless")))
+            parts << figure(r.outputI, "LUFS") << r.normalization;
         // What a player will apply; the audio itself is as it was.
         parts << QStringLiteral("tagged: track %1").arg(figure(r.tags.trackGainDb, "dB"));
         if (std::isfinite(r.tags.albumGainDb))
@@ -37,11 +42,29 @@ QString VXOutcomeText(qint32 state, qint64 retCode, const VXGainResult &r)
         if (!r.normalization.isEmpty())
             parts << r.normalization;
     }
+    parts << VXLosslessNotes(r);
     if (!r.album.isEmpty())
         parts << QStringLiteral("album \u201c%1\u201d").arg(r.album);
     if (!r.warning.isEmpty())
         parts << r.warning;
     return parts.join(QStringLiteral(" \u00b7 "));
+}
+
+QStringList VXLosslessNotes(const VXGainResult &r)
+{
+    QStringList notes;
+    const VXGainResult::Lossless &l = r.lossless;
+    if (!l.asked || l.restored)
+        return notes;
+    if (!l.fallback.isEmpty())
+        notes << QStringLiteral("not lossless: %1").arg(l.fallback);
+    if (r.normalization == QLatin1String("lossless-step") && std::isfinite(l.offsetDb))
+        notes << QStringLiteral("%1 dB %2 the plan in whole 1.5 dB steps")
+                     .arg(std::fabs(l.offsetDb), 0, 'f', 2)
+                     .arg(l.offsetDb < 0 ? QStringLiteral("under") : QStringLiteral("over"));
+    if (l.clamped > 0)
+        notes << QStringLiteral("held at the gain field's limit in %1 of %2 places").arg(l.clamped).arg(l.fields);
+    return notes;
 }
 
 QString VXFormatSize(quint64 bytes)

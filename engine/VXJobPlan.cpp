@@ -2,6 +2,7 @@
 
 #include "engine/VXAnalysis.h"
 #include "engine/VXLoudnessScale.h"
+#include "engine/codec/VXLossless.h"
 
 #include <QJsonValue>
 #include <cmath>
@@ -37,6 +38,34 @@ VXLoudness VXLoudnessFromRecord(const QJsonObject &record, double *targetOffset)
     return loudness;
 }
 
+int VXLosslessSteps(double gainDb, double truePeak, double ceiling)
+{
+    int steps = int(std::lround(gainDb / vx::kGainStepDb));
+    // Rounding up may cross the ceiling that the gain itself stopped at.
+    while (std::isfinite(truePeak) && truePeak + steps * vx::kGainStepDb > ceiling + 1e-9)
+        --steps;
+    return steps;
+}
+
+namespace {
+
+VXLosslessPlan planLossless(const VXJobPlan &plan, const VXJobLoudness &loudness, const VXJobSettings &settings)
+{
+    VXLosslessPlan l;
+    const std::optional<VXGainPlan> capped = settings.limitPeaks
+        ? VXPlanGain(plan.planned, plan.targetLufs, settings.truePeakCeiling, false)
+        : plan.gain;
+    if (!capped)
+        return l;  // silent: every field stays, and nothing holds it to a level
+    l.gainDb = capped->gainDb;
+    l.steps = VXLosslessSteps(capped->gainDb, plan.planned.truePeak, settings.truePeakCeiling);
+    l.stepGainDb = l.steps * vx::kGainStepDb;
+    l.baseLoudness = loudness.album ? loudness.album->track.integrated : loudness.input.integrated;
+    return l;
+}
+
+} // namespace
+
 VXJobPlan VXPlanJob(const VXJobLoudness &loudness, const VXJobSettings &settings)
 {
     VXJobPlan plan;
@@ -57,6 +86,8 @@ VXJobPlan VXPlanJob(const VXJobLoudness &loudness, const VXJobSettings &settings
         return plan;
     }
     plan.gain = VXPlanGain(plan.planned, plan.targetLufs, settings.truePeakCeiling, settings.limitPeaks);
+    if (settings.lossless)
+        plan.lossless = planLossless(plan, loudness, settings);
     // Each further audio stream gets its own gain, by the same rules.
     for (const auto &[index, measured] : loudness.otherStreams) {
         if (!std::isfinite(measured.integrated))

@@ -27,6 +27,20 @@ struct VXJobLoudness {
     std::map<int, VXLoudness> otherStreams;
 };
 
+// A gain in a format's own gain fields: Opus takes the gain as planned,
+// MP3 the whole number of 2^(1/4) steps (1.505 dB) nearest to it
+// whose level keeps the true peak under the ceiling. No limiter can work
+// without re-encoding, so the gain is planned peak-capped whatever the
+// settings say.
+struct VXLosslessPlan {
+    double gainDb = 0.0;   // exact, for Opus
+    int steps = 0;         // for MP3
+    double stepGainDb = 0.0;
+    // The level before the gain that the result is judged from: the
+    // track's own in album mode. NaN: not held to one.
+    double baseLoudness = NAN;
+};
+
 struct VXJobPlan {
     // Already within skipWithin of the target: nothing is written.
     bool skipped = false;
@@ -51,7 +65,12 @@ struct VXJobPlan {
     };
     QList<Stream> otherStreams;  // silent ones are left out, and as they are
     QString album;  // the album whose gain this is; empty outside album mode
+    // With settings.lossless; the plan above stays the fallback's.
+    std::optional<VXLosslessPlan> lossless;
 };
+
+// The whole steps nearest to gainDb whose peak stays at or under ceiling.
+int VXLosslessSteps(double gainDb, double truePeak, double ceiling);
 
 // The plan of a job: settings.targetLoudness is the item's own position.
 VXJobPlan VXPlanJob(const VXJobLoudness &loudness, const VXJobSettings &settings);

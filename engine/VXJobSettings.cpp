@@ -17,6 +17,7 @@ constexpr char kDualMono[] = "kRQDualMono";
 constexpr char kTreatAsAlbums[] = "kRQTreatAsAlbums";
 constexpr char kTagsOnly[] = "kRQTagsOnly";
 constexpr char kPreserveModificationTime[] = "kRQPreserveModificationTime";
+constexpr char kLossless[] = "kRQLossless";
 
 bool sameSkip(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
 
@@ -65,6 +66,7 @@ void VXJobSettings::save(QSettings &settings) const
     settings.setValue(QLatin1String(kTreatAsAlbums), treatAsAlbums);
     settings.setValue(QLatin1String(kTagsOnly), tagsOnly);
     settings.setValue(QLatin1String(kPreserveModificationTime), preserveModificationTime);
+    settings.setValue(QLatin1String(kLossless), lossless);
 }
 
 VXJobSettings VXJobSettings::load(const QSettings &settings)
@@ -81,6 +83,7 @@ VXJobSettings VXJobSettings::load(const QSettings &settings)
     s.treatAsAlbums = flag(kTreatAsAlbums);
     s.tagsOnly = flag(kTagsOnly);
     s.preserveModificationTime = flag(kPreserveModificationTime);
+    s.lossless = flag(kLossless);
     return s.sanitized();
 }
 
@@ -89,5 +92,6 @@ bool VXJobSettings::operator==(const VXJobSettings &o) const
     return targetLoudness == o.targetLoudness && truePeakCeiling == o.truePeakCeiling && limitPeaks == o.limitPeaks
         && sameSkip(skipWithin, o.skipWithin) && measureWithLoudnorm == o.measureWithLoudnorm
         && dualMono == o.dualMono && treatAsAlbums == o.treatAsAlbums && tagsOnly == o.tagsOnly
-        && preserveModificationTime == o.preserveModificationTime;
+        && preserveModificationTime == o.preserveModificationTime && lossless == o.lossless
+        && undoLossless == o.undoLossless;
 }

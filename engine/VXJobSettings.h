@@ -33,6 +33,12 @@ struct VXJobSettings {
     bool tagsOnly = false;
     // Replace mode: the result keeps the original's modification time.
     bool preserveModificationTime = false;
+    // Opus and MP3 take their gain in their own gain fields, every coded
+    // packet otherwise as it was; other formats are normalised as usual.
+    bool lossless = false;
+    // Put back the gain fields a lossless gain changed, from the file's
+    // record of it. A command-line action: never stored.
+    bool undoLossless = false;
 
     static constexpr double kMaxSkipWithin = 20.0;
 

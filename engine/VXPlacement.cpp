@@ -236,7 +236,8 @@ int renameNoReplace(const QString &from, const QString &to)
 
 } // namespace
 
-Result placeInFolder(const QString &src, const QString &folder, const QString &base, const QString &ext)
+Result placeInFolder(const QString &src, const QString &folder, const QString &base, const QString &ext,
+                     const BeforePublish &beforePublish)
 {
     Staged staged;
     const QString name = ext.isEmpty() ? base : base + QLatin1Char('.') + ext;
@@ -248,6 +249,12 @@ Result placeInFolder(const QString &src, const QString &folder, const QString &b
     // rename; then the next free name is chosen.
     for (int attempt = 0; attempt < 1000; ++attempt) {
         const QString dest = VXUtilCodec::createUniformFileName(base, ext, folder);
+        if (beforePublish) {
+            if (const VXResult<> told = beforePublish(dest, VXFileId::ofDescriptor(staged.locked.fd)); !told) {
+                unstage(staged, src);
+                return told.error();
+            }
+        }
         const int err = renameNoReplace(staged.path, dest);
         if (err == EEXIST)
             continue;
@@ -288,7 +295,8 @@ void copyExtendedAttributes(const QString &from, int toFd)
 
 } // namespace
 
-Result replaceFile(const QString &src, const QString &target, bool keepModificationTime)
+Result replaceFile(const QString &src, const QString &target, bool keepModificationTime,
+                   const BeforePublish &beforePublish)
 {
     // A link is followed: the file the user sees through it is the one replaced.
     char resolved[PATH_MAX];
@@ -311,6 +319,12 @@ Result replaceFile(const QString &src, const QString &target, bool keepModificat
         ::futimens(staged.locked.fd, times);
     }
     ::fsync(staged.locked.fd);  // the attributes too, before the name is given up
+    if (beforePublish) {
+        if (const VXResult<> told = beforePublish(real, VXFileId::ofDescriptor(staged.locked.fd)); !told) {
+            unstage(staged, src);
+            return VXError::because(told.reason(), kBeforeRemoval);
+        }
+    }
     if (::rename(native(staged.path).constData(), native(real).constData()) != 0) {
         const QString why = QStringLiteral("Cannot move %1 to %2: %3").arg(staged.path, real, errnoText(errno));
         unstage(staged, src);

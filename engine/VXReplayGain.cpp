@@ -193,7 +193,7 @@ VXResult<> VXWriteReplayGainTags(const QString &path, const VXReplayGain &gains)
 }
 
 VXPlacement::Result VXTagFile(const QString &input, const QString &outFolder, const VXReplayGain &gains,
-                              bool keepModificationTime)
+                              bool keepModificationTime, const VXPlacement::BeforePublish &beforePublish)
 {
     const QFileInfo info(input);
     const QString base = info.completeBaseName();
@@ -212,8 +212,9 @@ VXPlacement::Result VXTagFile(const QString &input, const QString &outFolder, co
         QFile::remove(staged);
         return written.error();
     }
-    VXPlacement::Result result = outFolder.isEmpty() ? VXPlacement::replaceFile(staged, input, keepModificationTime)
-                                 : VXPlacement::placeInFolder(staged, outFolder, base, ext);
+    VXPlacement::Result result = outFolder.isEmpty()
+        ? VXPlacement::replaceFile(staged, input, keepModificationTime, beforePublish)
+        : VXPlacement::placeInFolder(staged, outFolder, base, ext, beforePublish);
     QFile::remove(staged);  // gone already when it was moved; a failure leaves nothing behind
     return result;
 }

@@ -33,4 +33,4 @@ VXResult<> VXWriteReplayGainTags(const QString &path, const VXReplayGain &gains)
 // then replaces input atomically (outFolder empty) or is placed in outFolder
 // under input's name, so a kill leaves either file whole.
 VXPlacement::Result VXTagFile(const QString &input, const QString &outFolder, const VXReplayGain &gains,
-                              bool keepModificationTime);
+                              bool keepModificationTime, const VXPlacement::BeforePublish &beforePublish = {});

@@ -13,19 +13,24 @@ _evenloud_cli()
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -d -- "$cur")
             return ;;
+        --files-from|--journal)
+            compopt -o filenames 2>/dev/null
+            mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+            return ;;
         --preset)
             mapfile -t COMPREPLY < <(compgen -W 'ebu atsc streaming podcast replaygain' -- "$cur")
             return ;;
         --meter)
             mapfile -t COMPREPLY < <(compgen -W 'ebur128 loudnorm' -- "$cur")
             return ;;
-        -t|--target|-l|--lufs|--true-peak|-j|--jobs|--skip-within)
+        -t|--target|-l|--lufs|--true-peak|-j|--jobs|--skip-within|--shard)
             return ;;  # a number: nothing to offer
     esac
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W '--target --lufs --preset --true-peak --limit-peaks --output-folder
             --replace --preserve-mtime --recursive --jobs --json --analyze --meter --dual-mono --quick --skip-within --plot
-            --album --tags-only --help --version' -- "$cur")
+            --album --tags-only --lossless --undo-lossless --jsonl --files-from --null --journal --shard
+            --help --version' -- "$cur")
         return
     fi
     # Files with the extensions it takes, and folders to walk.

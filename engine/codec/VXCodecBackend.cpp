@@ -43,6 +43,11 @@ public:
     }
 
     VXResult<ProbeResult> probe(const QString &path) const override;
+
+    VXResult<LosslessResult> lossless(const LosslessRequest &request, const VXCancel *cancel) const override
+    {
+        return losslessHere(request, cancel);
+    }
 };
 
 VXResult<ProbeResult> InProcessBackend::probe(const QString &path) const

@@ -6,6 +6,7 @@
 // The worker child runs the in-process backend itself.
 
 #include "engine/codec/VXError.h"
+#include "engine/codec/VXLossless.h"
 #include "engine/codec/VXLoudnessMeter.h"
 #include "engine/codec/VXTranscode.h"
 
@@ -55,6 +56,8 @@ public:
                                                    const VXCancel *cancel) const = 0;
     // VXDemuxerContext's questions; the error as initWithFilename gives it.
     virtual VXResult<ProbeResult> probe(const QString &path) const = 0;
+    // A gain written into the copy's gain fields (vx::losslessHere).
+    virtual VXResult<LosslessResult> lossless(const LosslessRequest &request, const VXCancel *cancel) const = 0;
 };
 
 // The backend of this program: the in-process one until one is chosen.

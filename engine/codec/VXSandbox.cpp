@@ -138,7 +138,7 @@ SandboxGrant grantFor(const QStringList &command)
 {
     SandboxGrant grant;
     const QString verb = command.value(0);
-    if (verb == QLatin1String("transcode")) {
+    if (verb == QLatin1String("transcode") || verb == QLatin1String("lossless")) {
         grant.readable << command.value(1);
         grant.writable << command.value(2);
     } else if (verb == QLatin1String("measure") || verb == QLatin1String("probe")) {

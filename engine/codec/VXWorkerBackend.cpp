@@ -14,6 +14,7 @@
 
 #include <QFileInfo>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace vx {
@@ -114,6 +115,7 @@ public:
                                   const Progress &progress) const override;
     VXResult<VXAlbumLoudness> measureAlbum(const QStringList &paths, int flags, const VXCancel *cancel) const override;
     VXResult<ProbeResult> probe(const QString &path) const override;
+    VXResult<LosslessResult> lossless(const LosslessRequest &request, const VXCancel *cancel) const override;
 };
 
 VXResult<TranscodeResult> WorkerBackend::transcode(const TranscodeRequest &request, std::unique_ptr<Pipeline> &,
@@ -210,6 +212,25 @@ VXResult<ProbeResult> WorkerBackend::probe(const QString &path) const
     if (!ran && ran.error().domain == QLatin1String("VXCodec"))
         return ran.error();
     return probeError(AVERROR_EXTERNAL, QStringLiteral("Cannot open %1: %2").arg(path, ran.reason()));
+}
+
+VXResult<LosslessResult> WorkerBackend::lossless(const LosslessRequest &request, const VXCancel *cancel) const
+{
+    // The parsing of frames and pages runs caged like any decoding.
+    WorkerRun run(losslessArguments(request), 600.0, QStringLiteral("parser"));
+    std::optional<LosslessResult> result;
+    WorkerHandlers handlers;
+    handlers.value = [&result](const QString &name, const QByteArray &bytes) {
+        if (name == QLatin1String("lossless"))
+            result = losslessFromCbor(bytes);
+    };
+    const VXResult<WorkerReport> ran = runCancellable(run, cancel, handlers);
+    if (!ran)
+        return VXIsCancelled(ran.error()) ? VXCancelledError() : ran.error();
+    if (!result)
+        return VXError::because(QStringLiteral("the worker sent no result"));
+    result->output = ran->loudness;
+    return *result;
 }
 
 } // namespace

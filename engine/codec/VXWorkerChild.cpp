@@ -207,6 +207,24 @@ int probe(Channel &channel, const QStringList &args)
     return 0;
 }
 
+// A gain written into the copy's gain fields, the copy measured after.
+int lossless(Channel &channel, const QStringList &args)
+{
+    LosslessRequest request;
+    if (!parseLosslessArguments(args, &request))
+        return 2;
+    const VXResult<LosslessResult> done = inProcessBackend().lossless(request, nullptr);
+    if (!done) {
+        channel.fail(done.error());
+        return 0;
+    }
+    sendValue(channel, "lossless", losslessToCbor(*done));
+    if (done->output.measured())
+        channel.loudness("output", done->output, kFigures);
+    channel.end(VXTranscodingCompleted);
+    return 0;
+}
+
 int dispatch(Channel &channel, QStringList args)
 {
     // Test seam (see withTestSeam in VXWorker.cpp): a stand-in for a file that crashes a decoder.
@@ -223,6 +241,8 @@ int dispatch(Channel &channel, QStringList args)
         return measureAlbum(channel, args);
     if (command == QLatin1String("probe"))
         return probe(channel, args);
+    if (command == QLatin1String("lossless"))
+        return lossless(channel, args);
     return 2;
 }
 

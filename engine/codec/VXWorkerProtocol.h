@@ -11,7 +11,8 @@
 //   stream   {index, loudness}      a further audio stream, by input index
 //   input    {loudness}             the main stream as decoded
 //   album    {tracks, album}        an album's figures: [{loudness, reason}], loudness
-//   value    {name, bytes}          a probe's named result (length, picture)
+//   value    {name, bytes}          a probe's named result (length, picture), or
+//                                   "lossless": what a lossless change did, a CBOR map
 //   error    {text, domain, code, drm}  why the work failed
 //   sandbox  {text}                 what the kernel could not cage
 //   end      {result}               0 completed, 1 failed, 2 cancelled; nothing follows

@@ -5,8 +5,10 @@
 #include "AppTestUtil.h"
 
 #include "app/RQAppSettings.h"
+#include "app/RQBatchJournal.h"
 #include "app/RQAudioGainRows.h"
 #include "app/RQSettingsController.h"
+#include "engine/VXJournal.h"
 #include "engine/codec/VXLog.h"
 #include "views/RQLoudnessView.h"
 #include "views/RQPopupMenuWndCtrl.h"
@@ -19,6 +21,7 @@
 #include <QFileDialog>
 #include <QHelpEvent>
 #include <QListView>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QToolTip>
@@ -433,6 +436,10 @@ private slots:
         Controller c;
         QAction *tagsOnly = c->window()->findChild<QAction *>(QStringLiteral("actionTagsOnly"));
         tagsOnly->setChecked(true);
+        // The lossless mode sits beside it, off until chosen.
+        QAction *lossless = c->window()->findChild<QAction *>(QStringLiteral("actionLossless"));
+        QVERIFY(lossless && lossless->isCheckable() && !lossless->isChecked());
+        QCOMPARE(lossless->text(), QStringLiteral("Without re-encoding where the format allows"));
         const QString flac = fixtures::makeAudio(album, QStringLiteral("c.flac"), 3.0, {QStringLiteral("-c:a"), QStringLiteral("flac")});
         auto audioMd5 = [](const QString &path) {
             QString md5;
@@ -454,6 +461,50 @@ private slots:
         const double written = c->audioGains()->at(0)->gainResult().tags.trackGainDb;
         QVERIFY2(tags.contains(QStringLiteral("REPLAYGAIN_TRACK_GAIN=%1 dB").arg(written, 0, 'f', 2)), qPrintable(tags));
         QVERIFY(c->audioGains()->at(0)->outcomeText().startsWith(QStringLiteral("tagged")));
+    }
+
+    // A batch whose program died (a crash, a kill) is offered back at the
+    // next start: the files it had not done, each with its target; the
+    // files it had done, and a batch still running elsewhere, are not.
+    void anInterruptedBatchIsOfferedBack()
+    {
+        QSettings().clear();
+        const QString state = m_dir.filePath(QStringLiteral("state"));
+        qputenv("XDG_STATE_HOME", QFile::encodeName(state));
+        QList<VXAudioGainPtr> items;
+        for (int i = 0; i < m_short.size(); ++i) {
+            VXError error;
+            items << VXAudioGain::initWithFile(m_short[i], QString(), &error);
+            QVERIFY(items.last());
+            items.last()->setTargetLoudness(float(40 + i));
+        }
+        std::shared_ptr<VXJournal> live = RQBatchJournal::begin({items[2]});
+        {
+            const std::shared_ptr<VXJournal> dead = RQBatchJournal::begin(items);
+            QVERIFY(dead && live);
+            dead->done(m_short[0], VXFileId::of(m_short[0]), QString(), QStringLiteral("skipped"));
+        }  // its program is gone: the lock with it
+        items.clear();
+
+        Controller c;
+        QMessageBox *box = nullptr;
+        QVERIFY(waitFor([&] { return (box = c->window()->findChild<QMessageBox *>()) != nullptr; }));
+        QVERIFY2(box->informativeText().startsWith(QStringLiteral("2 of 3 files")), qPrintable(box->informativeText()));
+        QAbstractButton *add = nullptr;
+        for (QAbstractButton *button : box->buttons())
+            if (button->text() == QStringLiteral("Add to List"))
+                add = button;
+        QVERIFY(add);
+        add->click();
+        QVERIFY(waitFor([&] { return c->audioGains()->items().size() == 2 && allEnded(*c.app); }));
+        QVERIFY(waitFor([&] { return c->audioGains()->at(1)->targetLoudness() == 42.0f; }));
+        QCOMPARE(c->audioGains()->at(0)->inputFile(), m_short[1]);
+        QCOMPARE(c->audioGains()->at(0)->targetLoudness(), 41.0f);
+        // Taken over once; the live batch stays its program's.
+        QVERIFY(RQBatchJournal::takeInterrupted().isEmpty());
+        QVERIFY(QFile::exists(live->path()));
+        RQBatchJournal::finish(std::move(live));
+        QVERIFY(QDir(RQBatchJournal::folder()).entryList(QDir::Files).isEmpty());
     }
 };
 

@@ -113,3 +113,60 @@ TEST(JobPlan, RecordIsReadOnceIntoNumbers)
     EXPECT_DOUBLE_EQ(offset, 0.1);
     EXPECT_TRUE(std::isnan(VXLoudnessFromRecord(QJsonObject()).integrated));
 }
+
+// A lossless plan: Opus takes the gain as planned, MP3 and AAC the nearest
+// whole 1.505 dB steps, one fewer where rounding up would cross the ceiling.
+// A limiter cannot work without re-encoding, so the gain is peak-capped.
+TEST(JobPlan, LosslessStepsNearestUnderTheCeiling)
+{
+    const struct Case {
+        const char *name;
+        VXLoudness input;
+        bool limitPeaks;
+        double gainDb;  // the exact gain
+        int steps;
+    } cases[] = {
+        {"down", figures(-12.0, -1.5), false, -6.0, -4},        // -6.02 is nearest
+        {"up a little", figures(-19.0, -10), false, 1.0, 1},     // 1.505, 0.505 over
+        {"half a step rounds up", figures(-18.76, -10), false, 0.76, 1},
+        {"under half rounds down", figures(-18.74, -10), false, 0.74, 0},
+        {"ceiling takes a step back", figures(-25.0, -3.5), false, 2.5, 1},  // 2 steps would peak at -0.49
+        {"capped, not limited", figures(-30.0, -3.0), true, 2.0, 1},
+        {"far down", figures(-3.0, 0.5), false, -15.0, -10},
+    };
+    for (const Case &c : cases) {
+        VXJobSettings settings;
+        settings.targetLoudness = 80.0f;  // -18 LUFS
+        settings.truePeakCeiling = -1.0f;
+        settings.limitPeaks = c.limitPeaks;
+        settings.lossless = true;
+        VXJobLoudness loudness;
+        loudness.input = c.input;
+        const VXJobPlan plan = VXPlanJob(loudness, settings);
+        ASSERT_TRUE(plan.lossless) << c.name;
+        EXPECT_NEAR(plan.lossless->gainDb, c.gainDb, 1e-6) << c.name;
+        EXPECT_EQ(plan.lossless->steps, c.steps) << c.name;
+        EXPECT_NEAR(plan.lossless->stepGainDb, c.steps * 1.50515, 1e-4) << c.name;
+        EXPECT_LE(c.input.truePeak + plan.lossless->stepGainDb, -1.0 + 1e-9) << c.name;
+        EXPECT_DOUBLE_EQ(plan.lossless->baseLoudness, c.input.integrated) << c.name;
+    }
+    // An album's track is judged from its own level; silence takes no step.
+    VXJobSettings settings;
+    settings.targetLoudness = 80.0f;
+    settings.lossless = true;
+    VXJobLoudness album;
+    album.input = figures(-20, -5);
+    album.album = VXAlbumMember{QStringLiteral("LP"), figures(-20, -5), figures(-24, -10)};
+    const VXJobPlan albumPlan = VXPlanJob(album, settings);
+    ASSERT_TRUE(albumPlan.lossless);
+    EXPECT_EQ(albumPlan.lossless->steps, 4);  // +6 dB for the album: 6.02
+    EXPECT_DOUBLE_EQ(albumPlan.lossless->baseLoudness, -20.0);
+    VXJobLoudness silent;
+    silent.input = figures(-INFINITY, -INFINITY);
+    const VXJobPlan silentPlan = VXPlanJob(silent, settings);
+    ASSERT_TRUE(silentPlan.lossless);
+    EXPECT_EQ(silentPlan.lossless->steps, 0);
+    EXPECT_TRUE(std::isnan(silentPlan.lossless->baseLoudness));
+    settings.lossless = false;
+    EXPECT_FALSE(VXPlanJob(album, settings).lossless);
+}

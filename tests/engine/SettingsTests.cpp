@@ -60,9 +60,12 @@ TEST(JobSettings, SavedAndLoadedAsAUnitUnderTheOldKeys)
     s.treatAsAlbums = true;
     s.tagsOnly = true;
     s.preserveModificationTime = true;
+    s.lossless = true;
     {
         QSettings out = fileSettings(dir);
+        s.undoLossless = true;  // an action of one command line, never remembered
         s.save(out);
+        s.undoLossless = false;
     }
     QSettings in = fileSettings(dir);
     EXPECT_EQ(VXJobSettings::load(in), s);
