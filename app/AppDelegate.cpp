@@ -100,7 +100,7 @@ void AppDelegate::applicationDidFinishLaunching()
 bool AppDelegate::windowShouldClose()
 {
     const bool importing = !allowedImport();
-    bool busy = importing;
+    bool busy = importing || m_batch->batchRunning();
     for (const VXAudioGainPtr &item : m_audioGains->items())
         busy = busy || item->isRunning();
     if (!busy)
@@ -129,6 +129,8 @@ bool AppDelegate::applicationWillTerminate()
     // for this thread while it waits for them.
     VXMainThread::shutdown();
     m_analysisCancel->cancel();  // ends them while the jobs are waited for
+    m_runningAnalyses -= int(m_analysisQueue.size());  // and starts no more
+    m_analysisQueue.clear();
     const bool jobsEnded = VXAudioGain::cancelAllJobsAndWait(kJobDrainMsecs);
     m_import->waitForDone(kImportDrainMsecs);
     m_analysisPool.waitForDone(kImportDrainMsecs);

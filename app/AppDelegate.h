@@ -8,6 +8,7 @@
 #include <QStringList>
 #include <QThreadPool>
 #include <QUrl>
+#include <deque>
 #include <functional>
 #include <memory>
 
@@ -207,9 +208,14 @@ private:
     void paintGainFace();
     void fitWindowToScreen();
     void analyze(const VXAudioGainPtr &item, const QString &path, bool output);
+    void startAnalyses();
+    void startAnalysis(const std::weak_ptr<VXAudioGain> &item, const QString &path, bool output);
+    void analysisEnded();
     void jobEnded(const VXAudioGainPtr &item);
     void analyzeResult(const VXAudioGainPtr &item);
     void updateLoudnessView();
+    // The row the loudness picture shows, or -1.
+    int shownRow() const;
 
     std::unique_ptr<Ui::MainWindow> m_ui;
     QPointer<QMainWindow> m_window;
@@ -225,7 +231,15 @@ private:
     QThreadPool m_analysisPool;
     // Cancelled at shutdown: stops the measurements under way.
     std::shared_ptr<VXCancel> m_analysisCancel = std::make_shared<VXCancel>();
+    // Queued and under way; analyzing() while not 0.
     int m_runningAnalyses = 0;
+    struct PendingAnalysis {
+        std::weak_ptr<VXAudioGain> item;
+        QString path;
+        bool output = false;
+    };
+    std::deque<PendingAnalysis> m_analysisQueue;
+    int m_analysesStarted = 0;
 
     QPointer<QDialog> m_dialog;
     AlertPresenter m_alert;

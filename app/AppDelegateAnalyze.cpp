@@ -32,7 +32,38 @@ void AppDelegate::analyzeSelected()
 
 void AppDelegate::analyze(const VXAudioGainPtr &item, const QString &path, bool output)
 {
+    // Queued here and started as the pool frees up: ten thousand futures
+    // made in one go would hold the window for a moment, and their files'
+    // figures would arrive in no useful order.
     ++m_runningAnalyses;
+    m_analysisQueue.push_back({item, path, output});
+    startAnalyses();
+}
+
+void AppDelegate::startAnalyses()
+{
+    // Two per thread, so that the pool never waits for this thread's turn.
+    const int inFlight = 2 * m_analysisPool.maxThreadCount();
+    while (m_analysesStarted < inFlight && !m_analysisQueue.empty()) {
+        const PendingAnalysis next = std::move(m_analysisQueue.front());
+        m_analysisQueue.pop_front();
+        if (next.item.expired()) {
+            analysisEnded();
+            continue;
+        }
+        ++m_analysesStarted;
+        startAnalysis(next.item, next.path, next.output);
+    }
+}
+
+void AppDelegate::analysisEnded()
+{
+    if (--m_runningAnalyses == 0)
+        emit analysesFinished();
+}
+
+void AppDelegate::startAnalysis(const std::weak_ptr<VXAudioGain> &weak, const QString &path, bool output)
+{
     const std::shared_ptr<const VXCancel> cancel = m_analysisCancel;
     const int flags = VXMeasureTruePeak | VXMeasureCurve
         | (m_settings->settings().dualMono ? VXMeasureDualMono : 0);
@@ -45,12 +76,17 @@ void AppDelegate::analyze(const VXAudioGainPtr &item, const QString &path, bool 
                               m.loudness = std::move(measured->loudness);
                           return m;
                       })
-        .then(this, [this, weak = std::weak_ptr<VXAudioGain>(item), output](const Measurement &m) {
+        .then(this, [this, weak, output](const Measurement &m) {
+            --m_analysesStarted;
             // The row may have been removed meanwhile; setMeasured ignores it then.
-            if (const VXAudioGainPtr item = weak.lock(); item && m.ok)
+            if (const VXAudioGainPtr item = weak.lock(); item && m.ok) {
                 rows()->setMeasured(item.get(), m.loudness, output);
-            if (--m_runningAnalyses == 0)
-                emit analysesFinished();
+                // The picture at once; the row's repaint can wait for the turn's end.
+                if (shownRow() >= 0 && shownRow() == rows()->indexOf(item.get()))
+                    updateLoudnessView();
+            }
+            startAnalyses();
+            analysisEnded();
         });
 }
 
@@ -65,12 +101,8 @@ void AppDelegate::analyzeResult(const VXAudioGainPtr &item)
 
 void AppDelegate::updateLoudnessView()
 {
-    // The row with the keyboard focus when it is selected, else the first selected.
-    const QList<int> selected = selectedRows();
-    const int current = tableView()->currentIndex().row();
-    const int row = selected.contains(current) ? current : selected.value(0, -1);
     VXLoudnessPictureData data;
-    if (const VXAudioGainPtr item = m_audioGains->at(row)) {
+    if (const VXAudioGainPtr item = m_audioGains->at(shownRow())) {
         data.title = item->inputFileName();
         data.targetLufs = item->loudnormValue();
         data.ceilingDbtp = m_settings->settings().truePeakCeiling;

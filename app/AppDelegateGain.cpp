@@ -6,6 +6,8 @@
 
 #include "ui_MainWindow.h"
 
+#include <QItemSelectionModel>
+#include <QListView>
 #include <QPushButton>
 
 // The Gain/Cancel button's commands and face; the jobs themselves are
@@ -26,11 +28,9 @@ void AppDelegate::gainAudioAction()
 
 void AppDelegate::cancelSelectedJobs()
 {
-    // Only the chosen items that run; the face follows their end reports.
-    for (const VXAudioGainPtr &item : selectedAudioGains()) {
-        if (item->isRunning())
-            item->cancelGain();
-    }
+    // Only the chosen items that run or wait to; the face follows their end
+    // reports.
+    m_batch->cancel(selectedAudioGains());
 }
 
 void AppDelegate::gainAudios()
@@ -55,21 +55,24 @@ void AppDelegate::jobEnded(const VXAudioGainPtr &item)
 
 void AppDelegate::updateGainFace()
 {
-    // Walks the list in place: this runs at every job's end, and copying
-    // ten thousand items each time would show.
-    bool running = false;
-    const QList<int> rows = selectedRows();
-    if (rows.isEmpty()) {
-        for (const VXAudioGainPtr &item : m_audioGains->items()) {
-            if (item->isRunning()) {
-                running = true;
-                break;
-            }
+    // Runs at every job's end and selection change: it reads the selection's
+    // ranges in place, without listing ten thousand indexes.
+    const QList<VXAudioGainPtr> &items = m_audioGains->items();
+    const auto runs = [&items](int first, int last) {
+        for (int row = qMax(0, first); row <= last && row < items.size(); ++row) {
+            if (items.at(row)->isRunning())
+                return true;
         }
+        return false;
+    };
+    const QItemSelectionModel *selection = tableView()->selectionModel();
+    const QItemSelection ranges = selection ? selection->selection() : QItemSelection();
+    bool running = false;
+    if (ranges.isEmpty()) {
+        running = runs(0, int(items.size()) - 1);
     } else {
-        for (int row : rows) {
-            const VXAudioGainPtr item = m_audioGains->at(row);
-            if (item && item->isRunning()) {
+        for (const QItemSelectionRange &range : ranges) {
+            if (range.isValid() && runs(range.top(), range.bottom())) {
                 running = true;
                 break;
             }

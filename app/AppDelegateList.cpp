@@ -39,6 +39,24 @@ QList<int> AppDelegate::selectedRows() const
     return rows;
 }
 
+int AppDelegate::shownRow() const
+{
+    // The row with the keyboard focus when it is selected, else the first
+    // selected; from the selection's ranges, not a list of its rows.
+    const QItemSelectionModel *selection = tableView()->selectionModel();
+    if (!selection)
+        return -1;
+    const int current = selection->currentIndex().row();
+    if (current >= 0 && selection->isRowSelected(current))
+        return current;
+    int first = -1;
+    for (const QItemSelectionRange &range : selection->selection()) {
+        if (range.isValid() && (first < 0 || range.top() < first))
+            first = range.top();
+    }
+    return first;
+}
+
 QList<VXAudioGainPtr> AppDelegate::selectedAudioGains() const
 {
     const QList<int> rows = selectedRows();
@@ -82,7 +100,7 @@ void AppDelegate::removeGainsExceptProcessAtIndexes(const QList<int> &indexes)
     removal.reserve(indexes.size());
     for (int index : indexes) {
         const VXAudioGainPtr item = m_audioGains->at(index);
-        if (item && !item->isRunning())
+        if (item && !item->isRunning() && !m_batch->isPending(item.get()))
             removal.append(index);
     }
     m_audioGains->removeAudioGainsAtIndexes(removal);

@@ -3,6 +3,7 @@
 #include "app/RQAudioGainRows.h"
 #include "app/RQImportController.h"
 #include "app/RQSettingsController.h"
+#include "views/RQBatchProgressView.h"
 #include "views/RQPopupMenuWndCtrl.h"
 #include "views/RQTableCellView.h"
 
@@ -46,12 +47,16 @@ void AppDelegate::connectList()
 
     connect(ui.actionShowLoudness, &QAction::toggled, ui.loudnessView, &QWidget::setVisible);
     connect(list->selectionModel(), &QItemSelectionModel::currentChanged, this, [this] { updateLoudnessView(); });
-    connect(m_audioGains, &QAbstractItemModel::dataChanged, this, [this](const QModelIndex &, const QModelIndex &,
-                                                                         const QList<int> &roles) {
-        // Progress ticks change neither the figures nor the target.
-        if (roles.isEmpty() || roles.contains(Qt::ToolTipRole) || roles.contains(VXAudioGainList::TargetLoudnessRole))
-            updateLoudnessView();
-    });
+    connect(m_audioGains, &QAbstractItemModel::dataChanged, this,
+            [this](const QModelIndex &from, const QModelIndex &to, const QList<int> &roles) {
+                // Progress ticks change neither the figures nor the target.
+                if (!roles.isEmpty() && !roles.contains(Qt::ToolTipRole)
+                    && !roles.contains(VXAudioGainList::TargetLoudnessRole))
+                    return;
+                const int shown = shownRow();
+                if (shown >= from.row() && shown <= to.row())
+                    updateLoudnessView();
+            });
     connect(RQPopupMenuWndCtrl::sharePopupMenuWndCtrl(), &RQPopupMenuWndCtrl::targetLoudnessChosen, this,
             &AppDelegate::targetLoudnessChanged);
 }
@@ -87,6 +92,11 @@ void AppDelegate::connectGain()
     ui.btnGain->setEnabled(false);
     connect(m_batch, &RQBatchController::faceChanged, this, &AppDelegate::paintGainFace);
     connect(m_batch, &RQBatchController::jobEnded, this, &AppDelegate::jobEnded);
+    connect(m_batch, &RQBatchController::progressChanged, this, [this] {
+        RQBatchProgressView *view = m_ui->batchProgressView;
+        view->setProgress(m_batch->filesDone(), m_batch->filesTotal(), m_batch->fraction(), m_batch->secondsLeft());
+        view->setVisible(m_batch->batchRunning());
+    });
 
     // Window-wide keys with no menu entry: the button's own shortcut would
     // be reset each time its face changes.

@@ -58,8 +58,7 @@ void RQAudioGainRows::setMeasured(const VXAudioGain *item, const VXLoudness &lou
     VXLoudness &kept = output ? m.output : m.input;
     kept = loudness;
     kept.steps = {};  // the picture needs the curve, not what it was made from: ten thousand rows add up
-    const QModelIndex changed = index(row);
-    emit dataChanged(changed, changed, {Qt::ToolTipRole, Qt::AccessibleDescriptionRole});
+    noteRowChanged(item, {Qt::ToolTipRole, Qt::AccessibleDescriptionRole});
 }
 
 QString RQAudioGainRows::describe(const VXAudioGain &item, const Measured *measured)

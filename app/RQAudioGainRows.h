@@ -23,7 +23,8 @@ public:
     static QString describe(const VXAudioGain &item, const Measured *measured = nullptr);
     // Nothing for a row never analysed. Do not keep it across a change of the list.
     const Measured *measured(const VXAudioGain *item) const;
-    // Ignored for an item no longer in the list; emits dataChanged for its row.
+    // Ignored for an item no longer in the list; its row's dataChanged
+    // follows with the list's other changes of this turn.
     void setMeasured(const VXAudioGain *item, const VXLoudness &loudness, bool output);
 
 private:

@@ -11,6 +11,7 @@
 #include <QFileInfo>
 #include <QMimeData>
 #include <QPointer>
+#include <QThread>
 #include <QtConcurrent>
 
 RQImportController::RQImportController(VXAudioGainList *list, const RQOutputFolderController *output,
@@ -18,6 +19,7 @@ RQImportController::RQImportController(VXAudioGainList *list, const RQOutputFold
     : QObject(parent), m_list(list), m_output(output), m_settings(settings)
 {
     m_pool.setMaxThreadCount(4);
+    m_probePool.setMaxThreadCount(qMax(2, QThread::idealThreadCount()));
 }
 
 RQImportController::~RQImportController()
@@ -95,19 +97,22 @@ void RQImportController::importAudioWithPaths(const QStringList &paths, bool rec
     // The list outlives the walk: the controller waits for its walks.
     walk.list = m_list;
     walk.itemThread = thread();
-    // Each file waits for the window to take it, rather than queueing as a
+    walk.probePool = &m_probePool;
+    // Files wait for the window to take them, rather than queueing as a
     // continuation: the walk learns when nobody takes files any more, and
     // probes stay no more than a few ahead of the rows.
     // A file measured before shows its figures and picture at once.
     walk.keptFlags = VXMeasureCurve | (m_settings->settings().dualMono ? VXMeasureDualMono : 0);
-    walk.hand = [self, cancel](const QString &path, const VXAudioGainPtr &item, const VXError &error,
-                               const std::optional<VXLoudness> &kept) {
+    walk.hand = [self, cancel](const QList<RQImportWalk::Probed> &files) {
         const bool hopped = VXRunOnMainThread([&] {
-            if (!self)
-                return;
-            self->importSingleFile(path, item, error);
-            if (item && kept)
-                emit self->measurementKept(item.get(), *kept);
+            for (const RQImportWalk::Probed &file : files) {
+                // An alert for a refused file may have let the user cancel.
+                if (!self || cancel->load())
+                    break;
+                self->importSingleFile(file.path, file.item, file.error);
+                if (self && file.item && file.kept)
+                    emit self->measurementKept(file.item.get(), *file.kept);
+            }
         });
         // The application is shutting down: nobody takes files any more.
         if (!hopped)
@@ -172,6 +177,7 @@ void RQImportController::cancelImport()
 
 void RQImportController::waitForDone(int msecs)
 {
+    // The walks wait for their own probes.
     m_pool.waitForDone(msecs);
 }
 

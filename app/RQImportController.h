@@ -18,9 +18,10 @@ class RQSettingsController;
 class VXAudioGainList;
 
 // Adding files to the list: drops, paths from the command line or the open
-// dialog, walked and probed on a pool of its own, each file handed to the
-// list on the GUI thread in walk order. New rows take the output folder and
-// the target of new rows as they are when the file arrives.
+// dialog, walked and probed on a pool of its own, the files handed to the
+// list on the GUI thread in walk order, a batch at a time (RQImportWalk).
+// New rows take the output folder and the target of new rows as they are
+// when the file arrives.
 class RQImportController : public QObject {
     Q_OBJECT
 public:
@@ -71,5 +72,11 @@ private:
     // The cancel flags of the imports under way (each walk holds its own).
     std::vector<std::weak_ptr<std::atomic<bool>>> m_importCancels;
     int m_runningImports = 0;
+    // The walks' probes, one per core whatever the number of imports. Not
+    // Qt's global pool: Qt paints large areas on that pool's threads while
+    // the window waits, and a probe holds its thread for the worker's
+    // answer. Declared first, so the walks (which wait for their probes)
+    // end before it goes.
+    QThreadPool m_probePool;
     QThreadPool m_pool;
 };

@@ -4,39 +4,40 @@
 #include "engine/VXImport.h"
 #include "engine/VXMeasureCache.h"
 
+#include <QElapsedTimer>
 #include <QThread>
 #include <QtConcurrent>
 #include <deque>
 
-namespace {
-struct Probe {
-    QString path;
-    VXAudioGainPtr item;
-    VXError error;
-    std::optional<VXLoudness> kept;
-};
-} // namespace
-
 void RQImportWalk::run() const
 {
-    std::deque<QFuture<Probe>> ahead;
+    std::deque<QFuture<Probed>> ahead;
+    QList<Probed> ready;
+    QElapsedTimer waiting;  // since the oldest ready file became ready
     bool handing = true;
-    auto handFront = [&] {
-        Probe probe = ahead.front().result();
-        ahead.pop_front();
+    auto handReady = [&] {
         // After a cancel, files already probed are dropped, not added.
-        if (handing && !cancel->load())
-            handing = hand(probe.path, probe.item, probe.error, probe.kept);
+        if (!ready.isEmpty() && handing && !cancel->load())
+            handing = hand(ready);
+        ready.clear();
+    };
+    auto takeFront = [&] {
+        if (ready.isEmpty())
+            waiting.start();
+        ready.append(ahead.front().result());
+        ahead.pop_front();
+        if (ready.size() >= kHandFiles || waiting.elapsed() >= kHandMsecs)
+            handReady();
     };
 
     VXImport::walk(paths, recursive, *cancel, [&](const QString &file) {
         if (!handing || list->containsInput(file))
             return;
         QThread *target = itemThread;
-        // On Qt's shared pool: imports running side by side probe no more
+        // Imports running side by side share the pool: they probe no more
         // files at once than there are cores.
-        ahead.push_back(QtConcurrent::run([file, target, flags = keptFlags] {
-            Probe probe{file, nullptr, {}, std::nullopt};
+        ahead.push_back(QtConcurrent::run(probePool, [file, target, flags = keptFlags] {
+            Probed probe{file, nullptr, {}, std::nullopt};
             probe.item = VXAudioGain::initWithFile(file, QString(), &probe.error);
             if (probe.item) {
                 probe.item->moveToThread(target);
@@ -44,9 +45,17 @@ void RQImportWalk::run() const
             }
             return probe;
         }));
-        if (int(ahead.size()) >= kProbesAhead)
-            handFront();
+        // What has finished is taken without waiting; a full queue waits
+        // for its oldest, after handing over what has waited long enough.
+        while (!ahead.empty() && ahead.front().isFinished())
+            takeFront();
+        if (int(ahead.size()) >= kProbesAhead) {
+            if (!ready.isEmpty() && waiting.elapsed() >= kHandMsecs)
+                handReady();
+            takeFront();
+        }
     });
     while (!ahead.empty())
-        handFront();
+        takeFront();
+    handReady();
 }

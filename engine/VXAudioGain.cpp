@@ -35,7 +35,7 @@ std::shared_ptr<VXAudioGain> VXAudioGain::initWithFile(const QString &path, cons
     });
     item->m_duration = context->audioStreamLength();
     if (auto picture = context->attachPicture())
-        item->m_face = picture->cgImage();
+        item->m_face = faceForPicture(picture->encoded());
     if (item->m_face.isNull())
         item->m_face = defaultArtwork();
     return item;

@@ -201,6 +201,13 @@ public:
     static QImage successImage();
     static QImage failureImage();
     static QImage defaultArtwork();
+    // A row shows its cover art in 48 points, 96 pixels on a HiDPI screen:
+    // larger covers are kept at this size on their longer side.
+    static constexpr int kFacePixels = 96;
+    // The cover for a file's encoded picture, at most kFacePixels on a side,
+    // the same image for the same bytes while recently seen; null when it
+    // does not decode. From any thread.
+    static QImage faceForPicture(const QByteArray &encoded);
 
     // Test seam: when set, every job passes the captured pass-1 log through
     // it before looking for the measurement record.

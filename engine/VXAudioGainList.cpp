@@ -3,6 +3,24 @@
 #include "engine/VXImport.h"
 
 #include <algorithm>
+#include <vector>
+
+namespace {
+// Adds roles to into; an empty list stands for every role.
+void mergeRoles(QList<int> &into, const QList<int> &roles)
+{
+    if (into.isEmpty())
+        return;
+    if (roles.isEmpty()) {
+        into.clear();
+        return;
+    }
+    for (int role : roles) {
+        if (!into.contains(role))
+            into.append(role);
+    }
+}
+} // namespace
 
 VXAudioGainList::VXAudioGainList(QObject *parent) : QAbstractListModel(parent)
 {
@@ -79,6 +97,8 @@ void VXAudioGainList::setAudioGains(const QList<VXAudioGainPtr> &items)
     for (const VXAudioGainPtr &item : std::as_const(m_items))
         unwatch(item);
     m_items.clear();
+    m_rowsStale = true;
+    ++m_shape;
     for (const VXAudioGainPtr &item : items) {
         if (!item)
             continue;
@@ -95,7 +115,15 @@ void VXAudioGainList::insertObject(const VXAudioGainPtr &item, int index)
         return;
     index = std::clamp(index, 0, count());
     beginInsertRows({}, index, index);
+    // An import appends: the rows before it keep their numbers.
+    if (index == count() && !m_rowsStale) {
+        if (!m_rows.contains(item.get()))
+            m_rows.insert(item.get(), index);
+    } else {
+        m_rowsStale = true;
+    }
     m_items.insert(index, item);
+    ++m_shape;
     watch(item);
     endInsertRows();
     emit countChanged();
@@ -130,6 +158,8 @@ void VXAudioGainList::removeAudioGainsAtIndexes(const QList<int> &indexes)
         for (int row = first; row <= last; ++row)
             unwatch(m_items.at(row));
         m_items.remove(first, last - first + 1);
+        m_rowsStale = true;
+        ++m_shape;
         endRemoveRows();
         end = start;
     }
@@ -142,6 +172,8 @@ void VXAudioGainList::replaceObject(int index, const VXAudioGainPtr &item)
         return;
     unwatch(m_items.at(index));
     m_items[index] = item;
+    m_rowsStale = true;
+    ++m_shape;
     watch(item);
     const QModelIndex changed = createIndex(index, 0);
     emit dataChanged(changed, changed);
@@ -149,9 +181,15 @@ void VXAudioGainList::replaceObject(int index, const VXAudioGainPtr &item)
 
 int VXAudioGainList::indexOf(const VXAudioGain *item) const
 {
-    const auto it = std::find_if(m_items.cbegin(), m_items.cend(),
-                                 [item](const VXAudioGainPtr &p) { return p.get() == item; });
-    return it == m_items.cend() ? -1 : int(it - m_items.cbegin());
+    if (m_rowsStale) {
+        m_rows.clear();
+        m_rows.reserve(m_items.size());
+        // From the back, so that an item standing twice keeps its first row.
+        for (qsizetype row = m_items.size() - 1; row >= 0; --row)
+            m_rows.insert(m_items.at(row).get(), int(row));
+        m_rowsStale = false;
+    }
+    return m_rows.value(item, -1);
 }
 
 bool VXAudioGainList::containsInput(const QString &path) const
@@ -161,13 +199,69 @@ bool VXAudioGainList::containsInput(const QString &path) const
     return m_inputKeys.contains(key);
 }
 
-void VXAudioGainList::emitRowChanged(const VXAudioGain *item, const QList<int> &roles)
+void VXAudioGainList::noteRowChanged(const VXAudioGain *item, const QList<int> &roles)
 {
-    const int row = indexOf(item);
-    if (row < 0)
+    if (!m_watches.contains(item))
         return;
-    const QModelIndex changed = createIndex(row, 0);
-    emit dataChanged(changed, changed, roles);
+    const auto it = m_changed.find(item);
+    if (it == m_changed.end())
+        m_changed.insert(item, roles);
+    else
+        mergeRoles(it.value(), roles);
+    if (m_flushQueued)
+        return;
+    m_flushQueued = true;
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            m_flushQueued = false;
+            flushRowChanges();
+        },
+        Qt::QueuedConnection);
+}
+
+void VXAudioGainList::flushRowChanges()
+{
+    if (m_changed.isEmpty())
+        return;
+    struct Change {
+        int row;
+        const VXAudioGain *item;
+        QList<int> roles;
+    };
+    std::vector<Change> changes;
+    changes.reserve(m_changed.size());
+    for (auto it = m_changed.cbegin(); it != m_changed.cend(); ++it) {
+        if (const int row = indexOf(it.key()); row >= 0)
+            changes.push_back({row, it.key(), it.value()});
+    }
+    m_changed.clear();
+    std::sort(changes.begin(), changes.end(), [](const Change &a, const Change &b) { return a.row < b.row; });
+
+    // A receiver may change the list; the rows still to announce are then
+    // looked up again at the next flush.
+    const quint64 shape = m_shape;
+    for (size_t first = 0; first < changes.size();) {
+        if (m_shape != shape) {
+            for (size_t i = first; i < changes.size(); ++i)
+                noteRowChanged(changes[i].item, changes[i].roles);
+            return;
+        }
+        size_t last = first;
+        while (last + 1 < changes.size() && changes[last + 1].row <= changes[last].row + 1)
+            ++last;
+        if (changes[last].row - changes[first].row < kRowsApart) {
+            const Change &change = changes[first];
+            emit dataChanged(createIndex(change.row, 0), createIndex(change.row, 0), change.roles);
+            ++first;
+            continue;
+        }
+        QList<int> roles = changes[first].roles;
+        for (size_t i = first + 1; i <= last; ++i)
+            mergeRoles(roles, changes[i].roles);
+        emit dataChanged(createIndex(changes[first].row, 0), createIndex(changes[last].row, 0), roles);
+        first = last + 1;
+    }
 }
 
 void VXAudioGainList::watch(const VXAudioGainPtr &item)
@@ -182,7 +276,7 @@ void VXAudioGainList::watch(const VXAudioGainPtr &item)
     if (watch.refs++ > 0)
         return;
     auto on = [this, raw](auto signal, QList<int> roles) {
-        return connect(raw, signal, this, [this, raw, roles] { emitRowChanged(raw, roles); });
+        return connect(raw, signal, this, [this, raw, roles] { noteRowChanged(raw, roles); });
     };
     watch.connections << on(&VXAudioGain::stateChanged, {StateRole, AllowedTargetEditRole})
                       << on(&VXAudioGain::retCodeChanged, {RetCodeRole})
@@ -206,4 +300,6 @@ void VXAudioGainList::unwatch(const VXAudioGainPtr &item)
     for (const QMetaObject::Connection &c : std::as_const(watch->connections))
         disconnect(c);
     m_watches.erase(watch);
+    // Its address may come back with another item before the next flush.
+    m_changed.remove(item.get());
 }

@@ -2,6 +2,8 @@
 #include "engine/VXAudioGain.h"
 
 #include <QFile>
+#include <QHash>
+#include <QMutex>
 #include <QPainter>
 #include <QPainterPath>
 #include <QSvgRenderer>
@@ -34,24 +36,42 @@ QImage renderSvg(const QString &resource, int pixels, qreal devicePixelRatio)
     return image;
 }
 
+// Each picture is rendered once per process and then shared. Not as a
+// function's static: its guard would be held while the painter runs, and
+// QPainter hands the parts of a large fill to Qt's global thread pool and
+// waits for them. Probes ask for the default artwork from that pool's
+// threads; the first one in would wait for a pool whose threads all wait for
+// it. Two first callers may render it twice; the first stored is kept.
+QImage renderedOnce(const QString &resource, int pixels, qreal devicePixelRatio)
+{
+    // Never destroyed: a probe may ask while the program exits.
+    static QMutex *lock = new QMutex;
+    static auto *rendered = new QHash<QString, QImage>;  // under lock
+    {
+        QMutexLocker locker(lock);
+        if (const auto it = rendered->constFind(resource); it != rendered->constEnd())
+            return *it;
+    }
+    const QImage image = renderSvg(resource, pixels, devicePixelRatio);
+    QMutexLocker locker(lock);
+    return *rendered->insert(resource, rendered->value(resource, image));
+}
+
 } // namespace
 
 QImage VXAudioGain::successImage()
 {
-    static const QImage image = renderSvg(QStringLiteral(":/images/success.svg"), 64, 2.0);
-    return image;
+    return renderedOnce(QStringLiteral(":/images/success.svg"), 64, 2.0);
 }
 
 QImage VXAudioGain::failureImage()
 {
-    static const QImage image = renderSvg(QStringLiteral(":/images/failure.svg"), 64, 2.0);
-    return image;
+    return renderedOnce(QStringLiteral(":/images/failure.svg"), 64, 2.0);
 }
 
 QImage VXAudioGain::defaultArtwork()
 {
-    static const QImage image = renderSvg(QStringLiteral(":/images/default_artwork.svg"), 128, 1.0);
-    return image;
+    return renderedOnce(QStringLiteral(":/images/default_artwork.svg"), 128, 1.0);
 }
 
 QImage VXAudioGain::stateImage() const

@@ -45,7 +45,7 @@ std::unique_ptr<VXAttachedPicture> VXDemuxerContext::attachPicture() const
     return std::make_unique<VXAttachedPicture>(d->picture);
 }
 
-QImage VXAttachedPicture::cgImage() const
+QImage VXAttachedPicture::cgImage(int maxSide) const
 {
     if (m_encoded.isEmpty() || m_encoded.size() > kMaxPictureBytes)
         return {};
@@ -58,6 +58,8 @@ QImage VXAttachedPicture::cgImage() const
     const QSize size = reader.size();
     if (!size.isValid() || size.width() > kMaxPictureSide || size.height() > kMaxPictureSide)
         return {};
+    if (maxSide > 0 && (size.width() > maxSide || size.height() > maxSide))
+        reader.setScaledSize(size.scaled(maxSide, maxSide, Qt::KeepAspectRatio).expandedTo(QSize(1, 1)));
     QImage image;
     if (!reader.read(&image))
         return {};

@@ -13,8 +13,10 @@ public:
     explicit VXAttachedPicture(QByteArray encoded) : m_encoded(std::move(encoded)) {}
     const QByteArray &encoded() const { return m_encoded; }
     // The decoded picture, or a null image when it cannot be decoded or is
-    // absurd (over 50 MB encoded, or over 16384 px on a side).
-    QImage cgImage() const;
+    // absurd (over 50 MB encoded, or over 16384 px on a side). With maxSide,
+    // a larger picture is decoded straight to that size on its longer side
+    // (a JPEG decoder then skips most of the work).
+    QImage cgImage(int maxSide = 0) const;
 
 private:
     QByteArray m_encoded;

@@ -80,6 +80,30 @@ TEST(Item, CreationProbesTheFile)
     }
 }
 
+// A large cover is kept at the row's size, its shape unchanged, and files
+// carrying the same picture (an album's tracks) share one image.
+TEST(Item, CoverArtIsKeptAtTheRowsSizeAndShared)
+{
+    QTemporaryDir dir;
+    const QString wav = makeWav(dir.path(), QStringLiteral("tone.wav"), 0.5);
+    const QString cover = QDir(dir.path()).filePath(QStringLiteral("wide.jpg"));
+    ASSERT_TRUE(fixtures::run(QStringLiteral("ffmpeg"), {"-v", "error", "-f", "lavfi", "-i",
+                                                         "testsrc=size=800x400:rate=1", "-frames:v", "1", cover}));
+    QStringList tracks;
+    for (const QString name : {QStringLiteral("a.mp3"), QStringLiteral("b.mp3")}) {
+        tracks << QDir(dir.path()).filePath(name);
+        ASSERT_TRUE(fixtures::run(QStringLiteral("ffmpeg"),
+                                  {"-v", "error", "-i", wav, "-i", cover, "-map", "0:a", "-map", "1:v", "-c:a",
+                                   "libmp3lame", "-c:v", "copy", "-disposition:v", "attached_pic", tracks.last()}));
+    }
+    VXError error;
+    const auto first = VXAudioGain::initWithFile(tracks[0], QString(), &error);
+    const auto second = VXAudioGain::initWithFile(tracks[1], QString(), &error);
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ(first->face().size(), QSize(VXAudioGain::kFacePixels, VXAudioGain::kFacePixels / 2));
+    EXPECT_EQ(first->face().cacheKey(), second->face().cacheKey());
+}
+
 // Probing runs in the worker: a file that crashes the demuxer is refused
 // with a reason while the files beside it import, and what a refusal
 // carries (the DRM flag) comes across from there.
