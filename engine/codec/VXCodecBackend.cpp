@@ -43,6 +43,11 @@ public:
     }
 
     VXResult<ProbeResult> probe(const QString &path) const override;
+
+    VXResult<> play(const PlayRequest &request, const VXCancel &cancel, const PcmSink &sink) const override
+    {
+        return playHere(request, cancel, sink);
+    }
 };
 
 VXResult<ProbeResult> InProcessBackend::probe(const QString &path) const

@@ -7,6 +7,7 @@
 
 #include "engine/codec/VXError.h"
 #include "engine/codec/VXLoudnessMeter.h"
+#include "engine/codec/VXPlayback.h"
 #include "engine/codec/VXTranscode.h"
 
 #include <QByteArray>
@@ -55,6 +56,9 @@ public:
                                                    const VXCancel *cancel) const = 0;
     // VXDemuxerContext's questions; the error as initWithFilename gives it.
     virtual VXResult<ProbeResult> probe(const QString &path) const = 0;
+    // Sound to listen to, as vx::playHere hands it over, on this thread
+    // until the end; a cancel stops it at once.
+    virtual VXResult<> play(const PlayRequest &request, const VXCancel &cancel, const PcmSink &sink) const = 0;
 };
 
 // The backend of this program: the in-process one until one is chosen.
