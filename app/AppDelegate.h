@@ -20,6 +20,7 @@
 
 class QCheckBox;
 class RQAudioGainRows;
+class RQAuditionController;
 class RQImportController;
 class RQSettingsController;
 class RQTableCellView;
@@ -84,6 +85,7 @@ public:
     RQImportController *importController() const { return m_import; }
     RQBatchController *batchController() const { return m_batch; }
     RQOutputFolderController *outputFolderController() const { return m_output; }
+    RQAuditionController *auditionController() const { return m_audition; }
 
     // The list.
     VXAudioGainList *audioGains() const { return m_audioGains; }
@@ -200,6 +202,10 @@ private:
     void connectOutputFolder();
     void connectMenus();
     void connectSettingsEditors();
+    void connectAudition();
+    // The row the picture shows and P plays: the current one when it is
+    // selected, else the first selected.
+    VXAudioGainPtr shownItem() const;
     void tableViewSelectionDidChange();
     void updateDerivedFlags();
     void alert(const QString &message, const QString &informative);
@@ -219,6 +225,7 @@ private:
     RQOutputFolderController *m_output = nullptr;
     RQImportController *m_import = nullptr;
     RQBatchController *m_batch = nullptr;
+    RQAuditionController *m_audition = nullptr;
 
     bool m_allowGain = false;
     bool m_canRemove = false;
