@@ -8,6 +8,7 @@
 
 #include "ui_MainWindow.h"
 
+#include <QItemSelectionModel>
 #include <QJsonObject>
 #include <QMenu>
 #include <QMenuBar>
@@ -55,10 +56,14 @@ void AppDelegate::connectAudition()
         if (const VXAudioGainPtr item = shownItem())
             m_audition->playFrom(item, seconds);
     });
-    connect(m_audition, &RQAuditionController::positionChanged, this, [this] {
+    // The playhead is drawn over the picture of the row heard only.
+    auto placePlayhead = [this] {
         const bool shown = m_audition->item() && m_audition->item() == shownItem();
         m_ui->loudnessView->setPlayhead(shown ? m_audition->position() : NAN);
-    });
+    };
+    connect(m_audition, &RQAuditionController::positionChanged, this, placePlayhead);
+    connect(tableView()->selectionModel(), &QItemSelectionModel::selectionChanged, this, placePlayhead);
+    connect(tableView()->selectionModel(), &QItemSelectionModel::currentChanged, this, placePlayhead);
     connect(m_audition, &RQAuditionController::messageRequested, this, &AppDelegate::alert);
     connect(m_audition, &RQAuditionController::measureRequested, this, [this](const VXAudioGainPtr &item) {
         if (!item->isRunning() && !rows()->measured(item.get()))

@@ -6,10 +6,10 @@
 #include <QActionGroup>
 #include <QAudioSink>
 #include <QFileInfo>
-#include <QIODevice>
 #include <QMediaDevices>
 #include <algorithm>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -20,45 +20,10 @@ constexpr double kAheadSeconds = 2.0;
 // A pair per item heard, one taking over, and the ones ending.
 constexpr int kStreamThreads = 8;
 constexpr int kTickMsecs = 40;
+// The sink is topped up this often: a quarter of its buffer.
+constexpr int kFeedMsecs = 20;
 
 } // namespace
-
-// What the sink pulls: the mix, in the sink's sample format. Returns what
-// there is; when that is nothing yet, the sink waits for readyRead.
-class RQAuditionDevice final : public QIODevice {
-public:
-    RQAuditionDevice(std::shared_ptr<VXAuditionMix> mix, const QAudioFormat &format, QObject *parent)
-        : QIODevice(parent), m_mix(std::move(mix)), m_format(format)
-    {
-    }
-    bool isSequential() const override { return true; }
-    bool atEnd() const override { return m_mix->atEnd(); }
-    void wake() { emit readyRead(); }
-
-protected:
-    qint64 readData(char *data, qint64 maxSize) override
-    {
-        const int channels = m_format.channelCount();
-        const qint64 frames = maxSize / m_format.bytesPerFrame();
-        m_buffer.resize(size_t(frames * channels));
-        const qsizetype mixed = m_mix->mix(m_buffer.data(), frames);
-        const size_t samples = size_t(mixed) * size_t(channels);
-        if (m_format.sampleFormat() == QAudioFormat::Float) {
-            std::memcpy(data, m_buffer.data(), samples * sizeof(float));
-        } else {
-            auto *out = reinterpret_cast<qint16 *>(data);
-            for (size_t i = 0; i < samples; ++i)
-                out[i] = qint16(std::lround(std::clamp(m_buffer[i], -1.0f, 1.0f) * 32767.0f));
-        }
-        return mixed * m_format.bytesPerFrame();
-    }
-    qint64 writeData(const char *, qint64) override { return -1; }
-
-private:
-    std::shared_ptr<VXAuditionMix> m_mix;
-    QAudioFormat m_format;
-    std::vector<float> m_buffer;
-};
 
 RQAuditionController::RQAuditionController(Sources sources, QObject *parent)
     : QObject(parent), m_sources(std::move(sources)), m_match(RQAppSettings::matchLoudness())
@@ -93,6 +58,9 @@ RQAuditionController::RQAuditionController(Sources sources, QObject *parent)
     connect(m_matchAction, &QAction::toggled, this, &RQAuditionController::setMatchLoudness);
     m_tick.setInterval(kTickMsecs);
     connect(&m_tick, &QTimer::timeout, this, &RQAuditionController::positionChanged);
+    m_feed.setInterval(kFeedMsecs);
+    m_feed.setTimerType(Qt::PreciseTimer);
+    connect(&m_feed, &QTimer::timeout, this, &RQAuditionController::feed);
 
     m_devices = new QMediaDevices(this);
     connect(m_devices, &QMediaDevices::audioOutputsChanged, this, [this] { setOutputProbe(m_probe); });
@@ -127,6 +95,9 @@ double RQAuditionController::position() const
 {
     if (!m_item || !m_mix)
         return NAN;
+    // A suspended sink tells nothing of what it holds.
+    if (!m_playing && std::isfinite(m_held))
+        return m_held;
     qint64 frame = m_mix->position();
     // What the sink holds has not been heard yet.
     if (m_sink)
@@ -156,8 +127,8 @@ void RQAuditionController::playFrom(const VXAudioGainPtr &item, double seconds)
         return;
     startPair(qint64(std::max(seconds, 0.0) * m_format.sampleRate()), VXAuditionMix::Jump);
     if (fresh) {
-        m_sink->start(m_device);
-        if (m_sink->error() != QAudio::NoError) {
+        m_output = m_sink->start();
+        if (!m_output || m_sink->error() != QAudio::NoError) {
             refuseOutput(tr("The audio output could not be opened."));
             return;
         }
@@ -172,23 +143,25 @@ void RQAuditionController::playFrom(const VXAudioGainPtr &item, double seconds)
 void RQAuditionController::stop()
 {
     m_tick.stop();
-    if (m_sink) {
-        m_sink->disconnect(this);
-        m_sink->stop();
-        // Later: a sink may be stopping from its own signal. The device,
-        // its child, goes with it.
-        m_sink->deleteLater();
-        m_sink = nullptr;
-        m_device = nullptr;
-    }
+    m_feed.stop();
+    QAudioSink *sink = std::exchange(m_sink, nullptr);
+    m_output = nullptr;
     if (m_mix)
         m_mix->clear();  // the streams' children go now, not with the device
     m_mix.reset();
     m_item.reset();
     m_audition = VXAudition();
+    m_held = NAN;
     setPlaying(false);
     updateActions();
     emit positionChanged();
+    // Last, with nothing left to play: Qt's PulseAudio sink runs the event
+    // loop as it is destroyed.
+    if (sink) {
+        sink->disconnect(this);
+        sink->stop();
+        delete sink;
+    }
 }
 
 void RQAuditionController::setResultSide(bool b)
@@ -254,12 +227,10 @@ bool RQAuditionController::startSink()
     if (!device.isFormatSupported(format))
         format.setSampleFormat(QAudioFormat::Int16);
     m_format = format;
-    m_mix = std::make_shared<VXAuditionMix>(format.channelCount());
+    m_mix = std::make_unique<VXAuditionMix>(format.channelCount());
     m_mix->setSide(m_side);
     m_sink = new QAudioSink(device, format, this);
     m_sink->setBufferSize(format.bytesForDuration(qint64(kSinkBufferMsecs) * 1000));
-    m_device = new RQAuditionDevice(m_mix, format, m_sink);
-    m_device->open(QIODevice::ReadOnly | QIODevice::Unbuffered);
     connect(m_sink, &QAudioSink::stateChanged, this, &RQAuditionController::sinkStateChanged);
     return true;
 }
@@ -292,9 +263,12 @@ void RQAuditionController::startPair(qint64 frame, VXAuditionMix::Start start)
 
 void RQAuditionController::setPlaying(bool playing)
 {
-    if (m_sink && playing != m_playing)
+    if (m_sink && playing != m_playing) {
+        m_held = playing ? NAN : position();
         playing ? m_sink->resume() : m_sink->suspend();
+    }
     playing ? m_tick.start() : m_tick.stop();
+    playing ? m_feed.start() : m_feed.stop();
     if (playing == m_playing)
         return;
     m_playing = playing;
@@ -321,23 +295,43 @@ void RQAuditionController::streamNews()
         setResultSide(false);
         emit messageRequested(tr("Cannot play the result of %1").arg(name), failedB);
     }
-    if (m_sink && m_sink->state() == QAudio::IdleState) {
-        if (m_mix->atEnd())
-            stop();
-        else if (m_device)
-            m_device->wake();
-    }
+    feed();
 }
 
+// Tops the sink up to its buffer with what the mix has, which the sink
+// takes whole (pushed, its whole free space at once: pulled, it would take
+// whole periods only, and may wait for a last one that never fits). A mix at
+// its end, once the sink has played all it held, is heard to its end.
+void RQAuditionController::feed()
+{
+    if (!m_sink || !m_output || !m_mix || !m_playing)
+        return;
+    const int bytesPerFrame = m_format.bytesPerFrame();
+    const qsizetype frames = m_sink->bytesFree() / bytesPerFrame;
+    if (frames > 0) {
+        const int channels = m_format.channelCount();
+        m_buffer.resize(size_t(frames) * size_t(channels));
+        const qsizetype mixed = m_mix->mix(m_buffer.data(), frames);
+        if (m_format.sampleFormat() != QAudioFormat::Float) {
+            auto *samples = reinterpret_cast<qint16 *>(m_buffer.data());
+            for (size_t i = 0; i < size_t(mixed) * size_t(channels); ++i)
+                samples[i] = qint16(std::lround(std::clamp(m_buffer[i], -1.0f, 1.0f) * 32767.0f));
+        }
+        if (mixed > 0)
+            m_output->write(reinterpret_cast<const char *>(m_buffer.data()), mixed * bytesPerFrame);
+    }
+    if (m_mix->atEnd() && (m_sink->bytesFree() >= m_sink->bufferSize() || m_sink->state() == QAudio::IdleState))
+        stop();
+}
+
+// The output failing (the sound server gone): said once, and playing is off.
+// Through the event loop: the sink is not destroyed from its own signal.
 void RQAuditionController::sinkStateChanged()
 {
-    if (!m_sink)
-        return;
-    if (m_sink->state() == QAudio::IdleState && m_mix && m_mix->atEnd()) {
-        stop();  // heard to its end
-    } else if (m_sink->state() == QAudio::StoppedState && m_sink->error() != QAudio::NoError
-               && m_sink->error() != QAudio::UnderrunError) {
-        refuseOutput(tr("The audio output stopped working."));
+    if (m_sink && m_sink->state() == QAudio::StoppedState && m_sink->error() != QAudio::NoError
+        && m_sink->error() != QAudio::UnderrunError) {
+        QMetaObject::invokeMethod(
+            this, [this] { refuseOutput(tr("The audio output stopped working.")); }, Qt::QueuedConnection);
     }
 }
 

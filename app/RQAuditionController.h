@@ -11,11 +11,12 @@
 #include <QTimer>
 #include <functional>
 #include <memory>
+#include <vector>
 
 class QAction;
 class QAudioSink;
+class QIODevice;
 class QMediaDevices;
-class RQAuditionDevice;
 
 // Hearing a row before and after its Gain: P plays or pauses it, A and B
 // switch between the original and the result on the same sample, and
@@ -94,6 +95,7 @@ private:
     void setPlaying(bool playing);
     void startPair(qint64 frame, VXAuditionMix::Start start);
     void streamNews();
+    void feed();
     void sinkStateChanged();
     void updateActions();
     void refuseOutput(const QString &why);
@@ -113,12 +115,15 @@ private:
     VXAuditionMix::Side m_side = VXAuditionMix::A;
     bool m_match = true;
     bool m_playing = false;
+    double m_held = NAN;  // the position where it was paused
     QString m_failureTold;  // the last failure reported, said once
 
     QAudioFormat m_format;
     QAudioSink *m_sink = nullptr;
-    RQAuditionDevice *m_device = nullptr;
-    std::shared_ptr<VXAuditionMix> m_mix;  // shared with the device the sink pulls
+    QIODevice *m_output = nullptr;  // the sink's, where the mix is written
+    std::unique_ptr<VXAuditionMix> m_mix;
+    std::vector<float> m_buffer;
+    QTimer m_feed;  // tops the sink up while playing
     QTimer m_tick;  // moves the playhead while playing
     QThreadPool m_pool;  // the streams' decoding, one thread each
 };

@@ -3,6 +3,7 @@
 // off; nothing waits on a device that is not there.
 #include "AppTestUtil.h"
 
+#include "app/RQAudioGainRows.h"
 #include "app/RQAuditionController.h"
 #include "views/RQLoudnessView.h"
 
@@ -79,6 +80,40 @@ private slots:
         audition->togglePlay();
         QCOMPARE(c.alerts->size(), 1);
         QVERIFY(!audition->playing());
+    }
+
+    // Opt-in, where an audio output may sound: the row plays, its playhead
+    // runs, B comes in once the row is measured, pausing holds the place, a
+    // jump lands where asked, and the end stops it.
+    void playsThroughTheSystemsOutput()
+    {
+        if (qgetenv("EVENLOUD_TEST_AUDIO_OUTPUT") != "1")
+            QSKIP("EVENLOUD_TEST_AUDIO_OUTPUT=1 plays through this machine's audio output");
+        Controller c;
+        QVERIFY(c.import({m_file}));
+        selectFirst(c);
+        const VXAudioGainPtr item = c->audioGains()->at(0);
+        RQAuditionController *audition = c->auditionController();
+        QVERIFY(audition->available());
+        audition->setResultSide(true);
+        audition->togglePlay();
+        QVERIFY(audition->playing());
+        QVERIFY(waitFor([&] { return audition->position() > 0.3; }));
+        QVERIFY(waitFor([&] { return c->rows()->measured(item.get()) != nullptr; }));
+
+        audition->togglePlay();
+        QVERIFY(!audition->playing());
+        const double held = audition->position();
+        QTest::qWait(200);
+        QCOMPARE(audition->position(), held);
+        audition->togglePlay();
+        QVERIFY(audition->playing());
+
+        audition->playFrom(item, 1.5);
+        QVERIFY(audition->position() >= 1.4);
+        QVERIFY(waitFor([&] { return !audition->playing(); }));
+        QVERIFY(!audition->item());
+        QVERIFY2(c.alerts->isEmpty(), qPrintable(c.alerts->value(0).message + c.alerts->value(0).informative));
     }
 
     void matchLoudnessIsOnUntilTurnedOff()
