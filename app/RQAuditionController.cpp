@@ -147,7 +147,7 @@ void RQAuditionController::stop()
     QAudioSink *sink = std::exchange(m_sink, nullptr);
     m_output = nullptr;
     if (m_mix)
-        m_mix->clear();  // the streams' children go now, not with the device
+        m_mix->clear();  // the streams' children go now
     m_mix.reset();
     m_item.reset();
     m_audition = VXAudition();
@@ -313,6 +313,7 @@ void RQAuditionController::feed()
         m_buffer.resize(size_t(frames) * size_t(channels));
         const qsizetype mixed = m_mix->mix(m_buffer.data(), frames);
         if (m_format.sampleFormat() != QAudioFormat::Float) {
+            // In place: each 16-bit sample lands before the float it comes from.
             auto *samples = reinterpret_cast<qint16 *>(m_buffer.data());
             for (size_t i = 0; i < size_t(mixed) * size_t(channels); ++i)
                 samples[i] = qint16(std::lround(std::clamp(m_buffer[i], -1.0f, 1.0f) * 32767.0f));

@@ -293,3 +293,89 @@ TEST_F(AuditionTest, LimitedBIsWhatTheJobWrites)
     EXPECT_LT(after.level(true), 1.0f);
     EXPECT_NEAR(20.0 * std::log10(after.level(true)), -1.0 - (facts.measured.truePeak + after.plainGainDb), 1e-4);
 }
+
+// What each side plays, by what is known of the row: a table over the
+// cases a user meets (position 80 is -18 LUFS, the ceiling -1 dBTP).
+TEST(AuditionPlan, EachSideByWhatIsKnown)
+{
+    VXLoudness measured;
+    measured.integrated = -23.0;
+    measured.truePeak = -10.0;
+    measured.range = 6.0;
+    measured.threshold = -33.0;
+    VXLoudness silent = measured;
+    silent.integrated = silent.truePeak = -INFINITY;
+    VXGainResult written;
+    written.gainDb = 4.5;
+    VXGainResult skipped;
+    skipped.skipped = true;
+    const struct Case {
+        const char *name;
+        VXLoudness measured;
+        double skipWithin;
+        std::optional<VXGainResult> result;
+        bool replaced;
+        QString original, result_;  // the files of A and B
+        size_t resultFilters;
+        double plainGainDb;  // NaN: nothing to match A with
+    } cases[] = {
+        {"not measured", VXLoudness(), NAN, {}, false, "in.wav", "", 0, NAN},
+        {"planned", measured, NAN, {}, false, "in.wav", "in.wav", 1, 5.0},
+        {"within the skip window", measured, 6.0, {}, false, "in.wav", "in.wav", 0, 0.0},
+        {"silent", silent, NAN, {}, false, "in.wav", "in.wav", 0, 0.0},
+        {"written", measured, NAN, written, false, "in.wav", "out.wav", 0, 4.5},
+        // Only the result is left to hear.
+        {"replaced", measured, NAN, written, true, "", "in.wav", 0, 4.5},
+        {"skipped by the job", measured, NAN, skipped, true, "in.wav", "in.wav", 0, 0.0},
+    };
+    for (const Case &c : cases) {
+        VXAuditionFacts facts;
+        facts.input = QStringLiteral("in.wav");
+        facts.measured = c.measured;
+        facts.settings.targetLoudness = 80.0f;
+        facts.settings.truePeakCeiling = -1.0f;
+        facts.settings.skipWithin = c.skipWithin;
+        facts.result = c.result;
+        facts.output = QStringLiteral("out.wav");
+        facts.replaced = c.replaced;
+        const VXAudition audition = VXPlanAudition(facts);
+        EXPECT_EQ(audition.original, c.original) << c.name;
+        EXPECT_EQ(audition.result, c.result_) << c.name;
+        EXPECT_EQ(audition.resultFilters.size(), c.resultFilters) << c.name;
+        EXPECT_TRUE(std::isnan(c.plainGainDb) ? std::isnan(audition.plainGainDb)
+                                              : std::fabs(audition.plainGainDb - c.plainGainDb) < 0.02)
+            << c.name << ": " << audition.plainGainDb;
+        // A is matched only by a gain there is.
+        EXPECT_EQ(audition.originalFilters(true).size(), std::isfinite(c.plainGainDb) && c.plainGainDb != 0.0 ? 1u : 0u)
+            << c.name;
+        EXPECT_TRUE(audition.originalFilters(false).empty()) << c.name;
+        EXPECT_EQ(audition.why.isEmpty(), !c.original.isEmpty() && !c.result_.isEmpty()) << c.name;
+    }
+}
+
+// A paused stream holds what it was allowed ahead and no more (a long file
+// never piles up in memory), and a side that cannot be played ends with its
+// reason while the other plays on, in step, as silence beside it.
+TEST_F(AuditionTest, StreamsHoldTheirShareAndFailAlone)
+{
+    const QString flac = fixtures::makeAudio(m_dir.path(), QStringLiteral("music.flac"), 6.0,
+                                             {QStringLiteral("-c:a"), QStringLiteral("flac")});
+    ASSERT_FALSE(flac.isEmpty());
+    QThreadPool pool;
+    {
+        VXAuditionStream held(request(flac), pool, 0.5);
+        ASSERT_TRUE(waitFor([&] { return held.available() >= kRate / 2; }));
+        QTest::qWait(300);  // time enough to run away, were it not held
+        EXPECT_LT(held.available(), kRate / 2 + 16384);
+        EXPECT_FALSE(held.finished());
+    }
+    VXAuditionMix mix(2, 64);
+    mix.replace(std::make_unique<VXAuditionStream>(request(flac), pool, 2.0),
+                std::make_unique<VXAuditionStream>(request(m_dir.filePath("gone.flac")), pool, 2.0), 0);
+    mix.setSide(VXAuditionMix::B);
+    mixFrames(mix, 4000);
+    EXPECT_EQ(mix.position(), 4000);
+    EXPECT_FALSE(mix.failure(VXAuditionMix::B).isEmpty());
+    EXPECT_TRUE(mix.failure(VXAuditionMix::A).isEmpty());
+    EXPECT_FALSE(mix.atEnd());
+}
