@@ -2,6 +2,7 @@
 
 #include "app/RQAccessibility.h"
 #include "app/RQAudioGainRows.h"
+#include "app/RQAuditionController.h"
 #include "app/RQImportController.h"
 #include "app/RQPalette.h"
 #include "app/RQResumeOffer.h"
@@ -125,6 +126,7 @@ bool AppDelegate::applicationWillTerminate()
         return true;
     m_terminated = true;
     cancelImport();
+    m_audition->stop();
     // Hops are refused from here on, so neither a walk nor a job can wait
     // for this thread while it waits for them.
     VXMainThread::shutdown();

@@ -21,6 +21,7 @@
 
 class QCheckBox;
 class RQAudioGainRows;
+class RQAuditionController;
 class RQImportController;
 class RQSettingsController;
 class RQTableCellView;
@@ -85,6 +86,7 @@ public:
     RQImportController *importController() const { return m_import; }
     RQBatchController *batchController() const { return m_batch; }
     RQOutputFolderController *outputFolderController() const { return m_output; }
+    RQAuditionController *auditionController() const { return m_audition; }
 
     // The list.
     VXAudioGainList *audioGains() const { return m_audioGains; }
@@ -201,6 +203,10 @@ private:
     void connectOutputFolder();
     void connectMenus();
     void connectSettingsEditors();
+    void connectAudition();
+    // The row the picture shows and P plays: the current one when it is
+    // selected, else the first selected.
+    VXAudioGainPtr shownItem() const;
     void tableViewSelectionDidChange();
     void updateDerivedFlags();
     void alert(const QString &message, const QString &informative);
@@ -225,6 +231,7 @@ private:
     RQOutputFolderController *m_output = nullptr;
     RQImportController *m_import = nullptr;
     RQBatchController *m_batch = nullptr;
+    RQAuditionController *m_audition = nullptr;
 
     bool m_allowGain = false;
     bool m_canRemove = false;

@@ -20,6 +20,7 @@ void AppDelegate::connectWindow()
     connectOutputFolder();
     connectMenus();
     connectSettingsEditors();
+    connectAudition();
     m_window->installEventFilter(this);
 }
 

@@ -27,4 +27,8 @@ bool setUserSelectedOutFolder(const QString &folder)
     return settings.status() == QSettings::NoError;
 }
 
+bool matchLoudness() { return QSettings().value(QLatin1String(kRQAuditionMatchLoudness), true).toBool(); }
+
+void setMatchLoudness(bool on) { QSettings().setValue(QLatin1String(kRQAuditionMatchLoudness), on); }
+
 } // namespace RQAppSettings

@@ -154,32 +154,14 @@ VXGainEnd VXGainJob::skipAsMade(const VXProvenance &made)
     return VXGainSucceeded;
 }
 
-namespace {
-
-// Pass 2's filter for one stream: the figures it was planned from and a
-// plain gain, printing nothing.
-void setPlanned(VXFilter &filter, const VXLoudness &planned, bool limitPeaks)
-{
-    filter.setValue(QVariant(planned.integrated), QString::fromLatin1(kVXAMeasuredIntegratedLoudness));
-    filter.setValue(QVariant(planned.truePeak), QString::fromLatin1(kVXAMeasuredTruePeak));
-    filter.setValue(QVariant(planned.range), QString::fromLatin1(kVXAMeasuredLoudnessRange));
-    filter.setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
-    filter.setValue(QVariant(limitPeaks), QString::fromLatin1(kVXALimitPeaks));
-    filter.setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
-}
-
-} // namespace
-
 VXResult<VXGainJob::Normalised> VXGainJob::normalise(const VXJobPlan &plan)
 {
-    const auto filter = makeLoudnessFilter();
-    setPlanned(*filter, plan.planned, m_settings.limitPeaks);
-    filter->setValue(QVariant(plan.planned.threshold), QString::fromLatin1(kVXAMeasuredThresh));
-    filter->setValue(QVariant(plan.targetOffset), QString::fromLatin1(kVXAGainOffset));
+    // The plan's target is the item's own, as m_target is.
+    const auto filter = VXSecondPassFilter(plan, m_settings);
     std::map<int, std::shared_ptr<VXFilter>> streamFilters;
     for (const VXJobPlan::Stream &stream : plan.otherStreams) {
         auto streamFilter = makeLoudnessFilter();
-        setPlanned(*streamFilter, stream.measured, m_settings.limitPeaks);
+        VXSetPlannedFigures(*streamFilter, stream.measured, m_settings.limitPeaks);
         streamFilters[stream.index] = streamFilter;
     }
     const bool limited = plan.gain && plan.gain->kind == VXNormalization::Limited;

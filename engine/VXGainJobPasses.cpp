@@ -100,13 +100,7 @@ void VXGainJob::releaseTransCoding()
 
 std::shared_ptr<VXFilter> VXGainJob::makeLoudnessFilter() const
 {
-    auto filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
-    filter->setValue(QVariant(m_target), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
-    filter->setValue(QVariant(m_settings.truePeakCeiling), QString::fromLatin1(kVXATruePeakTarget));
-    filter->setValue(QString::fromLatin1(m_settings.measureWithLoudnorm ? VXMeterLoudnorm : VXMeterEbur128),
-                     QString::fromLatin1(kVXAMeter));
-    filter->setValue(QVariant(m_settings.dualMono), QString::fromLatin1(kVXADualMono));
-    return filter;
+    return VXLoudnessFilter(m_target, m_settings);
 }
 
 // Pass 1: the loudness filter prints its record as the transcoding is

@@ -2,6 +2,7 @@
 
 #include "engine/VXAnalysis.h"
 #include "engine/VXLoudnessScale.h"
+#include "engine/codec/VXCodecConstants.h"
 #include "engine/codec/VXLossless.h"
 
 #include <QJsonValue>
@@ -107,4 +108,34 @@ VXJobPlan VXPlanJob(const VXJobLoudness &loudness, const VXJobSettings &settings
         plan.maxCorrections = 3;
     }
     return plan;
+}
+
+std::shared_ptr<VXFilter> VXLoudnessFilter(float targetLufs, const VXJobSettings &settings)
+{
+    auto filter = VXFilter::filterWithName(QString::fromLatin1(VXALoudnormName));
+    filter->setValue(QVariant(targetLufs), QString::fromLatin1(kVXAIntegratedLoudnessTarget));
+    filter->setValue(QVariant(settings.truePeakCeiling), QString::fromLatin1(kVXATruePeakTarget));
+    filter->setValue(QString::fromLatin1(settings.measureWithLoudnorm ? VXMeterLoudnorm : VXMeterEbur128),
+                     QString::fromLatin1(kVXAMeter));
+    filter->setValue(QVariant(settings.dualMono), QString::fromLatin1(kVXADualMono));
+    return filter;
+}
+
+void VXSetPlannedFigures(VXFilter &filter, const VXLoudness &planned, bool limitPeaks)
+{
+    filter.setValue(QVariant(planned.integrated), QString::fromLatin1(kVXAMeasuredIntegratedLoudness));
+    filter.setValue(QVariant(planned.truePeak), QString::fromLatin1(kVXAMeasuredTruePeak));
+    filter.setValue(QVariant(planned.range), QString::fromLatin1(kVXAMeasuredLoudnessRange));
+    filter.setValue(QVariant(true), QString::fromLatin1(kVXALinearGain));
+    filter.setValue(QVariant(limitPeaks), QString::fromLatin1(kVXALimitPeaks));
+    filter.setValue(QString::fromLatin1(VXPrintFormatNone), QString::fromLatin1(kVXPrintFormat));
+}
+
+std::shared_ptr<VXFilter> VXSecondPassFilter(const VXJobPlan &plan, const VXJobSettings &settings)
+{
+    auto filter = VXLoudnessFilter(plan.targetLufs, settings);
+    VXSetPlannedFigures(*filter, plan.planned, settings.limitPeaks);
+    filter->setValue(QVariant(plan.planned.threshold), QString::fromLatin1(kVXAMeasuredThresh));
+    filter->setValue(QVariant(plan.targetOffset), QString::fromLatin1(kVXAGainOffset));
+    return filter;
 }

@@ -12,6 +12,7 @@
 #include <QJsonObject>
 #include <QList>
 #include <map>
+#include <memory>
 #include <optional>
 
 // What pass 1 (or the album's measurement) found, as numbers.
@@ -78,3 +79,13 @@ VXJobPlan VXPlanJob(const VXJobLoudness &loudness, const VXJobSettings &settings
 // Pass 1's record ("input_i", "input_tp", ...) read once into numbers, the
 // way the filter reads an attribute.
 VXLoudness VXLoudnessFromRecord(const QJsonObject &record, double *targetOffset = nullptr);
+
+// The loudness filter of a job's passes: its target (LUFS), ceiling, meter
+// and dual-mono weighting.
+std::shared_ptr<VXFilter> VXLoudnessFilter(float targetLufs, const VXJobSettings &settings);
+// Makes filter pass 2's for one stream: the figures it was planned from and
+// a plain gain (a limiter on the peaks where limitPeaks says), printing nothing.
+void VXSetPlannedFigures(VXFilter &filter, const VXLoudness &planned, bool limitPeaks);
+// Pass 2's filter of the main stream as a job first runs it, so what it
+// applies can be heard before it is written.
+std::shared_ptr<VXFilter> VXSecondPassFilter(const VXJobPlan &plan, const VXJobSettings &settings);

@@ -123,6 +123,14 @@ struct Canvas {
 
 } // namespace
 
+QRectF VXLoudnessPlotArea(QSize size) { return QRectF(52, 30, size.width() - 52 - 16, size.height() - 30 - 28); }
+
+double VXLoudnessPictureSeconds(const VXLoudnessPictureData &data)
+{
+    const size_t points = std::max(data.input.shortTerm.size(), data.output.shortTerm.size());
+    return std::max(kVXShortTermStep, double(points) * kVXShortTermStep);
+}
+
 QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
 {
     const VXLoudnessPictureColors &ink = data.colors;
@@ -134,7 +142,7 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
     font.setPixelSize(12);
     p.setFont(font);
 
-    Canvas canvas{p, ink, QRectF(52, 30, size.width() - 52 - 16, size.height() - 30 - 28)};
+    Canvas canvas{p, ink, VXLoudnessPlotArea(size)};
     const auto band = VXLoudnessRangeBand(data.input.shortTerm);
     // The scale runs from full scale down to 20 LU under the quietest thing
     // worth seeing, in steps of 10.
@@ -143,8 +151,7 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
         if (std::isfinite(v))
             low = std::min(low, v);
     canvas.bottom = std::max(-90.0, std::floor((low - 20.0) / 10.0) * 10.0);
-    const size_t points = std::max(data.input.shortTerm.size(), data.output.shortTerm.size());
-    canvas.seconds = std::max(kVXShortTermStep, double(points) * kVXShortTermStep);
+    canvas.seconds = VXLoudnessPictureSeconds(data);
     canvas.grid();
 
     if (std::isfinite(band.first) && std::isfinite(band.second)) {

@@ -11,6 +11,7 @@
 
 #include <QColor>
 #include <QImage>
+#include <QRectF>
 #include <QSize>
 #include <QString>
 #include <utility>
@@ -42,3 +43,8 @@ struct VXLoudnessPictureData {
 std::pair<double, double> VXLoudnessRangeBand(const std::vector<float> &shortTerm);
 
 QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size = QSize(960, 360));
+
+// Where a picture of that size draws its curves, and the seconds its width
+// spans from the file's start: for marks drawn over it (a playhead).
+QRectF VXLoudnessPlotArea(QSize size);
+double VXLoudnessPictureSeconds(const VXLoudnessPictureData &data);

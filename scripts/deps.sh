@@ -2,7 +2,7 @@
 # Installs what building, running and testing Evenloud needs on Debian 12.
 set -euo pipefail
 pkgs=(cmake g++ make pkg-config libgtest-dev
-      qt6-base-dev qt6-base-dev-tools libqt6svg6-dev qt6-qpa-plugins
+      qt6-base-dev qt6-base-dev-tools libqt6svg6-dev qt6-qpa-plugins qt6-multimedia-dev
       libavformat-dev libavcodec-dev libavfilter-dev libswresample-dev libavutil-dev
       ffmpeg sox libsox-fmt-all libebur128-dev libseccomp-dev libtag1-dev libsqlite3-dev parallel
       clang libclang-rt-14-dev

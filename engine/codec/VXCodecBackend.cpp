@@ -48,6 +48,11 @@ public:
     {
         return losslessHere(request, cancel);
     }
+
+    VXResult<> play(const PlayRequest &request, const VXCancel &cancel, const PcmSink &sink) const override
+    {
+        return playHere(request, cancel, sink);
+    }
 };
 
 VXResult<ProbeResult> InProcessBackend::probe(const QString &path) const

@@ -8,6 +8,7 @@
 #include "engine/codec/VXError.h"
 #include "engine/codec/VXLossless.h"
 #include "engine/codec/VXLoudnessMeter.h"
+#include "engine/codec/VXPlayback.h"
 #include "engine/codec/VXTranscode.h"
 
 #include <QByteArray>
@@ -58,6 +59,9 @@ public:
     virtual VXResult<ProbeResult> probe(const QString &path) const = 0;
     // A gain written into the copy's gain fields (vx::losslessHere).
     virtual VXResult<LosslessResult> lossless(const LosslessRequest &request, const VXCancel *cancel) const = 0;
+    // Sound to listen to, as vx::playHere hands it over, on this thread
+    // until the end; a cancel stops it at once.
+    virtual VXResult<> play(const PlayRequest &request, const VXCancel &cancel, const PcmSink &sink) const = 0;
 };
 
 // The backend of this program: the in-process one until one is chosen.

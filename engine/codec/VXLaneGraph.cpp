@@ -16,19 +16,6 @@ namespace vx {
 
 namespace {
 
-// Filter arguments written into a graph description: the graph's parser
-// takes one level of quoting off before the filter reads its options, so
-// what each filter is given stays what it was.
-QByteArray graphEscaped(const QByteArray &args)
-{
-    char *escaped = nullptr;
-    if (av_escape(&escaped, args.constData(), "[],;", AV_ESCAPE_MODE_BACKSLASH, 0) < 0)
-        return args;
-    const QByteArray text(escaped);
-    av_free(escaped);
-    return text;
-}
-
 // From the decoder's output to the graph's source; the source's format is
 // kept on the lane, to spot frames that differ from it later.
 VXResult<> createSource(Lane &lane, const AVStream *ist, AVFilterGraph *graph)
@@ -81,8 +68,23 @@ QByteArray tailDescription(const AVCodecContext *encoder, bool filtered)
         + ",aformat=" + graphEscaped(formatArgs);
 }
 
+} // namespace
+
+// Filter arguments written into a graph description: the graph's parser
+// takes one level of quoting off before the filter reads its options, so
+// what each filter is given stays what it was.
+QByteArray graphEscaped(const QByteArray &args)
+{
+    char *escaped = nullptr;
+    if (av_escape(&escaped, args.constData(), "[],;", AV_ESCAPE_MODE_BACKSLASH, 0) < 0)
+        return args;
+    const QByteArray text(escaped);
+    av_free(escaped);
+    return text;
+}
+
 // The description's chain between the graph's last filter so far and the sink.
-int linkTail(AVFilterGraph *graph, const QByteArray &description, AVFilterContext *last, AVFilterContext *sink)
+int linkGraphTail(AVFilterGraph *graph, const QByteArray &description, AVFilterContext *last, AVFilterContext *sink)
 {
     AVFilterInOut *from = avfilter_inout_alloc();  // what the chain reads: last's output
     AVFilterInOut *to = avfilter_inout_alloc();    // what it feeds: the sink's input
@@ -98,8 +100,6 @@ int linkTail(AVFilterGraph *graph, const QByteArray &description, AVFilterContex
     avfilter_inout_free(&to);
     return err;
 }
-
-} // namespace
 
 VXResult<> Pipeline::buildGraph(Lane &lane, const std::vector<std::shared_ptr<VXFilter>> &filters)
 {
@@ -133,7 +133,7 @@ VXResult<> Pipeline::buildGraph(Lane &lane, const std::vector<std::shared_ptr<VX
     int err = avfilter_graph_create_filter(&lane.sink, avfilter_get_by_name("abuffersink"), "out", nullptr, nullptr,
                                            graph);
     if (err >= 0)
-        err = linkTail(graph, tailDescription(encoder, !filters.empty()), last, lane.sink);
+        err = linkGraphTail(graph, tailDescription(encoder, !filters.empty()), last, lane.sink);
     if (err >= 0)
         err = avfilter_graph_config(graph, nullptr);
     if (err < 0)

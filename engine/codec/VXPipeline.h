@@ -72,4 +72,11 @@ private:
     VXResult<> mapStreams();
 };
 
+// Filter arguments as a graph description must spell them: the parser takes
+// one level of quoting off before the filter reads its options.
+QByteArray graphEscaped(const QByteArray &args);
+// Links the chain a graph description spells ("aresample=...,aformat=...")
+// from last's output to sink's input; libav's error code.
+int linkGraphTail(AVFilterGraph *graph, const QByteArray &description, AVFilterContext *last, AVFilterContext *sink);
+
 } // namespace vx

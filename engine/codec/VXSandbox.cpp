@@ -141,7 +141,7 @@ SandboxGrant grantFor(const QStringList &command)
     if (verb == QLatin1String("transcode") || verb == QLatin1String("lossless")) {
         grant.readable << command.value(1);
         grant.writable << command.value(2);
-    } else if (verb == QLatin1String("measure") || verb == QLatin1String("probe")) {
+    } else if (verb == QLatin1String("measure") || verb == QLatin1String("probe") || verb == QLatin1String("play")) {
         grant.readable << command.value(1);
     } else if (verb == QLatin1String("measure-album")) {
         grant.readable << measureAlbumTracks(command.mid(1));

@@ -27,7 +27,7 @@ bool enterSandbox(const SandboxGrant &grant, QString *note = nullptr);
 void prepareSandbox();
 
 // The grant of a worker command ("transcode IN OUT ...", "lossless IN OUT ...", "measure FILE ...",
-// "probe FILE", "measure-album [--flags N] FILE..."): its input to read, its
+// "probe FILE", "play FILE ...", "measure-album [--flags N] FILE..."): its input to read, its
 // output to write. Commands that take files as they come get read access
 // everywhere and write access nowhere.
 SandboxGrant grantFor(const QStringList &command);

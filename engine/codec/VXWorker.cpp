@@ -125,6 +125,8 @@ private:
             m_handlers.printOut(int(m.value(QLatin1String("filter")).toInteger(-1)), m.value(QLatin1String("bytes")).toByteArray());
         else if (name == QLatin1String("value"))
             return takeValue(m);
+        else if (name == QLatin1String("pcm"))
+            return takePcm(m);
         else if (name == QLatin1String("end"))
             m_end = int(m.value(QLatin1String("result")).toInteger(1));
         return true;
@@ -139,6 +141,22 @@ private:
         }
         if (m_handlers.value)
             m_handlers.value(m.value(QLatin1String("name")).toString(), bytes);
+        return true;
+    }
+
+    bool takePcm(const QCborMap &m)
+    {
+        const qint64 rate = m.value(QLatin1String("rate")).toInteger();
+        const qint64 channels = m.value(QLatin1String("channels")).toInteger();
+        const QByteArray samples = m.value(QLatin1String("bytes")).toByteArray();
+        if (rate <= 0 || rate > 768000 || channels <= 0 || channels > 16
+            || samples.size() % (channels * qsizetype(sizeof(float))) != 0) {
+            m_broken = VXError::because(QStringLiteral("sound of %1 channels at %2 Hz in %3 bytes is no sound of ours")
+                                            .arg(channels).arg(rate).arg(samples.size()));
+            return false;
+        }
+        if (m_handlers.pcm)
+            m_handlers.pcm(int(rate), int(channels), samples);
         return true;
     }
 

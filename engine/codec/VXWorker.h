@@ -47,6 +47,9 @@ struct WorkerHandlers {
     std::function<void(int percent)> progress;
     std::function<void(int filter, const QByteArray &printOut)> printOut;
     std::function<void(const QString &name, const QByteArray &bytes)> value;
+    // Sound to listen to: whole frames of channels interleaved floats. It
+    // may block: the child then waits for the pipe.
+    std::function<void(int rate, int channels, const QByteArray &samples)> pcm;
 };
 
 // One run of the worker: arguments in, reports out, as the child sends them.

@@ -73,20 +73,9 @@ QStringList transcodeArguments(const TranscodeRequest &request)
         args << QStringLiteral("--measure-streams") << QStringLiteral("1");
     if (request.measureInput)
         args << QStringLiteral("--measure-input") << QStringLiteral("1");
-    auto addFilters = [&args](const std::vector<std::shared_ptr<VXFilter>> &filters) {
-        for (const auto &filter : filters) {
-            args << QStringLiteral("--filter") << filter->name();
-            const QMap<QString, QVariant> attributes = filter->attributes();
-            for (auto it = attributes.begin(); it != attributes.end(); ++it)
-                args << QStringLiteral("--attr") << it.key() + QLatin1Char('=')
-                        + QString::fromUtf8(VXFilterAccess::optionText(it.value()));
-        }
-    };
-    addFilters(request.filters);
-    for (const auto &[index, filters] : request.streamFilters) {
-        args << QStringLiteral("--stream") << QString::number(index);
-        addFilters(filters);
-    }
+    args << filterArguments(request.filters);
+    for (const auto &[index, filters] : request.streamFilters)
+        args << QStringLiteral("--stream") << QString::number(index) << filterArguments(filters);
     return args;
 }
 
@@ -116,6 +105,7 @@ public:
     VXResult<VXAlbumLoudness> measureAlbum(const QStringList &paths, int flags, const VXCancel *cancel) const override;
     VXResult<ProbeResult> probe(const QString &path) const override;
     VXResult<LosslessResult> lossless(const LosslessRequest &request, const VXCancel *cancel) const override;
+    VXResult<> play(const PlayRequest &request, const VXCancel &cancel, const PcmSink &sink) const override;
 };
 
 VXResult<TranscodeResult> WorkerBackend::transcode(const TranscodeRequest &request, std::unique_ptr<Pipeline> &,
@@ -152,7 +142,7 @@ VXResult<Measurement> WorkerBackend::measure(const QString &path, int flags, con
 {
     // Decoding the result can crash like any decoding: in the child too.
     WorkerRun run({QStringLiteral("measure"), path, QString::number(flags)}, 600.0);
-    const VXResult<WorkerReport> ran = runCancellable(run, cancel, {progress, nullptr, nullptr});
+    const VXResult<WorkerReport> ran = runCancellable(run, cancel, {progress, nullptr, nullptr, nullptr});
     if (!ran)
         return VXIsCancelled(ran.error()) ? VXCancelledError() : VXError::because(ran.reason());
     if (!ran->loudness.measured())
@@ -231,6 +221,31 @@ VXResult<LosslessResult> WorkerBackend::lossless(const LosslessRequest &request,
         return VXError::because(QStringLiteral("the worker sent no result"));
     result->output = ran->loudness;
     return *result;
+}
+
+VXResult<> WorkerBackend::play(const PlayRequest &request, const VXCancel &cancel, const PcmSink &sink) const
+{
+    // Paced by the listener, so its CPU time is a small part of its length:
+    // an hour is far beyond what any file needs.
+    WorkerRun run(playCommand(request), 3600.0);
+    bool refused = false;
+    WorkerHandlers handlers;
+    handlers.pcm = [&](int rate, int channels, const QByteArray &samples) {
+        if (refused)
+            return;
+        const auto frames = samples.size() / (channels * qsizetype(sizeof(float)));
+        // The frame's bytes are a fresh allocation, aligned for floats.
+        if (!sink(PcmFormat{rate, channels}, reinterpret_cast<const float *>(samples.constData()), frames)) {
+            refused = true;
+            run.cancel();
+        }
+    };
+    const VXResult<WorkerReport> ran = runCancellable(run, &cancel, handlers);
+    if (refused)
+        return {};
+    if (!ran)
+        return VXIsCancelled(ran.error()) || cancel.isCancelled() ? VXCancelledError() : ran.error();
+    return {};
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 #include "engine/codec/VXFrame.h"
 #include "engine/codec/VXLog.h"
 #include "engine/codec/VXPipeline.h"
+#include "engine/codec/VXPlayback.h"
 #include "engine/codec/VXSandbox.h"
 #include "engine/codec/VXTranscoding.h"
 #include "engine/codec/VXWorkerProtocol.h"
@@ -37,10 +38,11 @@ QString oneLine(const QString &text)
 // The child's side of the pipe: whole frames, one writer at a time.
 class Channel {
 public:
-    void send(const QCborMap &message)
+    // False once the program has stopped reading.
+    bool send(const QCborMap &message)
     {
         std::lock_guard<std::mutex> guard(m_lock);
-        writeFrame(STDOUT_FILENO, message);
+        return writeFrame(STDOUT_FILENO, message).ok();
     }
     void send(const char *name, QLatin1StringView key, const QCborValue &value)
     {
@@ -83,7 +85,6 @@ bool parseTranscode(const QStringList &args, TranscodeRequest *request)
     request->input = args[0];
     request->output = args[1];
     int stream = -1;
-    std::shared_ptr<VXFilter> last;
     for (qsizetype i = 2; i + 1 < args.size(); i += 2) {
         const QString &option = args[i];
         const QString &value = args[i + 1];
@@ -95,13 +96,11 @@ bool parseTranscode(const QStringList &args, TranscodeRequest *request)
             request->measureInput = true;
         } else if (option == QLatin1String("--stream")) {
             stream = value.toInt();
-        } else if (option == QLatin1String("--filter")) {
-            if (!(last = VXFilter::filterWithName(value)))
+        } else if (option == QLatin1String("--filter") || option == QLatin1String("--attr")) {
+            auto &filters = stream < 0 ? request->filters : request->streamFilters[stream];
+            // An attribute before any filter is ignored; a filter that does not exist is refused.
+            if (!readFilterOption(option, value, filters) && option == QLatin1String("--filter"))
                 return false;
-            (stream < 0 ? request->filters : request->streamFilters[stream]).push_back(last);
-        } else if (option == QLatin1String("--attr") && last) {
-            const qsizetype eq = value.indexOf(QLatin1Char('='));
-            last->setValue(value.mid(eq + 1), value.left(eq));
         }
     }
     return true;
@@ -178,6 +177,28 @@ int measureAlbum(Channel &channel, const QStringList &args)
     return 0;
 }
 
+// The sound from a position as it is made, block by block. Nothing but the
+// pipe paces it: once the program holds what it wants ahead, its reading
+// stops and the writes here wait.
+int play(Channel &channel, const QStringList &args)
+{
+    PlayRequest request;
+    if (!parsePlayCommand(args, &request))
+        return 2;
+    const VXCancel never;
+    const VXResult<> played = inProcessBackend().play(
+        request, never, [&channel](const PcmFormat &format, const float *samples, qsizetype frames) {
+            QCborMap m = message("pcm");
+            m.insert(QLatin1String("rate"), format.sampleRate);
+            m.insert(QLatin1String("channels"), format.channels);
+            m.insert(QLatin1String("bytes"), QByteArray(reinterpret_cast<const char *>(samples),
+                                                        frames * format.channels * qsizetype(sizeof(float))));
+            return channel.send(m);
+        });
+    played ? channel.end(VXTranscodingCompleted) : channel.fail(played.error());
+    return 0;
+}
+
 void sendValue(Channel &channel, const char *name, const QByteArray &bytes)
 {
     QCborMap m = message("value");
@@ -245,6 +266,8 @@ int dispatch(Channel &channel, QStringList args)
         return probe(channel, args);
     if (command == QLatin1String("lossless"))
         return lossless(channel, args);
+    if (command == QLatin1String("play"))
+        return play(channel, args);
     return 2;
 }
 

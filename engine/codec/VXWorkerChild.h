@@ -9,7 +9,7 @@
 namespace vx {
 
 // One forked child's work: a command ("transcode", "measure",
-// "measure-album", "probe") or a session of them ("serve"). Its exit code.
+// "measure-album", "probe", "play") or a session of them ("serve"). Its exit code.
 int runWorkerCommand(QStringList args);
 
 } // namespace vx

@@ -1,5 +1,8 @@
 #include "engine/codec/VXWorkerProtocol.h"
 
+#include "engine/codec/VXFilter.h"
+#include "engine/codec/VXFilterPrivate.h"
+
 #include <QCborValue>
 #include <QtEndian>
 #include <cerrno>
@@ -126,6 +129,35 @@ QStringList stringsFromCbor(const QCborValue &array)
     for (const QCborValue &v : array.toArray())
         list << v.toString();
     return list;
+}
+
+QStringList filterArguments(const std::vector<std::shared_ptr<VXFilter>> &filters)
+{
+    QStringList args;
+    for (const auto &filter : filters) {
+        args << QStringLiteral("--filter") << filter->name();
+        const QMap<QString, QVariant> attributes = filter->attributes();
+        for (auto it = attributes.begin(); it != attributes.end(); ++it)
+            args << QStringLiteral("--attr")
+                 << it.key() + QLatin1Char('=') + QString::fromUtf8(VXFilterAccess::optionText(it.value()));
+    }
+    return args;
+}
+
+bool readFilterOption(const QString &option, const QString &value, std::vector<std::shared_ptr<VXFilter>> &filters)
+{
+    if (option == QLatin1String("--filter")) {
+        std::shared_ptr<VXFilter> filter = VXFilter::filterWithName(value);
+        if (!filter)
+            return false;
+        filters.push_back(std::move(filter));
+        return true;
+    }
+    if (option != QLatin1String("--attr") || filters.empty())
+        return false;
+    const qsizetype eq = value.indexOf(QLatin1Char('='));
+    filters.back()->setValue(value.mid(eq + 1), value.left(eq));
+    return true;
 }
 
 QStringList measureAlbumCommand(const QStringList &tracks, int flags)

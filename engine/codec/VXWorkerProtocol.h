@@ -13,6 +13,7 @@
 //   album    {tracks, album}        an album's figures: [{loudness, reason}], loudness
 //   value    {name, bytes}          a probe's named result (length, picture), or
 //                                   "lossless": what a lossless change did, a CBOR map
+//   pcm      {rate, channels, bytes}  sound to listen to: interleaved native floats
 //   error    {text, domain, code, drm}  why the work failed
 //   sandbox  {text}                 what the kernel could not cage
 //   end      {result}               0 completed, 1 failed, 2 cancelled; nothing follows
@@ -35,7 +36,11 @@
 #include <QCborMap>
 #include <QStringList>
 #include <QtGlobal>
+#include <memory>
 #include <sys/types.h>
+#include <vector>
+
+class VXFilter;
 
 namespace vx {
 
@@ -66,6 +71,13 @@ VXAlbumLoudness albumFromCbor(const QCborMap &message);
 QCborMap message(const char *name);
 QCborArray toCbor(const QStringList &list);
 QStringList stringsFromCbor(const QCborValue &array);
+
+// "--filter NAME [--attr KEY=VALUE]..." for each filter, in order.
+QStringList filterArguments(const std::vector<std::shared_ptr<VXFilter>> &filters);
+// One option of those read back: "--filter" appends a filter, "--attr" sets
+// one of the last one's attributes. False for any other option, or a filter
+// that does not exist.
+bool readFilterOption(const QString &option, const QString &value, std::vector<std::shared_ptr<VXFilter>> &filters);
 
 // The measure-album command, "measure-album [--flags N] TRACK...", N being
 // VXMeasureFlag bits: written with the flags, read with or without them.
