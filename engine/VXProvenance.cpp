@@ -1,7 +1,7 @@
 #include "engine/VXProvenance.h"
 
 #include "engine/VXAnalysis.h"
-
+#include "engine/VXLosslessTag.h"
 #include "engine/VXLoudnessScale.h"
 #include "engine/VXTagEditor.h"
 #include "engine/VXVersion.h"
@@ -142,6 +142,10 @@ VXResult<> VXWriteProvenance(const QString &path, const VXProvenance &provenance
         return tag.error();
     }
     tag->set(QString::fromLatin1(kVXProvenanceKey), provenance.format());
+    // Audio coded anew no longer has the gain fields a lossless change
+    // recorded: undoing that record would now move the level wrongly.
+    if (!provenance.kind.startsWith(QLatin1String("lossless")) && provenance.kind != QLatin1String("tags"))
+        tag->remove(QString::fromLatin1(kVXLosslessTag));
     return tag->save();
 }
 

@@ -242,6 +242,20 @@ void VXTagEditor::set(const QString &key, const QString &value)
     }, d->tag);
 }
 
+void VXTagEditor::remove(const QString &key)
+{
+    const TagLib::String k = text(key);
+    std::visit(Overloaded{
+        [&](TagLib::ID3v2::Tag *tag) {
+            while (auto *old = TagLib::ID3v2::UserTextIdentificationFrame::find(tag, k))
+                tag->removeFrame(old);
+        },
+        [&](TagLib::Ogg::XiphComment *tag) { tag->removeFields(k); },
+        [&](TagLib::MP4::Tag *tag) { tag->removeItem(mp4Key(key)); },
+        [&](TagLib::ASF::Tag *tag) { tag->removeItem(k); },
+    }, d->tag);
+}
+
 VXResult<> VXTagEditor::save()
 {
     if (!d->save())

@@ -31,6 +31,8 @@ public:
     QString value(const QString &key) const;
     // Every earlier value of key is replaced.
     void set(const QString &key, const QString &value);
+    // Every value of key goes; nothing happens when it has none.
+    void remove(const QString &key);
     VXResult<> save();
 
     struct Impl;  // the open file and its tag, in the source

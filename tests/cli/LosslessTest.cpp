@@ -139,4 +139,14 @@ TEST_F(CliLossless, UndoGivesBackTheSamePackets)
     const CliRunResult again = runCli({"--undo-lossless", "--json", mp3});
     ASSERT_EQ(again.exitCode, 0);
     EXPECT_EQ(again.json()[0].toObject()["result"].toString(), "skipped");
+    // Coded anew, a file keeps no record of gain fields it no longer has:
+    // undoing it would move the new level.
+    ASSERT_EQ(runCli({"--lossless", "--lufs", "-26", "--replace", mp3}).exitCode, 0);
+    ASSERT_TRUE(tags(mp3).contains("EVENLOUD_LOSSLESS"));
+    const QString out = tmp.path() + "/out";
+    const CliRunResult reencoded = runCli({"--lufs", "-20", "--output-folder", out, "--json", mp3});
+    ASSERT_EQ(reencoded.exitCode, 0) << reencoded.err.toStdString();
+    const QString written = reencoded.json()[0].toObject()["output"].toString();
+    EXPECT_FALSE(tags(written).contains("EVENLOUD_LOSSLESS"));
+    EXPECT_TRUE(tags(written).contains("EVENLOUD"));
 }
