@@ -90,7 +90,7 @@ TEST(Item, CoverArtIsKeptAtTheRowsSizeAndShared)
     ASSERT_TRUE(fixtures::run(QStringLiteral("ffmpeg"), {"-v", "error", "-f", "lavfi", "-i",
                                                          "testsrc=size=800x400:rate=1", "-frames:v", "1", cover}));
     QStringList tracks;
-    for (const QString name : {QStringLiteral("a.mp3"), QStringLiteral("b.mp3")}) {
+    for (const char *name : {"a.mp3", "b.mp3"}) {
         tracks << QDir(dir.path()).filePath(name);
         ASSERT_TRUE(fixtures::run(QStringLiteral("ffmpeg"),
                                   {"-v", "error", "-i", wav, "-i", cover, "-map", "0:a", "-map", "1:v", "-c:a",
