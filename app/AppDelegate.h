@@ -23,6 +23,7 @@ class RQAudioGainRows;
 class RQImportController;
 class RQSettingsController;
 class RQTableCellView;
+class RQWatchController;
 
 class QLabel;
 class QLineEdit;
@@ -84,6 +85,7 @@ public:
     RQImportController *importController() const { return m_import; }
     RQBatchController *batchController() const { return m_batch; }
     RQOutputFolderController *outputFolderController() const { return m_output; }
+    RQWatchController *watchController() const { return m_watch; }
 
     // The list.
     VXAudioGainList *audioGains() const { return m_audioGains; }
@@ -146,6 +148,9 @@ public:
     QLineEdit *txtFolder() const;
     QProgressBar *importPI() const;
     QAction *removeSelectedAction() const;
+    // File > Watch Folder..., and the watch's status in the bottom bar.
+    QAction *watchFolderAction() const { return m_watchAction; }
+    QLabel *watchStatusLabel() const { return m_watchStatus; }
     // The open or folder dialog while it is shown.
     QDialog *currentDialog() const { return m_dialog; }
 
@@ -168,6 +173,8 @@ public slots:
     // are not running.
     void analyzeSelected();
     void selectOutFolder();
+    // Chooses a folder to watch, or stops the watch under way.
+    void watchFolder();
     void avtiveOutputPath();
     void chkReplaceOriginalFileChanged();
     void popupTargetLoudnessAdjustMenu(int row, const QRect &anchor);
@@ -200,6 +207,7 @@ private:
     void connectOutputFolder();
     void connectMenus();
     void connectSettingsEditors();
+    void connectWatch();
     void tableViewSelectionDidChange();
     void updateDerivedFlags();
     void alert(const QString &message, const QString &informative);
@@ -219,6 +227,9 @@ private:
     RQOutputFolderController *m_output = nullptr;
     RQImportController *m_import = nullptr;
     RQBatchController *m_batch = nullptr;
+    RQWatchController *m_watch = nullptr;
+    QAction *m_watchAction = nullptr;
+    QLabel *m_watchStatus = nullptr;
 
     bool m_allowGain = false;
     bool m_canRemove = false;

@@ -18,6 +18,7 @@ void AppDelegate::connectWindow()
     connectOutputFolder();
     connectMenus();
     connectSettingsEditors();
+    connectWatch();
     m_window->installEventFilter(this);
 }
 
