@@ -7,6 +7,7 @@
 #include "app/RQPalette.h"
 #include "app/RQResumeOffer.h"
 #include "app/RQSettingsController.h"
+#include "app/RQWatchController.h"
 #include "engine/VXMainThread.h"
 #include "views/RQPopupMenuWndCtrl.h"
 #include "views/RQTableCellView.h"
@@ -33,7 +34,8 @@ AppDelegate::AppDelegate(QObject *parent)
     : QObject(parent), m_ui(std::make_unique<Ui::MainWindow>()), m_audioGains(new RQAudioGainRows(this)),
       m_settings(new RQSettingsController(this)), m_output(new RQOutputFolderController(this)),
       m_import(new RQImportController(m_audioGains, m_output, m_settings, this)),
-      m_batch(new RQBatchController(this))
+      m_batch(new RQBatchController(this)),
+      m_watch(new RQWatchController(m_audioGains, m_batch, m_output, m_settings, this))
 {
     m_window = new QMainWindow;
     m_window->setAttribute(Qt::WA_DeleteOnClose, false);
@@ -125,6 +127,7 @@ bool AppDelegate::applicationWillTerminate()
     if (m_terminated)
         return true;
     m_terminated = true;
+    m_watch->stop();  // the watch ends with the window
     cancelImport();
     m_audition->stop();
     // Hops are refused from here on, so neither a walk nor a job can wait

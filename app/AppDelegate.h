@@ -25,6 +25,7 @@ class RQAuditionController;
 class RQImportController;
 class RQSettingsController;
 class RQTableCellView;
+class RQWatchController;
 
 class QLabel;
 class QLineEdit;
@@ -87,6 +88,7 @@ public:
     RQBatchController *batchController() const { return m_batch; }
     RQOutputFolderController *outputFolderController() const { return m_output; }
     RQAuditionController *auditionController() const { return m_audition; }
+    RQWatchController *watchController() const { return m_watch; }
 
     // The list.
     VXAudioGainList *audioGains() const { return m_audioGains; }
@@ -149,6 +151,9 @@ public:
     QLineEdit *txtFolder() const;
     QProgressBar *importPI() const;
     QAction *removeSelectedAction() const;
+    // File > Watch Folder..., and the watch's status in the bottom bar.
+    QAction *watchFolderAction() const { return m_watchAction; }
+    QLabel *watchStatusLabel() const { return m_watchStatus; }
     // The open or folder dialog while it is shown.
     QDialog *currentDialog() const { return m_dialog; }
 
@@ -171,6 +176,8 @@ public slots:
     // are not running.
     void analyzeSelected();
     void selectOutFolder();
+    // Chooses a folder to watch, or stops the watch under way.
+    void watchFolder();
     void avtiveOutputPath();
     void chkReplaceOriginalFileChanged();
     void popupTargetLoudnessAdjustMenu(int row, const QRect &anchor);
@@ -207,6 +214,7 @@ private:
     // The row the picture shows and P plays: the current one when it is
     // selected, else the first selected.
     VXAudioGainPtr shownItem() const;
+    void connectWatch();
     void tableViewSelectionDidChange();
     void updateDerivedFlags();
     void alert(const QString &message, const QString &informative);
@@ -232,6 +240,9 @@ private:
     RQImportController *m_import = nullptr;
     RQBatchController *m_batch = nullptr;
     RQAuditionController *m_audition = nullptr;
+    RQWatchController *m_watch = nullptr;
+    QAction *m_watchAction = nullptr;
+    QLabel *m_watchStatus = nullptr;
 
     bool m_allowGain = false;
     bool m_canRemove = false;

@@ -21,6 +21,7 @@ void AppDelegate::connectWindow()
     connectMenus();
     connectSettingsEditors();
     connectAudition();
+    connectWatch();
     m_window->installEventFilter(this);
 }
 

@@ -47,7 +47,8 @@ CliBatch::CliBatch(CliRun &run, CliProgress &progress, QObject *parent)
 
 void CliBatch::start()
 {
-    if (!m_run.opt.analyze && qsizetype(m_order.size()) <= kSortedBatch)
+    // An open batch keeps the order of arrival.
+    if (!m_open && !m_run.opt.analyze && qsizetype(m_order.size()) <= kSortedBatch)
         prepareSorted();
     startNext();
     finishIfDone();
@@ -77,10 +78,30 @@ void CliBatch::cancel()
     finishIfDone();
 }
 
+void CliBatch::add(const QString &path)
+{
+    if (m_cancelling || m_finished)
+        return;
+    m_order.push_back(qsizetype(m_run.files.size()));
+    m_run.files.push_back(path);
+    startNext();
+}
+
+void CliBatch::close()
+{
+    m_open = false;
+    finishIfDone();
+}
+
 void CliBatch::startNext()
 {
     while (!m_cancelling && m_running < m_maxRunning && m_next < qsizetype(m_order.size()))
         launch(m_order[size_t(m_next++)]);
+    // A batch open for hours keeps no list of what it has started.
+    if (m_open && m_next == qsizetype(m_order.size())) {
+        m_order.clear();
+        m_next = 0;
+    }
 }
 
 void CliBatch::launch(qsizetype file)
@@ -178,7 +199,7 @@ bool CliBatch::makeItem(qsizetype file)
         r.reason = refusalReason(error);
         cliSay(QStringLiteral("Can not import audio file(%1): %2").arg(path, r.reason));
         m_slots.erase(file);
-        m_run.results.add(r, m_run.firstOrder + file);
+        record(r, file);
         return false;
     }
     VXAudioGain &item = *slot.item;
@@ -270,12 +291,14 @@ void CliBatch::end(qsizetype file, const CliFileResult &result, double audioSeco
     const bool jobless = it == m_slots.end() || !it->second.jobRan;
     if (m_run.journal && jobless && (r.outcome == CliOutcome::Analyzed || r.outcome == CliOutcome::Skipped))
         m_run.journal->done(r.input, VXFileId::of(r.input), QString(), outcomeName(r.outcome));
+    if (m_resultHook)
+        m_resultHook(r);
     const bool tags = m_run.opt.settings.tagsOnly && !m_run.opt.settings.lossless;
     const QString line = endLine(r) + (tags || m_run.opt.analyze ? QString() : QStringLiteral(" (%1 s)").arg(r.seconds, 0, 'f', 1));
     // A cancelled file has no line of its own: the summary counts it.
     if (r.outcome != CliOutcome::Cancelled || !(tags || m_run.opt.analyze))
         m_progress.fileEnded(int(file), line, audioSeconds);
-    m_run.results.add(r, m_run.firstOrder + file);
+    store(r, file);
     if (it != m_slots.end())
         m_slots.erase(it);
     --m_running;
@@ -365,15 +388,31 @@ void CliBatch::readTagsResult(const VXAudioGain &item, VXGainEnd end, CliFileRes
     r.measurement = item.measurement();
 }
 
+void CliBatch::record(CliFileResult &r, qsizetype file)
+{
+    if (m_resultHook)
+        m_resultHook(r);
+    store(r, file);
+}
+
+void CliBatch::store(const CliFileResult &r, qsizetype file)
+{
+    m_run.results.add(r, m_run.firstOrder + file);
+    // An open batch keeps no path of a file that has ended.
+    if (m_open)
+        m_run.files[size_t(file)] = QString();
+}
+
 void CliBatch::finishIfDone()
 {
-    if (m_finished || m_running > 0 || (!m_cancelling && m_next < qsizetype(m_order.size())))
+    if (m_finished || m_running > 0 || (!m_cancelling && (m_open || m_next < qsizetype(m_order.size()))))
         return;
     m_finished = true;
     // What never started, in the order it would have.
     for (qsizetype k = m_next; k < qsizetype(m_order.size()); ++k) {
         const qsizetype file = m_order[size_t(k)];
-        m_run.results.add(m_run.result(m_run.files[size_t(file)], CliOutcome::Cancelled), m_run.firstOrder + file);
+        CliFileResult r = m_run.result(m_run.files[size_t(file)], CliOutcome::Cancelled);
+        record(r, file);
     }
     m_slots.clear();
     emit finished();

@@ -4,6 +4,7 @@
 #include <QObject>
 
 #include <optional>
+#include <functional>
 #include <unordered_map>
 #include <vector>
 
@@ -30,6 +31,17 @@ public:
     // all has ended. Files never started count as cancelled.
     void cancel();
     bool isCancelled() const { return m_cancelling; }
+
+    // An open batch takes files while it runs (a watched folder's) and does
+    // not finish when it has none left, only once cancelled or closed.
+    void setOpen(bool open) { m_open = open; }
+    // A file to run after those given so far.
+    void add(const QString &path);
+    // No more files: finished() follows once those under way have ended.
+    void close();
+    // Called with each file's result just before it is reported; it may add
+    // to it (a warning).
+    void setResultHook(std::function<void(CliFileResult &)> hook) { m_resultHook = std::move(hook); }
 
     // Up to this many files, all are probed before the first starts, so the
     // longest can go first: a long file started last would leave the other
@@ -63,6 +75,9 @@ private:
     bool makeItem(qsizetype file);
     // audioSeconds: how much audio the file held, where no item says.
     void end(qsizetype file, const CliFileResult &r, double audioSeconds = 0);
+    // The result into the run's results, through the hook.
+    void record(CliFileResult &r, qsizetype file);
+    void store(const CliFileResult &r, qsizetype file);
     void finishIfDone();
     // An ended job's outcome, figures and output, into its result.
     static void readGainResult(const VXAudioGain &item, VXGainEnd end, CliFileResult &r);
@@ -78,4 +93,6 @@ private:
     int m_running = 0;
     bool m_cancelling = false;
     bool m_finished = false;
+    bool m_open = false;
+    std::function<void(CliFileResult &)> m_resultHook;
 };

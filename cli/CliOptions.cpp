@@ -56,7 +56,10 @@ QString helpText(const QList<QCommandLineOption> &options)
                            "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n"
                            "       %1 --lossless [--tags-only] [options as above] FILE|DIR...\n"
                            "       %1 --undo-lossless [--output-folder DIR] [--preserve-mtime] [--recursive]\n"
-                           "                    [--jobs N] [--json] FILE|DIR...\n")
+                           "                    [--jobs N] [--json] FILE|DIR...\n"
+                           "       %1 --watch DIR (--output-folder DIR | --replace) [--recursive]\n"
+                           "                    [--settle SECONDS] [--done-folder DIR] [--failed-folder DIR]\n"
+                           "                    [--jsonl] [--journal FILE] [the options above but --album]\n")
                 .arg(kProgram);
     text += QStringLiteral(
         "Bring audio and video files to one loudness: each file is measured, then\n"
@@ -97,6 +100,14 @@ QString helpText(const QList<QCommandLineOption> &options)
                     .arg(line, -20)
                     .arg(QString::fromLatin1(p.title.data(), qsizetype(p.title.size())));
     }
+    text += QStringLiteral(
+        "\nWith --watch the tool runs until it is stopped: the files in DIR are\n"
+        "processed, then each that arrives, once it is complete (closed by its\n"
+        "writer or moved in; on network mounts, still for --settle seconds).\n"
+        "Hidden files and temporary names (.part, ~) are never taken. What was\n"
+        "done is kept in a journal (by default under ~/.local/state/evenloud), so a\n"
+        "restarted watch does no file twice. SIGTERM or Ctrl-C lets running files\n"
+        "finish placing or cancels them cleanly.\n");
     text += QStringLiteral("\nExit status:\n"
                            "  0    all files succeeded\n"
                            "  1    some file failed, was refused or is missing, or none was found\n"
@@ -108,7 +119,8 @@ QString helpText(const QList<QCommandLineOption> &options)
                            "  %1 --lufs -14 --true-peak -1 --limit-peaks -o out/ album/\n"
                            "  %1 --analyze --preset podcast --plot plots/ episode.wav\n"
                            "  %1 --skip-within 0.5 --replace --recursive library/\n"
-                           "  %1 --lossless --replace --recursive mp3s/\n")
+                           "  %1 --lossless --replace --recursive mp3s/\n"
+                           "  %1 --watch incoming/ -o ready/ --preset podcast --done-folder done/\n")
                 .arg(kProgram);
     return text;
 }
@@ -232,6 +244,23 @@ struct Options {
                                                   "N), chosen by their paths below the folders given, so N "
                                                   "processes on any machines split one library"),
                                    QStringLiteral("K/N")};
+    const QCommandLineOption watch{QStringLiteral("watch"),
+                                   QStringLiteral("watch DIR as a hot folder: process the files in it, then each "
+                                                  "file that arrives, once complete, until stopped by a signal"),
+                                   QStringLiteral("DIR")};
+    const QCommandLineOption settle{QStringLiteral("settle"),
+                                    QStringLiteral("with --watch, on file systems that report no closed files "
+                                                   "(network mounts): take a file once its size and time have "
+                                                   "been still this long (default 5)"),
+                                    QStringLiteral("SECONDS")};
+    const QCommandLineOption doneFolder{QStringLiteral("done-folder"),
+                                        QStringLiteral("with --watch, move each original into DIR once its result "
+                                                       "is placed (created if missing)"),
+                                        QStringLiteral("DIR")};
+    const QCommandLineOption failedFolder{QStringLiteral("failed-folder"),
+                                          QStringLiteral("with --watch, move each file that fails into DIR, with "
+                                                         "the reason in a .txt file beside it (created if missing)"),
+                                          QStringLiteral("DIR")};
     const QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")},
                                   QStringLiteral("show this help and exit")};
     const QCommandLineOption version{{QStringLiteral("V"), QStringLiteral("version")},
@@ -241,7 +270,8 @@ struct Options {
     {
         return {target, lufs, preset, truePeak, limitPeaks, analyze, meter, dualMono, quick, album, tagsOnly,
                 lossless, undoLossless, skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, cache,
-                noCache, json, jsonl, filesFrom, nul, journal, shard, help, version};
+                noCache, json, jsonl, filesFrom, nul, journal, shard, watch, settle, doneFolder, failedFolder, help,
+                version};
     }
 };
 
@@ -388,7 +418,7 @@ Problem readPlaces(const QCommandLineParser &parser, const Options &x, CliOption
     o.nulSeparated = parser.isSet(x.nul);
     if (o.nulSeparated && o.filesFrom.isEmpty())
         return QStringLiteral("-0 describes the --files-from list: give --files-from too");
-    if (o.inputs.isEmpty() && o.filesFrom.isEmpty())
+    if (o.inputs.isEmpty() && o.filesFrom.isEmpty() && o.watchFolder.isEmpty())
         return QStringLiteral("no input files or folders");
     return std::nullopt;
 }
@@ -418,6 +448,50 @@ Problem readRun(const QCommandLineParser &parser, const Options &x, CliOptions &
     return std::nullopt;
 }
 
+QString absoluteFolder(const QString &path) { return QDir::cleanPath(QFileInfo(path).absoluteFilePath()); }
+
+// A hot folder, and where its files go once done or failed.
+Problem readWatch(const QCommandLineParser &parser, const Options &x, CliOptions &o)
+{
+    if (!parser.isSet(x.watch)) {
+        for (const QCommandLineOption *only : {&x.settle, &x.doneFolder, &x.failedFolder})
+            if (parser.isSet(*only))
+                return QStringLiteral("--%1 goes with --watch").arg(only->names().constFirst());
+        return std::nullopt;
+    }
+    if (parser.value(x.watch).isEmpty())
+        return QStringLiteral("--watch needs a folder");
+    o.watchFolder = absoluteFolder(parser.value(x.watch));
+    if (!parser.positionalArguments().isEmpty() || parser.isSet(x.filesFrom) || parser.isSet(x.shard))
+        return QStringLiteral("--watch takes its files from the folder: give no FILE, --files-from or --shard");
+    // An album is never known to be complete while its tracks arrive one by one.
+    if (parser.isSet(x.album))
+        return QStringLiteral("--album does not go with --watch: files arrive one at a time");
+    if (parser.isSet(x.settle)) {
+        const auto v = parseNumber(parser.value(x.settle));
+        if (!v || *v < 1.0 || *v > 3600.0)
+            return QStringLiteral("invalid --settle '%1': expected a number of seconds from 1 to 3600")
+                .arg(parser.value(x.settle));
+        o.settleMsecs = qint64(*v * 1000.0);
+    }
+    const std::pair<const QCommandLineOption *, QString *> folders[]
+        = {{&x.doneFolder, &o.doneFolder}, {&x.failedFolder, &o.failedFolder}};
+    for (const auto &[option, folder] : folders) {
+        if (!parser.isSet(*option))
+            continue;
+        if (parser.value(*option).isEmpty())
+            return QStringLiteral("--%1 needs a folder").arg(option->names().constFirst());
+        *folder = absoluteFolder(parser.value(*option));
+        if (*folder == o.watchFolder)
+            return QStringLiteral("--%1 cannot be the watched folder").arg(option->names().constFirst());
+    }
+    // Results written where the watch looks would be taken again as new files.
+    if (parser.isSet(x.outFolder) && absoluteFolder(parser.value(x.outFolder)) == o.watchFolder)
+        return QStringLiteral("--output-folder cannot be the watched folder: its results would be taken again; "
+                              "give --replace to write them in place");
+    return std::nullopt;
+}
+
 } // namespace
 
 CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
@@ -441,7 +515,7 @@ CliParse parseCommandLine(const QStringList &arguments, int defaultJobs)
     }
     CliOptions o;
     o.jobs = defaultJobs;
-    for (auto step : {readTarget, readLimits, readModes, readPlaces, readRun}) {
+    for (auto step : {readTarget, readLimits, readModes, readWatch, readPlaces, readRun}) {
         if (const Problem problem = step(parser, x, o)) {
             result.text = usageError(*problem);
             return result;

@@ -28,6 +28,12 @@ struct CliOptions {
     int shardK = 1;
     int shardN = 1;
     VXMeasureCache::Location cache;  // where measurements are kept (--cache, --no-cache)
+    // --watch: a hot folder whose files are taken as they arrive, until a
+    // signal ends the run.
+    QString watchFolder;    // absolute; empty when not watching
+    qint64 settleMsecs = 5000;  // where no close events come: how long a file must be still
+    QString doneFolder;     // absolute; where originals go once their result is placed
+    QString failedFolder;   // absolute; where failed inputs go, with the reason beside them
 };
 
 // The outcome of parsing: options to run with, or text to print and the

@@ -33,9 +33,24 @@ CliProgress::CliProgress(bool terminal, qint64 fileCount, QObject *parent)
         connect(&m_timer, &QTimer::timeout, this, [this] {
             if (m_dirty)
                 redraw();
+            // A watch may wait for hours: no redraws while nothing runs.
+            else if (m_running.isEmpty())
+                m_timer.stop();
         });
         m_timer.start();
     }
+}
+
+void CliProgress::changed()
+{
+    m_dirty = true;
+    if (m_terminal && !m_finished && !m_timer.isActive())
+        m_timer.start();
+}
+
+QString CliProgress::counter(qint64 number) const
+{
+    return m_fileCount < 0 ? QStringLiteral("[%1]").arg(number) : QStringLiteral("[%1/%2]").arg(number).arg(m_fileCount);
 }
 
 CliProgress::~CliProgress()
@@ -50,9 +65,9 @@ void CliProgress::fileStarted(int id, const QString &name, quint64 duration)
     r.number = ++m_started;
     m_running.insert(id, r);
     if (m_terminal)
-        m_dirty = true;
+        changed();
     else
-        message(QStringLiteral("[%1/%2] start  %3").arg(r.number).arg(m_fileCount).arg(name));
+        message(QStringLiteral("%1 start  %2").arg(counter(r.number), name));
 }
 
 void CliProgress::fileProgress(int id, int percent)
@@ -61,7 +76,7 @@ void CliProgress::fileProgress(int id, int percent)
     if (it == m_running.end() || it->percent == percent)
         return;
     it->percent = percent;
-    m_dirty = true;
+    changed();
 }
 
 void CliProgress::fileEnded(int id, const QString &line, double audioSeconds)
@@ -69,8 +84,8 @@ void CliProgress::fileEnded(int id, const QString &line, double audioSeconds)
     const Running r = m_running.take(id);
     ++m_ended;
     m_audioSeconds += audioSeconds;
-    m_dirty = true;
-    message(QStringLiteral("[%1/%2] %3").arg(r.number).arg(m_fileCount).arg(line));
+    changed();
+    message(QStringLiteral("%1 %2").arg(counter(r.number), line));
 }
 
 void CliProgress::message(const QString &line)
@@ -113,6 +128,16 @@ QByteArray CliProgress::frame() const
 {
     const int width = terminalWidth() - 1;
     const qint64 elapsed = m_clock.elapsed();
+    if (m_fileCount < 0) {
+        // Watching: no end to count down to.
+        QString line = QStringLiteral(" %1 done · %2 running · watching %3")
+                           .arg(m_ended)
+                           .arg(m_running.size())
+                           .arg(m_watched);
+        if (line.size() > width)
+            line.truncate(width);
+        return (line + QLatin1Char('\n')).toLocal8Bit();
+    }
     double done = double(m_ended);
     for (const Running &r : m_running)
         done += r.percent / 100.0;

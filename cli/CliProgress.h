@@ -13,12 +13,17 @@
 // one status line (files done and left, files a second, how many times real
 // time, the time left) redrawn in place at most ten times a second, with
 // finished files scrolling above it. Elsewhere (a pipe, a log file): one
-// plain line when a file starts and when it ends.
+// plain line when a file starts and when it ends. fileCount < 0: files
+// arrive while it runs (a watched folder), and the status says how many
+// were done.
 class CliProgress : public QObject {
     Q_OBJECT
 public:
     CliProgress(bool terminal, qint64 fileCount, QObject *parent = nullptr);
     ~CliProgress() override;
+
+    // The folder a watch's status names.
+    void setWatched(const QString &folder) { m_watched = folder; }
 
     void fileStarted(int id, const QString &name, quint64 duration);
     void fileProgress(int id, int percent);
@@ -35,11 +40,15 @@ private:
         qint64 number = 0;
     };
     void redraw();
+    // Something to redraw: the timer runs only while there is.
+    void changed();
+    QString counter(qint64 number) const;
     QByteArray frame() const;
     void writeLocked(const QByteArray &text);
 
     const bool m_terminal;
     const qint64 m_fileCount;
+    QString m_watched;
     QMap<int, Running> m_running;
     qint64 m_started = 0;
     qint64 m_ended = 0;

@@ -42,8 +42,6 @@ QString CliRun::drawPicture(const QString &input, const VXLoudness &inputCurve, 
 
 namespace {
 
-// What this run does, as its journal tells one run's records from
-// another's: the same files with other settings are done again.
 QString journalKey(const CliOptions &opt)
 {
     const VXJobSettings &s = opt.settings;
@@ -51,32 +49,28 @@ QString journalKey(const CliOptions &opt)
                  : s.tagsOnly && !s.lossless ? QStringLiteral("tags") : QStringLiteral("gain");
     if (s.lossless)
         mode += s.tagsOnly ? QStringLiteral("+lossless+tags") : QStringLiteral("+lossless");
-    return QStringLiteral("%1;target=%2;ceiling=%3;limit=%4;meter=%5;dual=%6;album=%7;skip=%8;dest=%9")
-        .arg(mode)
-        .arg(double(VXLoudnessScale::lufsForPosition(s.targetLoudness)), 0, 'f', 2)
-        .arg(double(s.truePeakCeiling), 0, 'f', 2)
-        .arg(int(s.limitPeaks))
-        .arg(s.measureWithLoudnorm ? QStringLiteral("loudnorm") : QStringLiteral("ebur128"))
-        .arg(int(s.dualMono))
-        .arg(int(s.treatAsAlbums))
-        .arg(std::isnan(s.skipWithin) ? QStringLiteral("-") : QString::number(s.skipWithin, 'f', 2))
-        .arg(opt.replace || opt.outputFolder.isEmpty() ? QStringLiteral("in-place") : opt.outputFolder);
+    return VXJournal::settingsKey(s, mode, opt.replace ? QString() : opt.outputFolder);
 }
 
 } // namespace
 
+bool cliOpenJournal(CliRun &run, const QString &path, int *status)
+{
+    VXResult<std::shared_ptr<VXJournal>> journal = VXJournal::open(path, journalKey(run.opt));
+    if (!journal) {
+        cliSay(QStringLiteral("evenloud-cli: --journal: %1").arg(journal.reason()));
+        *status = 2;
+        return false;
+    }
+    run.journal = *journal;
+    return true;
+}
+
 bool cliCollectFiles(CliRun &run, int *status)
 {
     const CliOptions &opt = run.opt;
-    if (!opt.journal.isEmpty()) {
-        VXResult<std::shared_ptr<VXJournal>> journal = VXJournal::open(opt.journal, journalKey(opt));
-        if (!journal) {
-            cliSay(QStringLiteral("evenloud-cli: --journal: %1").arg(journal.reason()));
-            *status = 2;
-            return false;
-        }
-        run.journal = *journal;
-    }
+    if (!opt.journal.isEmpty() && !cliOpenJournal(run, opt.journal, status))
+        return false;
     QStringList inputs = opt.inputs;
     if (!opt.filesFrom.isEmpty()) {
         QStringList listed;

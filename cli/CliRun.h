@@ -59,6 +59,9 @@ struct CliRun {
     QString drawPicture(const QString &input, const VXLoudness &inputCurve, const VXLoudness &output) const;
 };
 
+// The run's journal at path, for its settings; false once it has said why
+// it cannot be used (exit status in *status).
+bool cliOpenJournal(CliRun &run, const QString &path, int *status);
 // The journal, the inputs named and listed, and the files found in them.
 // False once it has said why the run cannot go on (exit status in *status).
 bool cliCollectFiles(CliRun &run, int *status);

@@ -1,6 +1,7 @@
 #include "cli/CliOptions.h"
 #include "cli/CliRun.h"
 #include "cli/CliSignals.h"
+#include "cli/CliWatch.h"
 #include "engine/VXAudioGain.h"
 #include "engine/VXImport.h"
 #include "engine/codec/VXTranscode.h"
@@ -58,7 +59,9 @@ std::unique_ptr<QCoreApplication> makeApplication(int &argc, char **argv)
 bool prepareFolders(const CliOptions &opt)
 {
     const std::pair<QString, QString> folders[] = {{opt.outputFolder, QStringLiteral("output folder")},
-                                                   {opt.plotFolder, QStringLiteral("picture folder")}};
+                                                   {opt.plotFolder, QStringLiteral("picture folder")},
+                                                   {opt.doneFolder, QStringLiteral("done folder")},
+                                                   {opt.failedFolder, QStringLiteral("failed folder")}};
     for (const auto &[folder, what] : folders) {
         QString why;
         if (!folder.isEmpty() && !prepareOutputFolder(folder, &why)) {
@@ -93,6 +96,8 @@ int main(int argc, char *argv[])
         return 1;
 
     CliRun run(app, signalWatcher, opt);
+    if (!opt.watchFolder.isEmpty())
+        return cliRunWatch(run);
     int status = 0;
     if (!cliCollectFiles(run, &status)) {
         VXAudioGain::cleanCache();

@@ -1,5 +1,8 @@
 #include "engine/VXJournal.h"
 
+#include "engine/VXJobSettings.h"
+#include "engine/VXLoudnessScale.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -7,6 +10,7 @@
 #include <QJsonObject>
 
 #include <cerrno>
+#include <cmath>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <system_error>
@@ -36,6 +40,20 @@ VXFileId idFrom(const QString &text)
 }
 
 } // namespace
+
+QString VXJournal::settingsKey(const VXJobSettings &s, const QString &mode, const QString &destination)
+{
+    return QStringLiteral("%1;target=%2;ceiling=%3;limit=%4;meter=%5;dual=%6;album=%7;skip=%8;dest=%9")
+        .arg(mode)
+        .arg(double(VXLoudnessScale::lufsForPosition(s.targetLoudness)), 0, 'f', 2)
+        .arg(double(s.truePeakCeiling), 0, 'f', 2)
+        .arg(int(s.limitPeaks))
+        .arg(s.measureWithLoudnorm ? QStringLiteral("loudnorm") : QStringLiteral("ebur128"))
+        .arg(int(s.dualMono))
+        .arg(int(s.treatAsAlbums))
+        .arg(std::isnan(s.skipWithin) ? QStringLiteral("-") : QString::number(s.skipWithin, 'f', 2))
+        .arg(destination.isEmpty() ? QStringLiteral("in-place") : destination);
+}
 
 VXResult<std::shared_ptr<VXJournal>> VXJournal::open(const QString &path, const QString &settingsKey)
 {

@@ -21,8 +21,16 @@
 #include <QString>
 #include <memory>
 
+struct VXJobSettings;
+
 class VXJournal {
 public:
+    // What a run does, as its journal tells one run's records from
+    // another's: the same files with other settings are done again. mode:
+    // "gain", "tags" or "analyze"; destination: the output folder, or empty
+    // when results replace their inputs.
+    static QString settingsKey(const VXJobSettings &settings, const QString &mode, const QString &destination);
+
     // Opens path for appending (creating it and its folder) and reads what
     // earlier runs recorded. settingsKey names what a run does (target,
     // ceiling, destination...): records of runs with another key do not

@@ -5,7 +5,7 @@ _evenloud_cli()
     cur=${COMP_WORDS[COMP_CWORD]}
     prev=${COMP_WORDS[COMP_CWORD-1]}
     case $prev in
-        -o|--output-folder)
+        -o|--output-folder|--watch|--done-folder|--failed-folder)
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -d -- "$cur")
             return ;;
@@ -23,14 +23,14 @@ _evenloud_cli()
         --meter)
             mapfile -t COMPREPLY < <(compgen -W 'ebur128 loudnorm' -- "$cur")
             return ;;
-        -t|--target|-l|--lufs|--true-peak|-j|--jobs|--skip-within|--shard)
+        -t|--target|-l|--lufs|--true-peak|-j|--jobs|--skip-within|--shard|--settle)
             return ;;  # a number: nothing to offer
     esac
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W '--target --lufs --preset --true-peak --limit-peaks --output-folder
             --replace --preserve-mtime --recursive --jobs --json --analyze --meter --dual-mono --quick --skip-within --plot
             --album --tags-only --lossless --undo-lossless --jsonl --files-from --null --journal --shard
-            --cache --no-cache --help --version' -- "$cur")
+            --cache --no-cache --watch --settle --done-folder --failed-folder --help --version' -- "$cur")
         return
     fi
     # Files with the extensions it takes, and folders to walk.

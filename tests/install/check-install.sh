@@ -58,6 +58,20 @@ fish_completion=$root/share/fish/vendor_completions.d/evenloud-cli.fish
 if command -v zsh >/dev/null; then zsh -n "$zsh_completion" || fail "zsh completion does not parse"; fi
 if command -v fish >/dev/null; then fish -n "$fish_completion" || fail "fish completion does not parse"; fi
 
+# The hot folder's user service: the installed program, and a unit systemd accepts.
+unit=$root/lib/systemd/user/evenloud-watch@.service
+if [ -f "$unit" ]; then
+    ! grep -q '@[A-Z_]*@' "$unit" || fail "evenloud-watch@.service has an unfilled @VARIABLE@"
+    grep -q "^ExecStart=.* /usr/bin/evenloud-cli\$" "$unit" || fail "evenloud-watch@.service does not run /usr/bin/evenloud-cli"
+    if command -v systemd-analyze >/dev/null; then
+        cp "$unit" "$dest/evenloud-watch@check.service"
+        systemd-analyze verify --man=no "$dest/evenloud-watch@check.service" || fail "systemd-analyze rejects evenloud-watch@.service"
+    fi
+else
+    fail "no systemd user unit evenloud-watch@.service"
+fi
+[ -f "$root/share/doc/evenloud/examples/evenloud-watch.conf.example" ] || fail "no example of a watch's configuration"
+
 # The installed programs start from the installed tree.
 "$root/bin/evenloud-cli" --version >/dev/null || fail "the installed evenloud-cli does not start"
 QT_QPA_PLATFORM=offscreen "$root/bin/evenloud" --version >/dev/null || fail "the installed evenloud does not start"
