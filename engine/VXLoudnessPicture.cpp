@@ -69,7 +69,7 @@ struct Canvas {
 
     // One point a pixel column, the loudest of the steps it covers: a long
     // file still draws in a few milliseconds and no peak disappears.
-    void curve(const std::vector<float> &values, const QColor &colour) const
+    void curve(const std::vector<float> &values, const QColor &colour, double width) const
     {
         if (values.empty())
             return;
@@ -87,7 +87,7 @@ struct Canvas {
             started ? path.lineTo(point) : path.moveTo(point);
             started = true;
         }
-        p.setPen(QPen(colour, 1.5));
+        p.setPen(QPen(colour, width));
         p.setBrush(Qt::NoBrush);
         p.drawPath(path);
     }
@@ -154,8 +154,8 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
                           QPointF(canvas.plot.right(), canvas.y(band.first))),
                    fill);
     }
-    canvas.curve(data.input.shortTerm, ink.input);
-    canvas.curve(data.output.shortTerm, ink.output);
+    canvas.curve(data.input.shortTerm, ink.input, data.curveWidth);
+    canvas.curve(data.output.shortTerm, ink.output, data.curveWidth);
     canvas.level(data.ceilingDbtp, ink.ceiling, Qt::DashLine,
                  QStringLiteral("ceiling %1 dBTP").arg(data.ceilingDbtp, 0, 'f', 1));
     canvas.level(data.targetLufs, ink.target, Qt::DashLine,
