@@ -18,6 +18,8 @@ struct CliOptions {
     bool json = false;
     bool analyze = false;   // measure and report only; nothing is written
     QString plotFolder;     // absolute; empty for no pictures
+    QString reportFile;     // absolute; empty for no compliance report
+    QString preset;         // the --preset named, which a report judges by
     QStringList inputs;     // files and folders, as given
 };
 

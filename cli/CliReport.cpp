@@ -161,6 +161,11 @@ QByteArray formatTable(const QList<CliFileResult> &results)
 
 QByteArray formatJson(const QList<CliFileResult> &results)
 {
+    return QJsonDocument(jsonRecords(results)).toJson(QJsonDocument::Indented);
+}
+
+QJsonArray jsonRecords(const QList<CliFileResult> &results)
+{
     auto rounded = [](double v) { return jsonNumber(std::isnan(v) ? v : std::round(v * 100.0) / 100.0); };
     QJsonArray array;
     for (const CliFileResult &r : results) {
@@ -183,6 +188,8 @@ QByteArray formatJson(const QList<CliFileResult> &results)
         o[QStringLiteral("output_lra")] = rounded(r.outputLra);
         o[QStringLiteral("max_short_term")] = rounded(r.maxShortTerm);
         o[QStringLiteral("max_momentary")] = rounded(r.maxMomentary);
+        o[QStringLiteral("output_max_short_term")] = rounded(r.outputMaxShortTerm);
+        o[QStringLiteral("output_max_momentary")] = rounded(r.outputMaxMomentary);
         o[QStringLiteral("normalization")] = r.normalization.isEmpty() ? QJsonValue() : QJsonValue(r.normalization);
         o[QStringLiteral("correction_passes")] = r.corrections;
         if (!r.otherStreams.isEmpty()) {
@@ -211,5 +218,5 @@ QByteArray formatJson(const QList<CliFileResult> &results)
         o[QStringLiteral("seconds")] = std::round(r.seconds * 1000.0) / 1000.0;
         array.append(o);
     }
-    return QJsonDocument(array).toJson(QJsonDocument::Indented);
+    return array;
 }

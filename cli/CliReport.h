@@ -3,6 +3,7 @@
 #include "engine/VXAudioGain.h"
 
 #include <QByteArray>
+#include <QJsonArray>
 #include <QList>
 #include <QString>
 #include <QVariantMap>
@@ -43,6 +44,8 @@ struct CliFileResult {
     QString warning;      // succeeded, with something to know (other hard links)
     double maxShortTerm = NAN;  // LUFS, measured with --analyze or --plot
     double maxMomentary = NAN;
+    double outputMaxShortTerm = NAN;  // of the result, measured with --plot or --report
+    double outputMaxMomentary = NAN;
     QList<VXGainResult::Stream> otherStreams;
     // --album: the album, its figures and the gain its tracks share.
     QString album;
@@ -65,3 +68,5 @@ double measuredValue(const CliFileResult &r, const char *key);
 // One formatter for people, one for programs; both list every result in order.
 QByteArray formatTable(const QList<CliFileResult> &results);
 QByteArray formatJson(const QList<CliFileResult> &results);
+// The objects formatJson prints, one per result: what a report is made of.
+QJsonArray jsonRecords(const QList<CliFileResult> &results);

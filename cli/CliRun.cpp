@@ -2,6 +2,7 @@
 
 #include "cli/CliAlbums.h"
 #include "cli/CliAnalyze.h"
+#include "cli/CliCompliance.h"
 #include "cli/CliProgress.h"
 #include "cli/CliSignals.h"
 #include "engine/VXAlbumBatch.h"
@@ -15,6 +16,7 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
 
 #include <set>
 #include <sys/stat.h>
@@ -196,7 +198,7 @@ void cliMeasureBeforeJobs(CliRun &run)
           });
     if (run.opt.analyze && run.opt.settings.treatAsAlbums)
         measureAlbumsForAnalysis(run);
-    if (run.opt.analyze || run.plot())
+    if (run.opt.analyze || run.curves())
         measureInputs(run);
     QObject::disconnect(interrupts);
 }
@@ -247,6 +249,7 @@ void cliDrawResults(CliRun &run)
     for (qsizetype i = 0; i < run.results.size(); ++i)
         if (outcomeSucceeded(run.results[i].outcome) && !run.inputCurves[size_t(i)].shortTerm.empty())
             done << int(i);
+    run.outputCurves.resize(size_t(run.results.size()));
     cliRunOnPool(int(done.size()), run.opt.jobs, [&](int k) {
         const int i = done[k];
         const CliFileResult &r = std::as_const(run.results)[i];
@@ -255,9 +258,16 @@ void cliDrawResults(CliRun &run)
             output = VXMeasureFile(r.output, VXMeasureCurve | (run.opt.settings.dualMono ? VXMeasureDualMono : 0),
                                    &run.measuring)
                          .valueOr({});
-        if (!run.measuring.isCancelled())
+        if (run.measuring.isCancelled())
+            return;
+        if (run.plot())
             run.drawPicture(i, output);
-    }, [](int) {}, run.measuring);
+        run.outputCurves[size_t(i)] = std::move(output);
+    }, [&run, &done](int k) {
+        CliFileResult &r = run.results[done[k]];
+        r.outputMaxShortTerm = run.outputCurves[size_t(done[k])].maxShortTerm;
+        r.outputMaxMomentary = run.outputCurves[size_t(done[k])].maxMomentary;
+    }, run.measuring);
 }
 
 int cliReport(CliRun &run)
@@ -269,13 +279,21 @@ int cliReport(CliRun &run)
     for (const CliFileResult &r : std::as_const(run.results))
         outcomeSucceeded(r.outcome) ? ++ok : ++failed;
     cliSay(QStringLiteral("%1 file(s): %2 succeeded, %3 not").arg(run.results.size()).arg(ok).arg(failed));
-    cliWriteOut(stdout, run.opt.json ? formatJson(run.results) : formatTable(run.results));
+    const QJsonArray records = jsonRecords(run.results);
+    cliWriteOut(stdout, run.opt.json ? QJsonDocument(records).toJson() : formatTable(run.results));
+    bool reportFailed = false;
+    if (!run.opt.reportFile.isEmpty()) {
+        const VXResult<> report = cliWriteComplianceReport(run.opt, records, run.inputCurves, run.outputCurves);
+        reportFailed = !report.ok();
+        if (reportFailed)
+            cliSay(QStringLiteral("evenloud-cli: no report: %1").arg(report.reason()));
+    }
 
     run.jobs.clear();
     vx::stopWorkerProcess();
     VXAudioGain::cleanCache();
     if (run.cancelled || CliSignals::pending())
         return CliSignals::exitStatus();
-    return failed > 0 ? 1 : 0;
+    return failed > 0 || reportFailed ? 1 : 0;
 }
 

@@ -41,6 +41,8 @@ struct CliRun {
     // Pictures are drawn from the inputs as they are before any job runs
     // (with --replace nothing else is left of them afterwards).
     std::vector<VXLoudness> inputCurves;
+    // The results' curves, measured after the jobs for the pictures.
+    std::vector<VXLoudness> outputCurves;
     // Written on pool threads, each in its own slot.
     std::vector<QString> pictureWarnings;
     // Stops the measuring around the batch (album analysis, analysis,
@@ -57,6 +59,8 @@ struct CliRun {
         return r;
     }
     bool plot() const { return !opt.plotFolder.isEmpty(); }
+    // Pictures to draw, in files or in the report: the curves are measured.
+    bool curves() const { return plot() || !opt.reportFile.isEmpty(); }
     // On a pool thread: reads the results, writes only its own slot of
     // pictureWarnings.
     void drawPicture(int i, const VXLoudness &output);
@@ -71,7 +75,7 @@ void cliMeasureBeforeJobs(CliRun &run);
 // The items' jobs (gains or tags) on the batch runner, with progress on
 // standard error; album figures read back from the batch after.
 void cliRunJobs(CliRun &run);
-// After a run, each result's curve over its input's.
+// After a run, each result's curve measured, and drawn over its input's.
 void cliDrawResults(CliRun &run);
-// The summary line, the table or JSON; the exit status.
+// The summary line, the table or JSON, the compliance report; the exit status.
 int cliReport(CliRun &run);

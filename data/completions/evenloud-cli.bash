@@ -13,8 +13,12 @@ _evenloud_cli()
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -d -- "$cur")
             return ;;
+        --report)
+            compopt -o filenames 2>/dev/null
+            mapfile -t COMPREPLY < <(compgen -f -X '!*.@(html|pdf|csv)' -- "$cur"; compgen -d -- "$cur")
+            return ;;
         --preset)
-            mapfile -t COMPREPLY < <(compgen -W 'ebu atsc streaming podcast replaygain' -- "$cur")
+            mapfile -t COMPREPLY < <(compgen -W 'ebu ebu-s1 atsc streaming podcast replaygain' -- "$cur")
             return ;;
         --meter)
             mapfile -t COMPREPLY < <(compgen -W 'ebur128 loudnorm' -- "$cur")
@@ -24,7 +28,7 @@ _evenloud_cli()
     esac
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W '--target --lufs --preset --true-peak --limit-peaks --output-folder
-            --replace --preserve-mtime --recursive --jobs --json --analyze --meter --dual-mono --quick --skip-within --plot
+            --replace --preserve-mtime --recursive --jobs --json --analyze --meter --dual-mono --quick --skip-within --plot --report
             --album --tags-only --help --version' -- "$cur")
         return
     fi
