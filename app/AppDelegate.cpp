@@ -56,6 +56,8 @@ AppDelegate::~AppDelegate()
     // The window's teardown sends events; they must not reach a filter
     // that looks at half-destroyed widgets.
     m_ui->tableView->viewport()->removeEventFilter(this);
+    m_ui->centralWidget->removeEventFilter(this);
+    m_ui->loudnessView->removeEventFilter(this);
     m_window->removeEventFilter(this);
     // The row delegate filters the list's events too; it goes first.
     m_ui->tableView->setItemDelegate(nullptr);
@@ -84,8 +86,14 @@ void AppDelegate::applicationDidFinishLaunching()
 
     QListView *list = m_ui->tableView;
     list->setAcceptDrops(true);
-    list->viewport()->setAcceptDrops(true);
-    list->viewport()->installEventFilter(this);
+    // The whole window below the menu takes drops: the list, the picture
+    // and, through the central widget, the bottom bar. The folder field
+    // would take a dropped path as text, and it is read-only.
+    m_ui->txtFolder->setAcceptDrops(false);
+    for (QWidget *target : {list->viewport(), static_cast<QWidget *>(m_ui->loudnessView), m_ui->centralWidget}) {
+        target->setAcceptDrops(true);
+        target->installEventFilter(this);
+    }
 
     if (qApp)
         connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate,
@@ -201,32 +209,36 @@ bool AppDelegate::eventFilter(QObject *watched, QEvent *event)
         windowWillClose();
         return false;
     }
-    if (watched == m_ui->tableView->viewport()) {
-        switch (event->type()) {
-        case QEvent::DragEnter:
-        case QEvent::DragMove: {
-            auto *drag = static_cast<QDragMoveEvent *>(event);
-            if (dragOperationWithDragInfo(drag->mimeData()) == Qt::CopyAction) {
-                drag->setDropAction(Qt::CopyAction);
-                drag->accept();
-            } else {
-                drag->ignore();
-            }
-            return true;
-        }
-        case QEvent::Drop: {
-            auto *drop = static_cast<QDropEvent *>(event);
-            if (acceptDropWithDragInfo(drop->mimeData())) {
-                drop->setDropAction(Qt::CopyAction);
-                drop->accept();
-            } else {
-                drop->ignore();
-            }
-            return true;
-        }
-        default:
-            break;
-        }
-    }
+    if (watched == m_ui->tableView->viewport() || watched == m_ui->loudnessView || watched == m_ui->centralWidget)
+        return handleDrop(event) || QObject::eventFilter(watched, event);
     return QObject::eventFilter(watched, event);
+}
+
+bool AppDelegate::handleDrop(QEvent *event)
+{
+    switch (event->type()) {
+    case QEvent::DragEnter:
+    case QEvent::DragMove: {
+        auto *drag = static_cast<QDragMoveEvent *>(event);
+        if (dragOperationWithDragInfo(drag->mimeData()) == Qt::CopyAction) {
+            drag->setDropAction(Qt::CopyAction);
+            drag->accept();
+        } else {
+            drag->ignore();
+        }
+        return true;
+    }
+    case QEvent::Drop: {
+        auto *drop = static_cast<QDropEvent *>(event);
+        if (acceptDropWithDragInfo(drop->mimeData())) {
+            drop->setDropAction(Qt::CopyAction);
+            drop->accept();
+        } else {
+            drop->ignore();
+        }
+        return true;
+    }
+    default:
+        return false;
+    }
 }

@@ -200,6 +200,11 @@ private:
     void connectOutputFolder();
     void connectMenus();
     void connectSettingsEditors();
+    // Drops anywhere below the menu add files, as on the list.
+    bool handleDrop(QEvent *event);
+    // Shown as the user wants it, and only with rows to show.
+    void updateLoudnessPanel();
+    void describeFolderField();
     void tableViewSelectionDidChange();
     void updateDerivedFlags();
     void alert(const QString &message, const QString &informative);

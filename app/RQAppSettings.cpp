@@ -27,4 +27,14 @@ bool setUserSelectedOutFolder(const QString &folder)
     return settings.status() == QSettings::NoError;
 }
 
+bool showLoudnessPicture()
+{
+    return QSettings().value(QLatin1String(kRQShowLoudnessPicture), true).toBool();
+}
+
+void setShowLoudnessPicture(bool show)
+{
+    QSettings().setValue(QLatin1String(kRQShowLoudnessPicture), show);
+}
+
 } // namespace RQAppSettings

@@ -3,10 +3,12 @@
 #include <QString>
 
 // What the app remembers between runs besides the settings of the next Gain
-// (VXJobSettings stores those as a unit): the output folder.
+// (VXJobSettings stores those as a unit): the output folder, and whether the
+// loudness picture is wanted.
 namespace RQAppSettings {
 
 inline constexpr char kRQUserSelectedOutFolder[] = "kRQUserSelectedOutFolder";
+inline constexpr char kRQShowLoudnessPicture[] = "kRQShowLoudnessPicture";
 
 // The remembered folder's absolute path; a null string when none is stored
 // or the stored one is no longer an existing folder (the entry stays).
@@ -14,5 +16,9 @@ QString userSelectedOutFolder();
 // Stores the folder's absolute path at once; false (and nothing stored) when
 // the path is not an existing folder.
 bool setUserSelectedOutFolder(const QString &folder);
+
+// True until the user turns the picture off.
+bool showLoudnessPicture();
+void setShowLoudnessPicture(bool show);
 
 } // namespace RQAppSettings
