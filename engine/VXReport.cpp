@@ -143,7 +143,7 @@ QByteArray VXReportCsv(const QList<VXReportFile> &files)
 QByteArray VXReportHtml(const QList<VXReportFile> &files)
 {
     const std::vector<Entry> all = entries(files);
-    return html(all, pictures(all), Flavour::Browser);
+    return html(all, pictures(all, kPictureSize), Flavour::Browser);
 }
 
 VXResult<VXReportCounts> VXWriteReport(const QString &path, const QList<VXReportFile> &files)
@@ -153,11 +153,11 @@ VXResult<VXReportCounts> VXWriteReport(const QString &path, const QList<VXReport
         return VXError::because(QStringLiteral("%1: a report is .html, .pdf or .csv").arg(path));
     const std::vector<Entry> all = entries(files);
     if (format == VXReportFormat::Pdf) {
-        if (const VXResult<> written = writePdf(path, all, pictures(all)); !written)
+        if (const VXResult<> written = writePdf(path, all, pictures(all, kPagePictureSize)); !written)
             return written.error();
         return count(all);
     }
-    const QByteArray bytes = format == VXReportFormat::Html ? html(all, pictures(all), Flavour::Browser)
+    const QByteArray bytes = format == VXReportFormat::Html ? html(all, pictures(all, kPictureSize), Flavour::Browser)
                                                             : VXReportCsv(files);
     // Whole or not at all: a report cut short by a full disk is not left behind.
     QSaveFile file(path);

@@ -80,7 +80,7 @@ QImage indexed(const QImage &image, const QList<QRgb> &table)
     return out;
 }
 
-QByteArray png(const Entry &e)
+QByteArray png(const Entry &e, QSize size)
 {
     const VXReportFile &f = *e.file;
     if (f.inputCurve.empty() && f.outputCurve.empty())
@@ -97,7 +97,7 @@ QByteArray png(const Entry &e)
     data.ceilingDbtp = f.limits.maxTruePeak;
     data.curveWidth = 1.0;
     static const QList<QRgb> colours = palette(data.colors);
-    const QImage image = indexed(VXLoudnessPicture(data, kPictureSize), colours);
+    const QImage image = indexed(VXLoudnessPicture(data, size), colours);
     QByteArray bytes;
     QBuffer buffer(&bytes);
     buffer.open(QIODevice::WriteOnly);
@@ -237,8 +237,7 @@ QString section(const Entry &e, qsizetype index, const QByteArray &png, Flavour 
         const bool browser = flavour == Flavour::Browser;
         const QString src = browser ? QStringLiteral("data:image/png;base64,") + QString::fromLatin1(png.toBase64())
                                     : QStringLiteral("picture:%1").arg(index);
-        // A4 within its margins is about 680 of the document's pixels wide.
-        const QSize shown = browser ? kPictureSize : kPictureSize * 640 / kPictureSize.width();
+        const QSize shown = browser ? kPictureSize : kPagePictureSize;
         s += QStringLiteral("<p><img src=\"%1\" width=\"%2\" height=\"%3\" alt=\"Loudness of %4 over time\"/></p>\n")
                  .arg(src)
                  .arg(shown.width())
@@ -280,14 +279,14 @@ p.meta, p.place { color: #5a5a60; }
 
 } // namespace
 
-std::vector<QByteArray> pictures(const std::vector<Entry> &entries)
+std::vector<QByteArray> pictures(const std::vector<Entry> &entries, QSize size)
 {
     std::vector<QByteArray> out(entries.size());
     std::vector<size_t> indices(entries.size());
     std::iota(indices.begin(), indices.end(), size_t(0));
     // A pool of its own: the caller may itself be on the global pool.
     QThreadPool pool;
-    QtConcurrent::blockingMap(&pool, indices, [&](size_t i) { out[i] = png(entries[i]); });
+    QtConcurrent::blockingMap(&pool, indices, [&](size_t i) { out[i] = png(entries[i], size); });
     return out;
 }
 

@@ -36,9 +36,11 @@ VXReportCounts count(const std::vector<Entry> &entries);
 QString figure(double v, int decimals = 1);
 
 // The entries' pictures as PNG, drawn side by side; empty where a file has
-// no curve.
+// no curve. A page's are narrower: A4 within its margins is about 680 of
+// QTextDocument's pixels wide, and a picture drawn to size stays sharp.
 inline constexpr QSize kPictureSize{720, 240};
-std::vector<QByteArray> pictures(const std::vector<Entry> &entries);
+inline constexpr QSize kPagePictureSize{640, 213};
+std::vector<QByteArray> pictures(const std::vector<Entry> &entries, QSize size);
 
 // The HTML of the report; a document's flavour (for QTextDocument, then
 // PDF) names its pictures "picture:N", the browser's holds them inline.
