@@ -4,6 +4,7 @@
 #include "app/RQAudioGainRows.h"
 #include "app/RQImportController.h"
 #include "app/RQPalette.h"
+#include "app/RQReportExport.h"
 #include "app/RQSettingsController.h"
 #include "engine/VXMainThread.h"
 #include "views/RQPopupMenuWndCtrl.h"
@@ -30,7 +31,7 @@ AppDelegate::AppDelegate(QObject *parent)
     : QObject(parent), m_ui(std::make_unique<Ui::MainWindow>()), m_audioGains(new RQAudioGainRows(this)),
       m_settings(new RQSettingsController(this)), m_output(new RQOutputFolderController(this)),
       m_import(new RQImportController(m_audioGains, m_output, m_settings, this)),
-      m_batch(new RQBatchController(this))
+      m_batch(new RQBatchController(this)), m_report(new RQReportExport(rows(), m_settings, this))
 {
     m_window = new QMainWindow;
     m_window->setAttribute(Qt::WA_DeleteOnClose, false);

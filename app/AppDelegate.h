@@ -21,6 +21,7 @@
 class QCheckBox;
 class RQAudioGainRows;
 class RQImportController;
+class RQReportExport;
 class RQSettingsController;
 class RQTableCellView;
 
@@ -84,6 +85,7 @@ public:
     RQImportController *importController() const { return m_import; }
     RQBatchController *batchController() const { return m_batch; }
     RQOutputFolderController *outputFolderController() const { return m_output; }
+    RQReportExport *reportExport() const { return m_report; }
 
     // The list.
     VXAudioGainList *audioGains() const { return m_audioGains; }
@@ -116,6 +118,9 @@ public:
     // go to the rows' tooltips and the loudness picture.
     bool analyzing() const { return m_runningAnalyses > 0; }
     RQAudioGainRows *rows() const;
+    // The report's dialog's end: writes the rows' figures to path (a web
+    // page when its extension names no format).
+    void exportReportTo(const QString &path);
 
     // Batch gain.
     void gainAudios();
@@ -175,6 +180,7 @@ public slots:
     void targetLoudnessChanged();
     void quitApplication();
     void showAbout();
+    void exportReport();
 
 signals:
     void allowedImportChanged();
@@ -200,6 +206,7 @@ private:
     void connectOutputFolder();
     void connectMenus();
     void connectSettingsEditors();
+    void connectReport();
     // Drops anywhere below the menu add files, as on the list.
     bool handleDrop(QEvent *event);
     // Shown as the user wants it, and only with rows to show.
@@ -224,6 +231,7 @@ private:
     RQOutputFolderController *m_output = nullptr;
     RQImportController *m_import = nullptr;
     RQBatchController *m_batch = nullptr;
+    RQReportExport *m_report = nullptr;
 
     bool m_allowGain = false;
     bool m_canRemove = false;

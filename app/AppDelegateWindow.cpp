@@ -19,6 +19,7 @@ void AppDelegate::connectWindow()
     connectOutputFolder();
     connectMenus();
     connectSettingsEditors();
+    connectReport();
     m_window->installEventFilter(this);
 }
 
