@@ -48,6 +48,11 @@ RQReportExport::RQReportExport(RQAudioGainRows *rows, const RQSettingsController
         if (!m_available)
             updateAvailable(from.row(), to.row());
     });
+    // Rows may come with figures already (measured before being listed).
+    connect(m_rows, &QAbstractItemModel::rowsInserted, this, [this](const QModelIndex &, int first, int last) {
+        if (!m_available)
+            updateAvailable(first, last);
+    });
     auto recount = [this] {
         setAvailable(false);
         updateAvailable(0, m_rows->count() - 1);
