@@ -6,6 +6,7 @@
 #include "app/RQImportController.h"
 #include "app/RQPalette.h"
 #include "app/RQResumeOffer.h"
+#include "app/RQReportExport.h"
 #include "app/RQSettingsController.h"
 #include "app/RQWatchController.h"
 #include "engine/VXMainThread.h"
@@ -35,7 +36,8 @@ AppDelegate::AppDelegate(QObject *parent)
       m_settings(new RQSettingsController(this)), m_output(new RQOutputFolderController(this)),
       m_import(new RQImportController(m_audioGains, m_output, m_settings, this)),
       m_batch(new RQBatchController(this)),
-      m_watch(new RQWatchController(m_audioGains, m_batch, m_output, m_settings, this))
+      m_watch(new RQWatchController(m_audioGains, m_batch, m_output, m_settings, this)),
+      m_report(new RQReportExport(rows(), m_settings, this))
 {
     m_window = new QMainWindow;
     m_window->setAttribute(Qt::WA_DeleteOnClose, false);
@@ -61,6 +63,8 @@ AppDelegate::~AppDelegate()
     // The window's teardown sends events; they must not reach a filter
     // that looks at half-destroyed widgets.
     m_ui->tableView->viewport()->removeEventFilter(this);
+    m_ui->centralWidget->removeEventFilter(this);
+    m_ui->loudnessView->removeEventFilter(this);
     m_window->removeEventFilter(this);
     // The row delegate filters the list's events too; it goes first.
     m_ui->tableView->setItemDelegate(nullptr);
@@ -89,8 +93,14 @@ void AppDelegate::applicationDidFinishLaunching()
 
     QListView *list = m_ui->tableView;
     list->setAcceptDrops(true);
-    list->viewport()->setAcceptDrops(true);
-    list->viewport()->installEventFilter(this);
+    // The whole window below the menu takes drops: the list, the picture
+    // and, through the central widget, the bottom bar. The folder field
+    // would take a dropped path as text, and it is read-only.
+    m_ui->txtFolder->setAcceptDrops(false);
+    for (QWidget *target : {list->viewport(), static_cast<QWidget *>(m_ui->loudnessView), m_ui->centralWidget}) {
+        target->setAcceptDrops(true);
+        target->installEventFilter(this);
+    }
 
     if (qApp)
         connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate,
@@ -212,32 +222,36 @@ bool AppDelegate::eventFilter(QObject *watched, QEvent *event)
         windowWillClose();
         return false;
     }
-    if (watched == m_ui->tableView->viewport()) {
-        switch (event->type()) {
-        case QEvent::DragEnter:
-        case QEvent::DragMove: {
-            auto *drag = static_cast<QDragMoveEvent *>(event);
-            if (dragOperationWithDragInfo(drag->mimeData()) == Qt::CopyAction) {
-                drag->setDropAction(Qt::CopyAction);
-                drag->accept();
-            } else {
-                drag->ignore();
-            }
-            return true;
-        }
-        case QEvent::Drop: {
-            auto *drop = static_cast<QDropEvent *>(event);
-            if (acceptDropWithDragInfo(drop->mimeData())) {
-                drop->setDropAction(Qt::CopyAction);
-                drop->accept();
-            } else {
-                drop->ignore();
-            }
-            return true;
-        }
-        default:
-            break;
-        }
-    }
+    if (watched == m_ui->tableView->viewport() || watched == m_ui->loudnessView || watched == m_ui->centralWidget)
+        return handleDrop(event) || QObject::eventFilter(watched, event);
     return QObject::eventFilter(watched, event);
+}
+
+bool AppDelegate::handleDrop(QEvent *event)
+{
+    switch (event->type()) {
+    case QEvent::DragEnter:
+    case QEvent::DragMove: {
+        auto *drag = static_cast<QDragMoveEvent *>(event);
+        if (dragOperationWithDragInfo(drag->mimeData()) == Qt::CopyAction) {
+            drag->setDropAction(Qt::CopyAction);
+            drag->accept();
+        } else {
+            drag->ignore();
+        }
+        return true;
+    }
+    case QEvent::Drop: {
+        auto *drop = static_cast<QDropEvent *>(event);
+        if (acceptDropWithDragInfo(drop->mimeData())) {
+            drop->setDropAction(Qt::CopyAction);
+            drop->accept();
+        } else {
+            drop->ignore();
+        }
+        return true;
+    }
+    default:
+        return false;
+    }
 }

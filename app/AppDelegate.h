@@ -23,6 +23,7 @@ class QCheckBox;
 class RQAudioGainRows;
 class RQAuditionController;
 class RQImportController;
+class RQReportExport;
 class RQSettingsController;
 class RQTableCellView;
 class RQWatchController;
@@ -89,6 +90,7 @@ public:
     RQOutputFolderController *outputFolderController() const { return m_output; }
     RQAuditionController *auditionController() const { return m_audition; }
     RQWatchController *watchController() const { return m_watch; }
+    RQReportExport *reportExport() const { return m_report; }
 
     // The list.
     VXAudioGainList *audioGains() const { return m_audioGains; }
@@ -121,6 +123,9 @@ public:
     // go to the rows' tooltips and the loudness picture.
     bool analyzing() const { return m_runningAnalyses > 0; }
     RQAudioGainRows *rows() const;
+    // The report's dialog's end: writes the rows' figures to path (a web
+    // page when its extension names no format).
+    void exportReportTo(const QString &path);
 
     // Batch gain.
     void gainAudios();
@@ -185,6 +190,7 @@ public slots:
     void targetLoudnessChanged();
     void quitApplication();
     void showAbout();
+    void exportReport();
 
 signals:
     void allowedImportChanged();
@@ -215,6 +221,12 @@ private:
     // selected, else the first selected.
     VXAudioGainPtr shownItem() const;
     void connectWatch();
+    void connectReport();
+    // Drops anywhere below the menu add files, as on the list.
+    bool handleDrop(QEvent *event);
+    // Shown as the user wants it, and only with rows to show.
+    void updateLoudnessPanel();
+    void describeFolderField();
     void tableViewSelectionDidChange();
     void updateDerivedFlags();
     void alert(const QString &message, const QString &informative);
@@ -243,6 +255,7 @@ private:
     RQWatchController *m_watch = nullptr;
     QAction *m_watchAction = nullptr;
     QLabel *m_watchStatus = nullptr;
+    RQReportExport *m_report = nullptr;
 
     bool m_allowGain = false;
     bool m_canRemove = false;

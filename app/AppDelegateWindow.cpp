@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 
 #include "app/RQAudioGainRows.h"
+#include "app/RQAppSettings.h"
 #include "app/RQImportController.h"
 #include "app/RQSettingsController.h"
 #include "views/RQBatchProgressView.h"
@@ -22,6 +23,7 @@ void AppDelegate::connectWindow()
     connectSettingsEditors();
     connectAudition();
     connectWatch();
+    connectReport();
     m_window->installEventFilter(this);
 }
 
@@ -44,10 +46,17 @@ void AppDelegate::connectList()
 
     // The guide stands in for the empty list; drops must still reach the list.
     ui.guideView->setAttribute(Qt::WA_TransparentForMouseEvents);
-    connect(m_audioGains, &VXAudioGainList::countChanged, this,
-            [this] { m_ui->guideView->setListEmpty(m_audioGains->count() == 0); });
+    connect(m_audioGains, &VXAudioGainList::countChanged, this, [this] {
+        m_ui->guideView->setListEmpty(m_audioGains->count() == 0);
+        updateLoudnessPanel();
+    });
 
-    connect(ui.actionShowLoudness, &QAction::toggled, ui.loudnessView, &QWidget::setVisible);
+    // The picture has nothing to draw over an empty list; the menu keeps
+    // what the user chose, and only a choice of theirs is remembered.
+    ui.actionShowLoudness->setChecked(RQAppSettings::showLoudnessPicture());
+    connect(ui.actionShowLoudness, &QAction::triggered, this, &RQAppSettings::setShowLoudnessPicture);
+    connect(ui.actionShowLoudness, &QAction::toggled, this, [this] { updateLoudnessPanel(); });
+    updateLoudnessPanel();
     connect(list->selectionModel(), &QItemSelectionModel::currentChanged, this, [this] { updateLoudnessView(); });
     connect(m_audioGains, &QAbstractItemModel::dataChanged, this,
             [this](const QModelIndex &from, const QModelIndex &to, const QList<int> &roles) {
@@ -130,10 +139,24 @@ void AppDelegate::connectOutputFolder()
         m_ui->txtFolder->setText(outFolder());
         m_ui->txtFolder->setCursorPosition(0);
         m_ui->txtFolder->setToolTip(outFolder());
+        describeFolderField();
         emit outFolderChanged();
     });
     connect(m_output, &RQOutputFolderController::alertRequested, this, &AppDelegate::alert);
     ui.txtFolder->setPlaceholderText(tr("Please select a output folder"));
+    describeFolderField();
+}
+
+void AppDelegate::updateLoudnessPanel()
+{
+    m_ui->loudnessView->setVisible(m_ui->actionShowLoudness->isChecked() && m_audioGains->count() > 0);
+}
+
+// A placeholder is not read out: an empty field would say nothing.
+void AppDelegate::describeFolderField()
+{
+    m_ui->txtFolder->setAccessibleDescription(outFolder().isEmpty() ? tr("Please select a output folder")
+                                                                    : tr("Where the results are written"));
 }
 
 void AppDelegate::connectMenus()

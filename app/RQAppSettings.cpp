@@ -31,4 +31,14 @@ bool matchLoudness() { return QSettings().value(QLatin1String(kRQAuditionMatchLo
 
 void setMatchLoudness(bool on) { QSettings().setValue(QLatin1String(kRQAuditionMatchLoudness), on); }
 
+bool showLoudnessPicture()
+{
+    return QSettings().value(QLatin1String(kRQShowLoudnessPicture), true).toBool();
+}
+
+void setShowLoudnessPicture(bool show)
+{
+    QSettings().setValue(QLatin1String(kRQShowLoudnessPicture), show);
+}
+
 } // namespace RQAppSettings

@@ -3,12 +3,14 @@
 #include <QString>
 
 // What the app remembers between runs besides the settings of the next Gain
-// (VXJobSettings stores those as a unit): the output folder, and how an
-// audition compares the original with the result.
+// (VXJobSettings stores those as a unit): the output folder, how an
+// audition compares the original with the result, and whether the loudness
+// picture is wanted.
 namespace RQAppSettings {
 
 inline constexpr char kRQUserSelectedOutFolder[] = "kRQUserSelectedOutFolder";
 inline constexpr char kRQAuditionMatchLoudness[] = "kRQAuditionMatchLoudness";
+inline constexpr char kRQShowLoudnessPicture[] = "kRQShowLoudnessPicture";
 
 // The remembered folder's absolute path; a null string when none is stored
 // or the stored one is no longer an existing folder (the entry stays).
@@ -21,5 +23,8 @@ bool setUserSelectedOutFolder(const QString &folder);
 // user turns it off.
 bool matchLoudness();
 void setMatchLoudness(bool on);
+// True until the user turns the picture off.
+bool showLoudnessPicture();
+void setShowLoudnessPicture(bool show);
 
 } // namespace RQAppSettings

@@ -115,15 +115,15 @@ void CliBatch::launch(qsizetype file)
         return;
     }
     // What needs no item is done on the pool first: whether the file can be
-    // left as it is without a decode, and with --plot the input's curve
-    // (with --replace nothing else is left of the input afterwards).
+    // left as it is without a decode, and with --plot or --report the
+    // input's curve (with --replace nothing else is left of the input afterwards).
     const QString path = m_run.files[size_t(file)];
-    const bool plot = m_run.plot();
+    const bool curves = m_run.curves();
     const int flags = VXMeasureCurve | (m_run.opt.settings.dualMono ? VXMeasureDualMono : 0);
-    VXStartOnPool(VXAudioGain::jobPool(), [this, file, path, plot, flags] {
+    VXStartOnPool(VXAudioGain::jobPool(), [this, file, path, curves, flags] {
         std::optional<CliFileResult> done = precheck(path);
         VXLoudness curve;
-        if (!done && plot)
+        if (!done && curves)
             curve = VXMeasureFile(path, flags, &m_run.measuring).valueOr({});
         VXPostTo(this, [this, file, done = std::move(done), curve = std::move(curve)]() mutable {
             if (done) {
@@ -164,6 +164,7 @@ void CliBatch::analyze(qsizetype file)
         // The curve has a point every 100 ms: the audio's length, for the pace.
         const double seconds = double(a.loudness.shortTerm.size()) * kVXShortTermStep;
         VXPostTo(this, [this, file, a = std::move(a), pictureWarning, seconds] {
+            m_run.keepCurves(m_run.files[size_t(file)], a.loudness, {});
             CliFileResult r = m_run.result(m_run.files[size_t(file)], CliOutcome::Analyzed);
             r.warning = pictureWarning;
             if (!a.ok) {
@@ -253,7 +254,8 @@ void CliBatch::onReport(qsizetype file, qint32 state, qint64 retCode)
 void CliBatch::finishJob(qsizetype file, CliFileResult r)
 {
     Slot &slot = m_slots[file];
-    if (!m_run.plot() || !outcomeSucceeded(r.outcome) || slot.inputCurve.shortTerm.empty() || m_cancelling) {
+    if (!m_run.curves() || !outcomeSucceeded(r.outcome) || slot.inputCurve.shortTerm.empty() || m_cancelling) {
+        m_run.keepCurves(r.input, slot.inputCurve, {});
         end(file, r);
         return;
     }
@@ -261,12 +263,17 @@ void CliBatch::finishJob(qsizetype file, CliFileResult r)
     VXStartOnPool(VXAudioGain::jobPool(), [this, file, r, flags, input = slot.inputCurve]() mutable {
         const VXLoudness output
             = r.output.isEmpty() ? VXLoudness() : VXMeasureFile(r.output, flags, &m_run.measuring).valueOr({});
-        if (!m_run.measuring.isCancelled()) {
+        r.outputMaxShortTerm = output.maxShortTerm;
+        r.outputMaxMomentary = output.maxMomentary;
+        if (m_run.plot() && !m_run.measuring.isCancelled()) {
             const QString warning = m_run.drawPicture(r.input, input, output);
             if (!warning.isEmpty())
                 r.warning = warning;
         }
-        VXPostTo(this, [this, file, r] { end(file, r); });
+        VXPostTo(this, [this, file, r, input = std::move(input), output] {
+            m_run.keepCurves(r.input, input, output);
+            end(file, r);
+        });
     });
 }
 

@@ -2,6 +2,7 @@
 
 #include "engine/VXImport.h"
 #include "engine/VXLoudnessScale.h"
+#include "engine/VXReport.h"
 #include "engine/codec/VXCodecConstants.h"
 
 #include <QCommandLineParser>
@@ -47,11 +48,13 @@ QString helpText(const QList<QCommandLineOption> &options)
     text += QStringLiteral("Usage: %1 [--target POS | --lufs LUFS | --preset NAME] [--true-peak DBTP]\n"
                            "                    [--limit-peaks] [--meter ebur128|loudnorm] [--dual-mono]\n"
                            "                    [--album] [--skip-within LU] [--cache PATH | --no-cache]\n"
-                           "                    [--plot DIR] (--output-folder DIR | --replace [--preserve-mtime])\n"
+                           "                    [--plot DIR] [--report FILE]\n"
+                           "                    (--output-folder DIR | --replace [--preserve-mtime])\n"
                            "                    [--recursive] [--jobs N] [--json | --jsonl] [--journal FILE]\n"
                            "                    [--shard K/N] [--files-from FILE|- [-0]] FILE|DIR...\n"
                            "       %1 --analyze [--album] [--dual-mono] [--target POS | --lufs LUFS | --preset NAME]\n"
-                           "                    [--plot DIR] [--cache PATH | --no-cache] [--json] FILE|DIR...\n"
+                           "                    [--plot DIR] [--report FILE] [--cache PATH | --no-cache]\n"
+                           "                    [--json] FILE|DIR...\n"
                            "       %1 --tags-only [--album] [--dual-mono] [--output-folder DIR] [--preserve-mtime]\n"
                            "                    [--recursive] [--jobs N] [--json] FILE|DIR...\n"
                            "       %1 --lossless [--tags-only] [options as above] FILE|DIR...\n"
@@ -118,11 +121,21 @@ QString helpText(const QList<QCommandLineOption> &options)
                            "  %1 --replace --json podcast.mp3\n"
                            "  %1 --lufs -14 --true-peak -1 --limit-peaks -o out/ album/\n"
                            "  %1 --analyze --preset podcast --plot plots/ episode.wav\n"
+                           "  %1 --analyze --preset ebu --report delivery.html masters/\n"
                            "  %1 --skip-within 0.5 --replace --recursive library/\n"
                            "  %1 --lossless --replace --recursive mp3s/\n"
                            "  %1 --watch incoming/ -o ready/ --preset podcast --done-folder done/\n")
                 .arg(kProgram);
     return text;
+}
+
+// "ebu, atsc, ... or replaygain", from the table.
+QString presetNames()
+{
+    QStringList names;
+    for (const VXPreset &p : kVXPresets)
+        names << QString::fromLatin1(p.name.data(), qsizetype(p.name.size()));
+    return names.mid(0, names.size() - 1).join(QStringLiteral(", ")) + QStringLiteral(" or ") + names.last();
 }
 
 std::optional<double> parseNumber(const QString &text)
@@ -150,8 +163,9 @@ struct Options {
                                   QStringLiteral("target loudness in LUFS, -70 to -5"),
                                   QStringLiteral("LUFS")};
     const QCommandLineOption preset{QStringLiteral("preset"),
-                                    QStringLiteral("target (and ceiling) of a standard: ebu, atsc, streaming, "
-                                                   "podcast or replaygain (see below)"),
+                                    QStringLiteral("target (and ceiling) of a standard: %1 (see below); "
+                                                   "--report judges by its limits")
+                                        .arg(presetNames()),
                                     QStringLiteral("NAME")};
     const QCommandLineOption truePeak{QStringLiteral("true-peak"),
                                       QStringLiteral("true-peak ceiling in dBTP, -9 to 0 (default -2); a gain "
@@ -204,6 +218,13 @@ struct Options {
                                   QStringLiteral("write a picture of each file's loudness over time to "
                                                  "DIR/<file name>.png (created if missing)"),
                                   QStringLiteral("DIR")};
+    const QCommandLineOption report{QStringLiteral("report"),
+                                    QStringLiteral("write a compliance report to FILE (.html, .pdf or .csv): "
+                                                   "each file's figures, before and after, against the "
+                                                   "standard's limits, with its picture; judged by --preset, "
+                                                   "else by the preset whose level is the target, else by the "
+                                                   "target and --true-peak"),
+                                    QStringLiteral("FILE")};
     const QCommandLineOption outFolder{{QStringLiteral("o"), QStringLiteral("output-folder")},
                                        QStringLiteral("write results into DIR under free names "
                                                       "(created if missing)"),
@@ -269,9 +290,9 @@ struct Options {
     QList<QCommandLineOption> all() const
     {
         return {target, lufs, preset, truePeak, limitPeaks, analyze, meter, dualMono, quick, album, tagsOnly,
-                lossless, undoLossless, skipWithin, plot, outFolder, replace, preserveMtime, recursive, jobs, cache,
-                noCache, json, jsonl, filesFrom, nul, journal, shard, watch, settle, doneFolder, failedFolder, help,
-                version};
+                lossless, undoLossless, skipWithin, plot, report, outFolder, replace, preserveMtime, recursive, jobs,
+                cache, noCache, json, jsonl, filesFrom, nul, journal, shard, watch, settle, doneFolder, failedFolder,
+                help, version};
     }
 };
 
@@ -306,8 +327,8 @@ Problem readTarget(const QCommandLineParser &parser, const Options &x, CliOption
     } else if (parser.isSet(x.preset)) {
         const VXPreset *p = VXPresetNamed(parser.value(x.preset).trimmed().toLower().toStdString());
         if (!p)
-            return QStringLiteral("unknown --preset '%1': expected ebu, atsc, streaming, podcast "
-                                  "or replaygain").arg(parser.value(x.preset));
+            return QStringLiteral("unknown --preset '%1': expected %2").arg(parser.value(x.preset), presetNames());
+        o.preset = QString::fromLatin1(p->name.data(), qsizetype(p->name.size()));
         o.settings.targetLoudness = *VXLoudnessScale::positionForLufs(p->lufs);
         if (!std::isnan(p->truePeak))
             o.settings.truePeakCeiling = p->truePeak;  // an explicit --true-peak still wins, next
@@ -350,6 +371,12 @@ Problem readModes(const QCommandLineParser &parser, const Options &x, CliOptions
         if (parser.value(x.plot).isEmpty())
             return QStringLiteral("--plot needs a folder");
         o.plotFolder = QDir::cleanPath(QFileInfo(parser.value(x.plot)).absoluteFilePath());
+    }
+    if (parser.isSet(x.report)) {
+        if (VXReportFormatOf(parser.value(x.report)) == VXReportFormat::Unknown)
+            return QStringLiteral("invalid --report '%1': the file's name ends in .html, .pdf or .csv")
+                .arg(parser.value(x.report));
+        o.reportFile = QDir::cleanPath(QFileInfo(parser.value(x.report)).absoluteFilePath());
     }
     if (parser.isSet(x.meter)) {
         const QString name = parser.value(x.meter).toLower();
@@ -467,6 +494,9 @@ Problem readWatch(const QCommandLineParser &parser, const Options &x, CliOptions
     // An album is never known to be complete while its tracks arrive one by one.
     if (parser.isSet(x.album))
         return QStringLiteral("--album does not go with --watch: files arrive one at a time");
+    if (parser.isSet(x.report))
+        return QStringLiteral("--report does not go with --watch: a watch has no end to report at; "
+                              "use --jsonl");
     if (parser.isSet(x.settle)) {
         const auto v = parseNumber(parser.value(x.settle));
         if (!v || *v < 1.0 || *v > 3600.0)

@@ -20,6 +20,8 @@ struct CliOptions {
     bool jsonl = false;     // one JSON object a line, as each file ends
     bool analyze = false;   // measure and report only; nothing is written
     QString plotFolder;     // absolute; empty for no pictures
+    QString reportFile;     // absolute; empty for no compliance report
+    QString preset;         // the --preset named, which a report judges by
     QStringList inputs;     // files and folders, as given
     QString filesFrom;      // a list of further inputs, "-" for standard input
     bool nulSeparated = false;  // that list's entries end in NUL, not newline

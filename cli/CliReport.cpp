@@ -224,6 +224,8 @@ QJsonObject resultObject(const CliFileResult &r)
         o[QStringLiteral("output_lra")] = rounded(r.outputLra);
         o[QStringLiteral("max_short_term")] = rounded(r.maxShortTerm);
         o[QStringLiteral("max_momentary")] = rounded(r.maxMomentary);
+        o[QStringLiteral("output_max_short_term")] = rounded(r.outputMaxShortTerm);
+        o[QStringLiteral("output_max_momentary")] = rounded(r.outputMaxMomentary);
         o[QStringLiteral("normalization")] = r.normalization.isEmpty() ? QJsonValue() : QJsonValue(r.normalization);
         o[QStringLiteral("correction_passes")] = r.corrections;
         if (r.lossless.asked) {

@@ -46,6 +46,8 @@ struct CliFileResult {
     QString warning;      // succeeded, with something to know (other hard links)
     double maxShortTerm = NAN;  // LUFS, measured with --analyze or --plot
     double maxMomentary = NAN;
+    double outputMaxShortTerm = NAN;  // of the result, measured with --plot or --report
+    double outputMaxMomentary = NAN;
     QList<VXGainResult::Stream> otherStreams;
     // --album: the album, its figures and the gain its tracks share.
     QString album;

@@ -13,7 +13,7 @@ QDataStream &operator<<(QDataStream &s, const CliFileResult &r)
 {
     s << r.input << r.output << int(r.outcome) << r.reason << r.targetLufs << r.measurement << r.seconds << r.gainDb
       << r.outputI << r.outputTp << r.outputLra << r.normalization << r.corrections << r.warning << r.maxShortTerm
-      << r.maxMomentary << qint32(r.otherStreams.size());
+      << r.maxMomentary << r.outputMaxShortTerm << r.outputMaxMomentary << qint32(r.otherStreams.size());
     for (const VXGainResult::Stream &stream : r.otherStreams)
         s << stream.index << stream.gainDb << stream.normalization;
     s << r.album << r.albumI << r.albumTp << r.albumLra << r.albumGainDb << r.albumNormalization << r.tagTrackGain
@@ -29,7 +29,7 @@ QDataStream &operator>>(QDataStream &s, CliFileResult &r)
     qint32 streams = 0;
     s >> r.input >> r.output >> outcome >> r.reason >> r.targetLufs >> r.measurement >> r.seconds >> r.gainDb
         >> r.outputI >> r.outputTp >> r.outputLra >> r.normalization >> r.corrections >> r.warning >> r.maxShortTerm
-        >> r.maxMomentary >> streams;
+        >> r.maxMomentary >> r.outputMaxShortTerm >> r.outputMaxMomentary >> streams;
     r.outcome = CliOutcome(outcome);
     for (qint32 i = 0; i < streams && s.status() == QDataStream::Ok; ++i) {
         VXGainResult::Stream stream;

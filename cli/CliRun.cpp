@@ -4,6 +4,7 @@
 #include "cli/CliAnalyze.h"
 #include "cli/CliBatch.h"
 #include "cli/CliInputs.h"
+#include "cli/CliCompliance.h"
 #include "cli/CliProgress.h"
 #include "cli/CliSignals.h"
 #include "engine/VXAlbumBatch.h"
@@ -18,6 +19,7 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonArray>
 
 #include <unistd.h>
 
@@ -174,14 +176,37 @@ void cliRunJobs(CliRun &run)
         run.journal->sync();
 }
 
+namespace {
+
+// The report is made of the objects --json prints, so the two never
+// disagree, in the same order, each with the curves its file was drawn from.
+bool writeComplianceReport(CliRun &run)
+{
+    QJsonArray records;
+    std::vector<VXLoudness> inputs, outputs;
+    run.results.forEach([&](const CliFileResult &r) {
+        records.append(resultObject(r));
+        const CliRun::Curves curves = run.reportCurves.take(r.input);
+        inputs.emplace_back().shortTerm = curves.input;
+        outputs.emplace_back().shortTerm = curves.output;
+    });
+    const VXResult<> report = cliWriteComplianceReport(run.opt, records, inputs, outputs);
+    if (!report)
+        cliSay(QStringLiteral("evenloud-cli: no report: %1").arg(report.reason()));
+    return report.ok();
+}
+
+} // namespace
+
 int cliReport(CliRun &run)
 {
     cliSay(QStringLiteral("%1 file(s): %2 succeeded, %3 not").arg(run.results.count()).arg(run.results.succeeded()).arg(run.results.failed()));
     if (!run.opt.jsonl)
         run.results.writeReport(stdout, run.opt.json);
+    const bool reportFailed = !run.opt.reportFile.isEmpty() && !writeComplianceReport(run);
     vx::stopWorkerProcess();
     VXAudioGain::cleanCache();
     if (run.cancelled || CliSignals::pending())
         return CliSignals::exitStatus();
-    return run.results.failed() > 0 ? 1 : 0;
+    return run.results.failed() > 0 || reportFailed ? 1 : 0;
 }

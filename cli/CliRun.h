@@ -11,6 +11,7 @@
 #include "engine/codec/VXLoudnessMeter.h"
 
 #include <QByteArray>
+#include <QHash>
 #include <QString>
 #include <cstdio>
 #include <memory>
@@ -57,6 +58,19 @@ struct CliRun {
     // On a pool thread: the picture of input over output into the picture
     // folder; why it could not be written, or empty.
     QString drawPicture(const QString &input, const VXLoudness &inputCurve, const VXLoudness &output) const;
+    // Pictures to draw, in files or in the report: the curves are measured.
+    bool curves() const { return plot() || !opt.reportFile.isEmpty(); }
+    // With --report, each file's curves until the report is made, by input.
+    struct Curves {
+        std::vector<float> input;
+        std::vector<float> output;
+    };
+    QHash<QString, Curves> reportCurves;
+    void keepCurves(const QString &input, const VXLoudness &in, const VXLoudness &out)
+    {
+        if (!opt.reportFile.isEmpty())
+            reportCurves.insert(input, {in.shortTerm, out.shortTerm});
+    }
 };
 
 // The run's journal at path, for its settings; false once it has said why
@@ -70,5 +84,5 @@ bool cliCollectFiles(CliRun &run, int *status);
 void cliMeasureBeforeJobs(CliRun &run);
 // Every file through its steps, with progress on standard error.
 void cliRunJobs(CliRun &run);
-// The summary line, the table or JSON; the exit status.
+// The summary line, the table or JSON, the compliance report; the exit status.
 int cliReport(CliRun &run);

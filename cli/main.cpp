@@ -39,14 +39,15 @@ bool prepareOutputFolder(const QString &folder, QString *why)
 }
 
 // Text on a picture needs fonts, which only a QGuiApplication has; the
-// offscreen platform gives one without a display. Without --plot the tool
-// stays a plain QCoreApplication.
+// offscreen platform gives one without a display. Without --plot or
+// --report the tool stays a plain QCoreApplication.
 std::unique_ptr<QCoreApplication> makeApplication(int &argc, char **argv)
 {
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--") == 0)
             break;
-        if (std::strcmp(argv[i], "--plot") == 0 || std::strncmp(argv[i], "--plot=", 7) == 0) {
+        if (std::strcmp(argv[i], "--plot") == 0 || std::strncmp(argv[i], "--plot=", 7) == 0
+            || std::strcmp(argv[i], "--report") == 0 || std::strncmp(argv[i], "--report=", 9) == 0) {
             qputenv("QT_QPA_PLATFORM", "offscreen");
             return std::make_unique<QGuiApplication>(argc, argv);
         }

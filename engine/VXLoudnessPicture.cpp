@@ -69,7 +69,7 @@ struct Canvas {
 
     // One point a pixel column, the loudest of the steps it covers: a long
     // file still draws in a few milliseconds and no peak disappears.
-    void curve(const std::vector<float> &values, const QColor &colour) const
+    void curve(const std::vector<float> &values, const QColor &colour, double width) const
     {
         if (values.empty())
             return;
@@ -87,7 +87,7 @@ struct Canvas {
             started ? path.lineTo(point) : path.moveTo(point);
             started = true;
         }
-        p.setPen(QPen(colour, 1.5));
+        p.setPen(QPen(colour, width));
         p.setBrush(Qt::NoBrush);
         p.drawPath(path);
     }
@@ -98,21 +98,30 @@ struct Canvas {
             return;
         p.setPen(QPen(colour, 1.2, style));
         p.drawLine(QPointF(plot.left(), y(v)), QPointF(plot.right(), y(v)));
-        p.drawText(QRectF(plot.left() + 6, y(v) - 17, plot.width() - 12, 16), Qt::AlignRight | Qt::AlignBottom, label);
+        // Above its line, unless that is over the legend (a ceiling near 0).
+        const bool under = y(v) - 17 < plot.top();
+        p.drawText(QRectF(plot.left() + 6, under ? y(v) + 1 : y(v) - 17, plot.width() - 12, 16),
+                   Qt::AlignRight | (under ? Qt::AlignTop : Qt::AlignBottom), label);
     }
 
     void legend(const VXLoudnessPictureData &data) const
     {
         p.setPen(ink.text);
-        QString legend = data.title + QStringLiteral("    short-term loudness (LUFS, 3 s)");
+        QString figures = QStringLiteral("    short-term loudness (LUFS, 3 s)");
         if (std::isfinite(data.input.range))
-            legend += QStringLiteral("    LRA %1 LU").arg(data.input.range, 0, 'f', 1);
+            figures += QStringLiteral("    LRA %1 LU").arg(data.input.range, 0, 'f', 1);
         if (std::isfinite(data.input.truePeak))
-            legend += QStringLiteral("    true peak %1 dBTP").arg(data.input.truePeak, 0, 'f', 1);
-        p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignLeft | Qt::AlignVCenter, legend);
-        if (data.output.shortTerm.empty())
-            return;
+            figures += QStringLiteral("    true peak %1 dBTP").arg(data.input.truePeak, 0, 'f', 1);
+        const bool both = !data.output.shortTerm.empty();
         const QString output = QStringLiteral("output %1 LUFS").arg(data.output.integrated, 0, 'f', 1);
+        const QFontMetricsF metrics(p.font());
+        // A long name gives way, so the figures never run under the key.
+        const double key = both ? metrics.horizontalAdvance(QStringLiteral("input  ") + output) + 28 : 0;
+        const QString title = metrics.elidedText(data.title, Qt::ElideMiddle,
+                                                 std::max(0.0, plot.width() - key - metrics.horizontalAdvance(figures)));
+        p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignLeft | Qt::AlignVCenter, title + figures);
+        if (!both)
+            return;
         p.setPen(ink.output);
         p.drawText(QRectF(plot.left(), 6, plot.width(), 18), Qt::AlignRight | Qt::AlignVCenter, output);
         p.setPen(ink.input);
@@ -161,8 +170,8 @@ QImage VXLoudnessPicture(const VXLoudnessPictureData &data, QSize size)
                           QPointF(canvas.plot.right(), canvas.y(band.first))),
                    fill);
     }
-    canvas.curve(data.input.shortTerm, ink.input);
-    canvas.curve(data.output.shortTerm, ink.output);
+    canvas.curve(data.input.shortTerm, ink.input, data.curveWidth);
+    canvas.curve(data.output.shortTerm, ink.output, data.curveWidth);
     canvas.level(data.ceilingDbtp, ink.ceiling, Qt::DashLine,
                  QStringLiteral("ceiling %1 dBTP").arg(data.ceilingDbtp, 0, 'f', 1));
     canvas.level(data.targetLufs, ink.target, Qt::DashLine,

@@ -44,21 +44,47 @@ constexpr std::optional<float> positionForLufs(double lufs)
 
 } // namespace VXLoudnessScale
 
-// Delivery standards by the names people know them by. A preset without a
-// ceiling of its own keeps the one chosen (or the default).
+// Delivery standards by the names people know them by: the level and
+// ceiling a preset sets, and what a delivery is judged against (the
+// compliance report). A preset without a ceiling of its own keeps the one
+// chosen (or the default). NaN where the document sets no such limit.
 struct VXPreset {
     std::string_view name;
     float lufs;
-    float truePeak;  // dBTP; NaN where the standard names none
+    float truePeak;      // the ceiling the preset sets, dBTP
     std::string_view title;
+    float tolerance;     // LU either side of lufs
+    float maxTruePeak;   // dBTP
+    float maxShortTerm;  // LUFS, 3 s windows
+    float maxMomentary;  // LUFS, 400 ms windows
+    std::string_view source;
 };
 
+// Where each number comes from:
+// - EBU R 128 (v4.0, 2020): -23 LUFS, +-0.5 LU where normalising is
+//   possible (+-1 LU is for live programmes only), true peak at most -1 dBTP.
+//   R 128 sets no maximum short-term or momentary loudness for programmes.
+// - EBU R 128 s1 (v3.0, 2016), short-form content (commercials, trailers,
+//   promos): R 128's figures plus a maximum short-term loudness of -18 LUFS
+//   (+5 LU); the momentary alternative of earlier versions was dropped.
+// - ATSC A/85:2013: -24 LKFS with a +-2 dB tolerance, true peak at most -2 dBTP.
+// - Spotify for Artists, "Loudness normalization": -14 LUFS integrated, true
+//   peak kept below -1 dBTP. It publishes a target, not a tolerance: +-1 LU,
+//   the tolerance Apple publishes for podcasts.
+// - Apple Podcasts, "Audio requirements": -16 LKFS +-1 dB, true peak at most -1 dBFS.
+// - ReplayGain 2.0: -18 LUFS is the reference players bring files to; it sets
+//   no delivery tolerance (+-1 LU, as above) and no peak limit (players read
+//   the peak tags instead).
 inline constexpr VXPreset kVXPresets[] = {
-    {"ebu", -23.0f, -1.0f, "EBU R128 (broadcast)"},
-    {"atsc", -24.0f, -2.0f, "ATSC A/85 (US broadcast)"},
-    {"streaming", -14.0f, NAN, "Music streaming"},
-    {"podcast", -16.0f, NAN, "Podcasts and spoken word"},
-    {"replaygain", -18.0f, NAN, "ReplayGain 2.0 reference"},
+    {"ebu", -23.0f, -1.0f, "EBU R128 (broadcast)", 0.5f, -1.0f, NAN, NAN, "EBU R 128 (2020)"},
+    {"ebu-s1", -23.0f, -1.0f, "EBU R128 s1 (commercials, trailers)", 0.5f, -1.0f, -18.0f, NAN,
+     "EBU R 128 s1 (2016)"},
+    {"atsc", -24.0f, -2.0f, "ATSC A/85 (US broadcast)", 2.0f, -2.0f, NAN, NAN, "ATSC A/85:2013"},
+    {"streaming", -14.0f, NAN, "Music streaming", 1.0f, -1.0f, NAN, NAN,
+     "Spotify for Artists, Loudness normalization (no tolerance published: +-1 LU)"},
+    {"podcast", -16.0f, NAN, "Podcasts and spoken word", 1.0f, -1.0f, NAN, NAN, "Apple Podcasts, Audio requirements"},
+    {"replaygain", -18.0f, NAN, "ReplayGain 2.0 reference", 1.0f, NAN, NAN, NAN,
+     "ReplayGain 2.0 (no tolerance published: +-1 LU)"},
 };
 
 constexpr const VXPreset *VXPresetNamed(std::string_view name)

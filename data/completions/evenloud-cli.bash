@@ -16,9 +16,12 @@ _evenloud_cli()
         --files-from|--journal|--cache)
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+        --report)
+            compopt -o filenames 2>/dev/null
+            mapfile -t COMPREPLY < <(compgen -f -X '!*.@(html|pdf|csv)' -- "$cur"; compgen -d -- "$cur")
             return ;;
         --preset)
-            mapfile -t COMPREPLY < <(compgen -W 'ebu atsc streaming podcast replaygain' -- "$cur")
+            mapfile -t COMPREPLY < <(compgen -W 'ebu ebu-s1 atsc streaming podcast replaygain' -- "$cur")
             return ;;
         --meter)
             mapfile -t COMPREPLY < <(compgen -W 'ebur128 loudnorm' -- "$cur")
@@ -29,7 +32,7 @@ _evenloud_cli()
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W '--target --lufs --preset --true-peak --limit-peaks --output-folder
             --replace --preserve-mtime --recursive --jobs --json --analyze --meter --dual-mono --quick --skip-within --plot
-            --album --tags-only --lossless --undo-lossless --jsonl --files-from --null --journal --shard
+            --report --album --tags-only --lossless --undo-lossless --jsonl --files-from --null --journal --shard
             --cache --no-cache --watch --settle --done-folder --failed-folder --help --version' -- "$cur")
         return
     fi

@@ -1,7 +1,7 @@
 # fish completion for evenloud-cli
 complete -c evenloud-cli -s t -l target -x -d 'Target position 0-100 on the -70..-5 LUFS scale'
 complete -c evenloud-cli -s l -l lufs -x -d 'Target loudness in LUFS, -70 to -5'
-complete -c evenloud-cli -l preset -xa 'ebu atsc streaming podcast replaygain' -d 'A delivery standard: level and ceiling'
+complete -c evenloud-cli -l preset -xa 'ebu ebu-s1 atsc streaming podcast replaygain' -d 'A delivery standard: level and ceiling'
 complete -c evenloud-cli -l true-peak -x -d 'True-peak ceiling in dBTP, -9 to 0'
 complete -c evenloud-cli -l limit-peaks -d 'Reach the target, holding peaks with a limiter'
 complete -c evenloud-cli -s o -l output-folder -xa '(__fish_complete_directories)' -d 'Write results into DIR'
@@ -27,6 +27,7 @@ complete -c evenloud-cli -l dual-mono -d 'Measure mono files as if played on two
 complete -c evenloud-cli -l quick -d 'Accepted for older scripts; now the default'
 complete -c evenloud-cli -l skip-within -x -d 'Leave files within LU of the target untouched'
 complete -c evenloud-cli -l plot -xa '(__fish_complete_directories)' -d 'Write a loudness picture per file into DIR'
+complete -c evenloud-cli -l report -rF -d 'Write a compliance report to FILE (.html, .pdf or .csv)'
 complete -c evenloud-cli -l album -d 'Treat albums as one: every track moves by the album gain'
 complete -c evenloud-cli -l tags-only -d 'Write ReplayGain 2.0 tags instead of changing the audio'
 complete -c evenloud-cli -l lossless -d 'Change only the gain fields of Opus and MP3; no re-encoding'

@@ -158,18 +158,31 @@ private slots:
         QList<QAccessibleInterface *> all;
         collect(root, all);
         // Every control a user can act on says what it is and what it does.
-        const QList<QAccessible::Role> controls{QAccessible::PushButton, QAccessible::CheckBox, QAccessible::List,
-                                                QAccessible::EditableText, QAccessible::Slider,
-                                                QAccessible::SpinBox};
-        for (QAccessibleInterface *iface : std::as_const(all)) {
-            if (!controls.contains(iface->role()) || iface->state().invisible)
-                continue;
-            const QString what = iface->object() ? iface->object()->objectName() : QString();
-            QVERIFY2(!iface->text(QAccessible::Name).isEmpty(), qPrintable(what));
-            QVERIFY2(!iface->text(QAccessible::Description).isEmpty(), qPrintable(what));
-        }
+        auto everyControlSaysWhatItDoes = [](const QList<QAccessibleInterface *> &interfaces) {
+            const QList<QAccessible::Role> controls{QAccessible::PushButton, QAccessible::CheckBox,
+                                                    QAccessible::List,       QAccessible::EditableText,
+                                                    QAccessible::Slider,     QAccessible::SpinBox,
+                                                    QAccessible::ButtonMenu};
+            int checked = 0;
+            for (QAccessibleInterface *iface : interfaces) {
+                if (!controls.contains(iface->role()) || iface->state().invisible)
+                    continue;
+                const QString what = iface->object() ? iface->object()->objectName() : QString();
+                if (iface->text(QAccessible::Name).isEmpty() || iface->text(QAccessible::Description).isEmpty())
+                    return what;
+                ++checked;
+            }
+            return checked > 0 ? QString() : QStringLiteral("no control at all");
+        };
+        QCOMPARE(everyControlSaysWhatItDoes(all), QString());
         QVERIFY(findNamed(all, QAccessible::PushButton, QStringLiteral("Add files")));
-        QVERIFY(findNamed(all, QAccessible::EditableText, QStringLiteral("Output folder")));
+        // No folder chosen: said, not only shown as a placeholder.
+        QAccessibleInterface *folder = findNamed(all, QAccessible::EditableText, QStringLiteral("Output folder"));
+        QVERIFY(folder);
+        QCOMPARE(folder->text(QAccessible::Value), QString());
+        QCOMPARE(folder->text(QAccessible::Description), QStringLiteral("Please select a output folder"));
+        c->folderSheetDidEnd(QDialog::Accepted, m_tree, false);
+        QCOMPARE(folder->text(QAccessible::Description), QStringLiteral("Where the results are written"));
         QAccessibleInterface *list = findNamed(all, QAccessible::List, QStringLiteral("Files"));
         QVERIFY(list);
 
@@ -194,6 +207,8 @@ private slots:
         QVERIFY(findNamed(withPopup, QAccessible::Slider, QStringLiteral("Target loudness")));
         QVERIFY(findNamed(withPopup, QAccessible::SpinBox, QStringLiteral("Target position")));
         QVERIFY(findNamed(withPopup, QAccessible::CheckBox, QStringLiteral("Apply to all files")));
+        QVERIFY(findNamed(withPopup, QAccessible::SpinBox, QStringLiteral("Skip within")));
+        QCOMPARE(everyControlSaysWhatItDoes(withPopup), QString());
         QCOMPARE(QAccessible::queryAccessibleInterface(popup)->parent()->object(), c->window());
 
         // Alt+F4 in the popup closes it and the window, as in the window itself.

@@ -7,6 +7,7 @@
 #include "app/RQAppSettings.h"
 #include "app/RQBatchJournal.h"
 #include "app/RQAudioGainRows.h"
+#include "app/RQReportExport.h"
 #include "app/RQSettingsController.h"
 #include "engine/VXJournal.h"
 #include "engine/VXMeasureCache.h"
@@ -366,6 +367,28 @@ private slots:
         QVERIFY(m->output.measured() && !m->output.shortTerm.empty());
         QVERIFY(qAbs(m->output.integrated - rows->at(1)->loudnormValue()) < 1.0);
         QCOMPARE(c->window()->findChild<RQLoudnessView *>()->picture().output.integrated, m->output.integrated);
+
+        // File > Export Report: both rows, with the job's own figures for the result.
+        QAction *exportReport = c->window()->findChild<QAction *>(QStringLiteral("actionExportReport"));
+        QVERIFY(exportReport->isEnabled());
+        QSignalSpy written(c->reportExport(), &RQReportExport::finished);
+        c->exportReportTo(m_dir.filePath(QStringLiteral("report.csv")));
+        QVERIFY(waitFor([&] { return written.count() == 1; }));
+        QCOMPARE(written.at(0).at(1).toString(), QString());
+        const QStringList lines = QString::fromUtf8(fixtures::readFile(m_dir.filePath(QStringLiteral("report.csv"))))
+                                      .split(QStringLiteral("\r\n"), Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), 3);
+        const QStringList header = lines[0].split(QLatin1Char(','));
+        const QStringList ran = lines[2].split(QLatin1Char(','));
+        auto at = [&](const QStringList &row, const char *column) { return row.value(header.indexOf(QLatin1String(column))); };
+        QCOMPARE(at(ran, "file"), m_short[1]);
+        QCOMPARE(at(ran, "result"), QStringLiteral("ok"));
+        QCOMPARE(at(ran, "output_i"), QString::number(rows->at(1)->gainResult().outputI, 'f', 2));
+        QCOMPARE(at(ran, "judged"), QStringLiteral("output"));
+        QVERIFY(!at(ran, "output_max_short_term").isEmpty());
+        QCOMPARE(at(lines[1].split(QLatin1Char(',')), "result"), QStringLiteral("analyzed"));
+        c->cleanGains();
+        QVERIFY(!exportReport->isEnabled());
     }
 
     // A row whose job failed tells why when the pointer rests on its state

@@ -8,7 +8,9 @@
 #include <QCheckBox>
 #include <QDateTime>
 #include <QFileDialog>
+#include <QLineEdit>
 #include <QListView>
+#include <QMenuBar>
 #include <QMimeData>
 #include <QProgressBar>
 #include <QPushButton>
@@ -242,6 +244,66 @@ private slots:
         // The next import starts afresh.
         QVERIFY(c.import({folder}));
         QCOMPARE(c->audioGains()->count(), 30);
+    }
+
+    // The picture is hidden while the list is empty and opens with its
+    // first row; turned off, it stays off in the next session. Anywhere
+    // below the menu, the picture included, a drop adds the files, as Qt's
+    // window hands it to the nearest widget that takes drops.
+    void pictureOpensWithRowsAndDropsLandAnywhere()
+    {
+        QSettings().clear();
+        {
+            Controller c;
+            c->window()->show();
+            QVERIFY(QTest::qWaitForWindowExposed(c->window()));
+            auto *picture = c->window()->findChild<QWidget *>(QStringLiteral("loudnessView"));
+            auto *toggle = c->window()->findChild<QAction *>(QStringLiteral("actionShowLoudness"));
+            QVERIFY(picture->isHidden());
+            QVERIFY(toggle->isChecked());
+            QVERIFY(c.import({m_wav}));
+            QVERIFY(!picture->isHidden());
+            // Laid out on the next turn of the event loop.
+            QVERIFY(waitFor([&] { return picture->isVisible() && picture->height() > 0; }));
+
+            QWidget *central = c->window()->centralWidget();
+            auto targetAt = [&](QWidget *over) {
+                const QPoint at = over->mapTo(c->window(), over->rect().center());
+                QWidget *w = c->window()->childAt(at);
+                while (w && !w->acceptDrops() && !w->isWindow())
+                    w = w->parentWidget();
+                return w && w->acceptDrops() ? w : nullptr;
+            };
+            QCOMPARE(targetAt(picture), picture);
+            QCOMPARE(targetAt(c->btnGain()), central);
+            QCOMPARE(targetAt(c->txtFolder()), central);
+            QCOMPARE(targetAt(c->window()->menuBar()), nullptr);
+            int dropped = 1;
+            for (QWidget *target : {picture, central}) {
+                const QString copy = path(QStringLiteral("dropped%1.wav").arg(dropped));
+                QVERIFY(QFile::copy(m_wav, copy));
+                const auto data = urlsOf({copy});
+                QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, data.get(), Qt::LeftButton, Qt::NoModifier);
+                QApplication::sendEvent(target, &enter);
+                QVERIFY(enter.isAccepted());
+                bool done = false;
+                auto finished = connect(c.app.get(), &AppDelegate::importFinished, this, [&done] { done = true; });
+                QDropEvent drop(QPointF(5, 5), Qt::CopyAction, data.get(), Qt::LeftButton, Qt::NoModifier);
+                QApplication::sendEvent(target, &drop);
+                QVERIFY(drop.isAccepted());
+                QVERIFY(waitFor([&] { return done; }));
+                disconnect(finished);
+                QCOMPARE(c->audioGains()->count(), ++dropped);
+            }
+
+            toggle->trigger();
+            QVERIFY(picture->isHidden());
+        }
+        Controller next;
+        QVERIFY(next.import({m_wav}));
+        auto *nextPicture = next->window()->findChild<QWidget *>(QStringLiteral("loudnessView"));
+        QVERIFY(nextPicture->isHidden());
+        QVERIFY(!next->window()->findChild<QAction *>(QStringLiteral("actionShowLoudness"))->isChecked());
     }
 };
 
