@@ -25,35 +25,37 @@ VXError libavError(const char *what, int err)
     return VXError::because(QStringLiteral("%1: %2").arg(QLatin1String(what), errorString(err)), err);
 }
 
+// An empty frame of samples in frame's format, rate and layout.
+FramePtr frameLike(const AVFrame *frame, int samples)
+{
+    FramePtr made = makeFrame();
+    if (!made)
+        return nullptr;
+    made->format = frame->format;
+    made->sample_rate = frame->sample_rate;
+    made->nb_samples = samples;
+    if (av_channel_layout_copy(&made->ch_layout, &frame->ch_layout) < 0 || av_frame_get_buffer(made.get(), 0) < 0)
+        return nullptr;
+    return made;
+}
+
 // A frame's samples from offset on, in a frame of their own.
 FramePtr tail(const AVFrame *frame, int offset)
 {
-    FramePtr cut = makeFrame();
-    if (!cut)
-        return nullptr;
-    cut->format = frame->format;
-    cut->sample_rate = frame->sample_rate;
-    cut->nb_samples = frame->nb_samples - offset;
-    if (av_channel_layout_copy(&cut->ch_layout, &frame->ch_layout) < 0 || av_frame_get_buffer(cut.get(), 0) < 0)
-        return nullptr;
-    av_samples_copy(cut->extended_data, frame->extended_data, 0, offset, cut->nb_samples,
-                    frame->ch_layout.nb_channels, AVSampleFormat(frame->format));
+    FramePtr cut = frameLike(frame, frame->nb_samples - offset);
+    if (cut)
+        av_samples_copy(cut->extended_data, frame->extended_data, 0, offset, cut->nb_samples,
+                        frame->ch_layout.nb_channels, AVSampleFormat(frame->format));
     return cut;
 }
 
 // Silence in a frame's format.
 FramePtr silenceLike(const AVFrame *frame, int64_t samples)
 {
-    FramePtr gap = makeFrame();
-    if (!gap)
-        return nullptr;
-    gap->format = frame->format;
-    gap->sample_rate = frame->sample_rate;
-    gap->nb_samples = int(samples);
-    if (av_channel_layout_copy(&gap->ch_layout, &frame->ch_layout) < 0 || av_frame_get_buffer(gap.get(), 0) < 0)
-        return nullptr;
-    av_samples_set_silence(gap->extended_data, 0, gap->nb_samples, gap->ch_layout.nb_channels,
-                           AVSampleFormat(gap->format));
+    FramePtr gap = frameLike(frame, int(samples));
+    if (gap)
+        av_samples_set_silence(gap->extended_data, 0, gap->nb_samples, gap->ch_layout.nb_channels,
+                               AVSampleFormat(gap->format));
     return gap;
 }
 
