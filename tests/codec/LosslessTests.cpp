@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <ostream>
 
 using namespace codectest;
 
@@ -85,6 +86,9 @@ struct Case {
     double gainDb;
     int steps;
 };
+
+// Its name alone, so the test's name stays the same from build to build.
+void PrintTo(const Case &c, std::ostream *os) { *os << c.name; }
 
 class Lossless : public ::testing::TestWithParam<Case> {};
 
