@@ -4,6 +4,7 @@
 #include "app/RQDesktopServices.h"
 #include "engine/VXAlbumBatch.h"
 #include "engine/VXGainState.h"
+#include "engine/VXJournal.h"
 #include "engine/VXMainThread.h"
 #include "engine/codec/VXCodecConstants.h"
 
@@ -66,17 +67,29 @@ bool RQBatchController::start(const QList<VXAudioGainPtr> &chosen, const VXJobSe
     }
     // The albums of this press are its own files, grouped by the first job to run.
     VXAlbumBatch::prepareJobs(items, copy);
-    if (!items.isEmpty()) {
-        if (!batchRunning || !m_journal)
-            m_journal = RQBatchJournal::begin(items);
-        else
-            RQBatchJournal::add(*m_journal, items);
-    }
+    // A file with a journal of its own (a hot folder's) is resumed by it,
+    // not offered back with the batch.
+    QList<VXAudioGainPtr> journaled;
+    std::vector<char> inBatchJournal;
     for (const VXAudioGainPtr &item : std::as_const(items)) {
+        const std::shared_ptr<VXJournal> own = item->journal();
+        inBatchJournal.push_back(!own || RQBatchJournal::isBatchJournal(*own));
+        if (inBatchJournal.back())
+            journaled.append(item);
+    }
+    if (!journaled.isEmpty()) {
+        if (!batchRunning || !m_journal)
+            m_journal = RQBatchJournal::begin(journaled);
+        else
+            RQBatchJournal::add(*m_journal, journaled);
+    }
+    for (qsizetype i = 0; i < items.size(); ++i) {
+        const VXAudioGainPtr &item = items[i];
         item->setReplaceOriginalFile(inPlace);
         if (!item->replaceOriginalFile())
             item->setOutFolder(folder);
-        item->setJournal(m_journal);
+        if (inBatchJournal[size_t(i)])
+            item->setJournal(m_journal);
         join(item);
         m_pending.push_back(item);
     }

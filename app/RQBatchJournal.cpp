@@ -6,9 +6,11 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QSet>
+#include <atomic>
 
 namespace {
 
@@ -36,14 +38,22 @@ QString RQBatchJournal::folder()
 
 std::shared_ptr<VXJournal> RQBatchJournal::begin(const QList<VXAudioGainPtr> &items)
 {
-    const QString name = QStringLiteral("%1-%2.journal")
+    // Two presses within a millisecond are two batches all the same.
+    static std::atomic<int> serial{0};
+    const QString name = QStringLiteral("%1-%2-%3.journal")
                              .arg(QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd-HHmmsszzz")))
-                             .arg(QCoreApplication::applicationPid());
+                             .arg(QCoreApplication::applicationPid())
+                             .arg(serial++);
     VXResult<std::shared_ptr<VXJournal>> journal = VXJournal::open(folder() + QLatin1Char('/') + name, kKey);
     if (!journal)
         return nullptr;
     (*journal)->note(filesRecord(QStringLiteral("batch"), items));
     return *journal;
+}
+
+bool RQBatchJournal::isBatchJournal(const VXJournal &journal)
+{
+    return QFileInfo(journal.path()).absolutePath() == QFileInfo(folder()).absoluteFilePath();
 }
 
 void RQBatchJournal::add(VXJournal &journal, const QList<VXAudioGainPtr> &items)

@@ -25,6 +25,8 @@ std::shared_ptr<VXJournal> begin(const QList<VXAudioGainPtr> &items);
 void add(VXJournal &journal, const QList<VXAudioGainPtr> &items);
 // The batch has ended, each file as the user left it: nothing to resume.
 void finish(std::shared_ptr<VXJournal> journal);
+// Whether journal is a batch's (and not, say, a hot folder's).
+bool isBatchJournal(const VXJournal &journal);
 
 struct Interrupted {
     int total = 0;                        // files the batch held

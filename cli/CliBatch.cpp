@@ -254,6 +254,10 @@ void CliBatch::onReport(qsizetype file, qint32 state, qint64 retCode)
 void CliBatch::finishJob(qsizetype file, CliFileResult r)
 {
     Slot &slot = m_slots[file];
+    if (!slot.inputCurve.shortTerm.empty()) {
+        r.maxShortTerm = slot.inputCurve.maxShortTerm;
+        r.maxMomentary = slot.inputCurve.maxMomentary;
+    }
     if (!m_run.curves() || !outcomeSucceeded(r.outcome) || slot.inputCurve.shortTerm.empty() || m_cancelling) {
         m_run.keepCurves(r.input, slot.inputCurve, {});
         end(file, r);

@@ -156,6 +156,7 @@ public:
     // end go into, so that the run started again after a kill skips it.
     // Null: none.
     void setJournal(std::shared_ptr<VXJournal> journal);
+    std::shared_ptr<VXJournal> journal() const;
 
     static QString formatSize(quint64 bytes);
     static QString formatDuration(quint64 ticks);

@@ -78,6 +78,12 @@ void VXAudioGain::setJournal(std::shared_ptr<VXJournal> journal)
     m_journal = std::move(journal);
 }
 
+std::shared_ptr<VXJournal> VXAudioGain::journal() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_journal;
+}
+
 std::function<VXResult<>(const QString &, const VXFileId &)> VXAudioGain::journalHook() const
 {
     QMutexLocker locker(&m_lock);

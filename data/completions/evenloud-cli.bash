@@ -16,6 +16,7 @@ _evenloud_cli()
         --files-from|--journal|--cache)
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+            return ;;
         --report)
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -f -X '!*.@(html|pdf|csv)' -- "$cur"; compgen -d -- "$cur")
