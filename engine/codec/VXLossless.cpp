@@ -228,6 +228,8 @@ VXResult<LosslessResult> losslessHere(const LosslessRequest &request, const VXCa
     const QString container = QString::fromLatin1(input->iformat->name);
     const bool opus = codec == AV_CODEC_ID_OPUS && container == QLatin1String("ogg");
     const bool mp3 = codec == AV_CODEC_ID_MP3 && container == QLatin1String("mp3");
+    if (codec == AV_CODEC_ID_AAC)
+        return VXError::because(QStringLiteral("AAC's gain fields cannot be changed in place yet"));
     if (!opus && !mp3)
         return VXError::because(QStringLiteral("%1 in %2 has no gain field to change")
                                     .arg(QString::fromLatin1(avcodec_get_name(codec)), container));

@@ -71,10 +71,11 @@ TEST_F(CliLossless, MixedFormatsEachGetTheirKind)
     ASSERT_FALSE(fixtures::makeAudio(in, "a.mp3", 8, {"-c:a", "libmp3lame", "-q:a", "3"}).isEmpty());
     ASSERT_FALSE(fixtures::makeAudio(in, "b.ogg", 8, {"-c:a", "libopus", "-b:a", "96k"}).isEmpty());
     ASSERT_FALSE(fixtures::makeAudio(in, "c.flac", 8, {"-c:a", "flac"}).isEmpty());
+    ASSERT_FALSE(fixtures::makeAudio(in, "d.m4a", 8, {"-c:a", "aac", "-b:a", "128k"}).isEmpty());
     const CliRunResult r = runCli({"--lossless", "--lufs", "-21", "-o", tmp.filePath("out"), "--json", in});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString() << r.out.toStdString();
     const QJsonArray results = r.json();
-    ASSERT_EQ(results.size(), 3) << r.out.toStdString();
+    ASSERT_EQ(results.size(), 4) << r.out.toStdString();
 
     const QJsonObject mp3 = byName(results, "a.mp3"), opus = byName(results, "b.ogg"), flac = byName(results, "c.flac");
     EXPECT_EQ(mp3["normalization"].toString(), "lossless-step");
@@ -83,6 +84,10 @@ TEST_F(CliLossless, MixedFormatsEachGetTheirKind)
     EXPECT_TRUE(mp3["lossless"].toObject()["applied"].toBool());
     EXPECT_FALSE(flac["lossless"].toObject()["applied"].toBool());
     EXPECT_FALSE(flac["lossless"].toObject()["fallback"].toString().isEmpty());
+    // AAC is coded anew, and says why rather than claiming it has no gain field.
+    const QJsonObject aac = byName(results, "d.m4a");
+    EXPECT_EQ(aac["result"].toString(), "ok");
+    EXPECT_TRUE(aac["lossless"].toObject()["fallback"].toString().contains("AAC")) << aac["lossless"].toObject()["fallback"].toString().toStdString();
     // Whole steps, within half a step of the plan; Opus to the 1/256 dB.
     const double steps = mp3["lossless"].toObject()["steps"].toDouble();
     EXPECT_NEAR(mp3["gain_db"].toDouble(), steps * 1.505, 0.01);
