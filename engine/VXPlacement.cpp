@@ -106,9 +106,9 @@ bool isStagingName(const char *name)
 
 // Hidden staging files that a killed placement left beside the user's files.
 // One is taken only when no live process holds its lock (a placement keeps
-// its staged file locked until it is done) and it has not been written to
-// for a while, which covers the instant between a rename and its lock.
-// Each folder is looked at once per process.
+// its staged file locked from the moment it has its name until it is done)
+// and it is more than half a second old, which covers the instant between
+// its creation and its lock. Each folder is looked at once per process.
 void sweepStale(const QString &folder)
 {
     static QMutex lock;
@@ -124,12 +124,16 @@ void sweepStale(const QString &folder)
     if (!dir)
         return;
     dirFd.fd = -1;  // the DIR owns it now
-    const time_t now = ::time(nullptr);
+    timespec now {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    auto ageMsecs = [&now](const struct stat &st) {
+        return (now.tv_sec - st.st_mtim.tv_sec) * 1000 + (now.tv_nsec - st.st_mtim.tv_nsec) / 1000000;
+    };
     while (const dirent *entry = ::readdir(dir)) {
         struct stat st {};
         if (!isStagingName(entry->d_name)
             || ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)
-            || st.st_uid != ::geteuid() || now - st.st_mtime < 600)
+            || st.st_uid != ::geteuid() || ageMsecs(st) < 500)
             continue;
         FdCloser file{::openat(::dirfd(dir), entry->d_name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
         if (file.fd >= 0 && ::flock(file.fd, LOCK_EX | LOCK_NB) == 0)
@@ -161,13 +165,15 @@ VXResult<> stage(const QString &src, const QString &folder, const QString &name,
     }
     ::flock(out.fd, LOCK_EX);
     staged->path = QFile::decodeName(pattern);
-    if (::rename(native(src).constData(), pattern.constData()) == 0) {
+    // Locked before it takes the staged name, so that the name never holds
+    // an unlocked file a sweep could take for a dead placement's.
+    FdCloser moving{::open(native(src).constData(), O_RDONLY | O_CLOEXEC)};
+    if (moving.fd >= 0)
+        ::flock(moving.fd, LOCK_EX);
+    if (moving.fd >= 0 && ::rename(native(src).constData(), pattern.constData()) == 0) {
         staged->renamed = true;
-        ::close(out.fd);
-        out.fd = ::open(pattern.constData(), O_RDWR | O_CLOEXEC);
-        if (out.fd >= 0)
-            ::flock(out.fd, LOCK_EX);
-    } else if (errno == EXDEV) {
+        std::swap(out.fd, moving.fd);
+    } else if (moving.fd < 0 || errno == EXDEV) {
         FdCloser in{::open(native(src).constData(), O_RDONLY | O_CLOEXEC)};
         if (in.fd < 0 || !copyContent(in.fd, out.fd)) {
             const QString why = QStringLiteral("Cannot copy %1 to %2: %3").arg(src, folder, errnoText(errno));

@@ -256,6 +256,10 @@ TEST(Placement, StaleStagingFilesAreSweptLiveOnesKept)
     const struct timespec hourAgo[2] = {{::time(nullptr) - 3600, 0}, {::time(nullptr) - 3600, 0}};
     for (const QString &p : {stale, held, unrelated})
         ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(p).constData(), hourAgo, 0), 0);
+    // Just made, by a placement not yet holding its lock: its time is set a
+    // little ahead, so that a slow machine cannot age it before the sweep.
+    const struct timespec soon[2] = {{::time(nullptr) + 60, 0}, {::time(nullptr) + 60, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(fresh).constData(), soon, 0), 0);
     QFile holder(held);
     ASSERT_TRUE(holder.open(QIODevice::ReadOnly));
     ASSERT_EQ(::flock(holder.handle(), LOCK_EX), 0);  // as a live placement in another process holds it
