@@ -146,6 +146,6 @@ print(f"{len(plain)} of {n} files there, {len(done)} done, {twice} done twice, {
 EOF
 )
 say "kill and resume      $killed kills: $verdict"
-left=$(find "${TMPDIR:-/tmp}" /var/tmp -maxdepth 2 -path '*evenloud-*' -mindepth 2 2>/dev/null | wc -l)
+left=$(find "${TMPDIR:-/tmp}/evenloud-$(id -u)" "/var/tmp/evenloud-$(id -u)" -mindepth 1 -maxdepth 1 2>/dev/null | wc -l || true)
 say "temporary folders    $left left behind"
 echo "summary kept in $summary" >&2
