@@ -265,6 +265,11 @@ std::unique_ptr<Connection> Store::open(const QString &path, quint64 generation)
     }
     if (rc == SQLITE_OK)
         rc = exec(c->db, "PRAGMA synchronous = NORMAL");
+    // Each lookup is one indexed row: a small page cache per connection
+    // does, and the kernel's keeps the rest, so a run of cache hits needs no
+    // more memory than a run that measures.
+    if (rc == SQLITE_OK)
+        rc = exec(c->db, "PRAGMA cache_size = -256");
     if (rc == SQLITE_OK)
         rc = createSchema(c->db);
     if (rc == SQLITE_OK)
