@@ -2,6 +2,7 @@
 
 #include "engine/codec/VXBits.h"
 #include "engine/codec/VXCancel.h"
+#include "engine/codec/VXFileAt.h"
 #include "engine/codec/VXGainRecord.h"
 #include "engine/codec/VXLibav.h"
 #include "engine/codec/VXMeasurePrivate.h"
@@ -35,32 +36,6 @@ struct Fd {
 VXError ioError(const char *what)
 {
     return VXError::because(QStringLiteral("cannot %1 the file: %2").arg(QLatin1String(what), QString::fromLocal8Bit(std::strerror(errno))));
-}
-
-bool readAt(int fd, int64_t offset, uint8_t *p, size_t size)
-{
-    while (size > 0) {
-        const ssize_t n = ::pread(fd, p, size, off_t(offset));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        p += n, offset += n, size -= size_t(n);
-    }
-    return true;
-}
-
-bool writeAt(int fd, int64_t offset, const uint8_t *p, size_t size)
-{
-    while (size > 0) {
-        const ssize_t n = ::pwrite(fd, p, size, off_t(offset));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        p += n, offset += n, size -= size_t(n);
-    }
-    return true;
 }
 
 // The whole input into the output; the kernel copies where it can, and

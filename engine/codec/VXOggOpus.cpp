@@ -1,5 +1,7 @@
 #include "engine/codec/VXOggOpus.h"
 
+#include "engine/codec/VXFileAt.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -25,20 +27,6 @@ const std::array<uint32_t, 256> &crcTable()
         return t;
     }();
     return table;
-}
-
-bool readAt(int fd, int64_t offset, void *buffer, size_t size)
-{
-    auto *p = static_cast<uint8_t *>(buffer);
-    while (size > 0) {
-        const ssize_t n = ::pread(fd, p, size, off_t(offset));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        p += n, offset += n, size -= size_t(n);
-    }
-    return true;
 }
 
 } // namespace
