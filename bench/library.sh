@@ -42,8 +42,8 @@ bases=$corpus/bases
 if [ ! -f "$bases/.done" ]; then
   rm -rf "$bases"; mkdir -p "$bases"
   i=0
-  for spec in "mp3 -c:a libmp3lame -b:a 128k" "flac -c:a flac" "ogg -c:a libvorbis -q:a 4" "m4a -c:a aac -b:a 128k"; do
-    read -r ext enc <<<"$spec"
+  for format in "mp3 -c:a libmp3lame -b:a 128k" "flac -c:a flac" "ogg -c:a libvorbis -q:a 4" "m4a -c:a aac -b:a 128k"; do
+    read -r ext enc <<<"$format"
     for gain in -14 -6; do
       i=$((i + 1))
       # shellcheck disable=SC2086
